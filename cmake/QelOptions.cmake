@@ -1,0 +1,42 @@
+# What every target of ours is compiled and linked with. Used privately: nothing here reaches a project that embeds us.
+
+add_library(qel_options INTERFACE)
+
+target_compile_options(qel_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wnon-virtual-dtor
+                                             -Woverloaded-virtual -Wformat=2 -Werror=format-security)
+if(QEL_WERROR)
+  target_compile_options(qel_options INTERFACE -Werror)
+endif()
+
+# Hardening: Debian's set (dpkg-buildflags hardening=+all) and three more.
+target_compile_options(qel_options INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+target_compile_definitions(qel_options INTERFACE _GLIBCXX_ASSERTIONS)
+target_link_options(qel_options INTERFACE -Wl,-z,relro -Wl,-z,now)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported(LANGUAGES CXX)
+
+# Debug builds are optimised a little: fortification needs it, and the tests are several times faster.
+set(CMAKE_CXX_FLAGS_DEBUG "-Og -g1")
+
+if(QEL_SANITIZE)
+  target_compile_options(qel_options INTERFACE -fsanitize=${QEL_SANITIZE} -fno-sanitize-recover=all
+                                               -fno-omit-frame-pointer)
+  target_link_options(qel_options INTERFACE -fsanitize=${QEL_SANITIZE})
+  if(QEL_SANITIZE MATCHES "thread")
+    # GCC warns that the thread sanitizer does not model fences, which Boost.Asio uses.
+    target_compile_options(qel_options INTERFACE -Wno-tsan)
+  endif()
+else()
+  # Fortified calls hide accesses from the sanitizers, so it is either the one or the other.
+  target_compile_options(qel_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+endif()
+
+# Signed overflow aborts instead of wrapping.
+add_library(qel_trapping INTERFACE)
+target_compile_options(qel_trapping INTERFACE -ftrapv)
+
+find_program(QEL_CCACHE ccache)
+if(QEL_CCACHE AND QEL_IS_TOP_LEVEL)
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${QEL_CCACHE}")
+endif()

@@ -1,0 +1,253 @@
+#pragma once
+
+#include "common/Publisher.h"
+#include "common/RmqMessage.h"
+#include "common/RmqTable.h"
+
+#include <boost/shared_ptr.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+
+/** Certificates for broker URLs of the scheme amqps; empty names are not used. */
+struct TlsFiles
+{
+    std::string caFile;
+    std::string certificateFile;
+    std::string keyFile;
+};
+
+/** How the link reaches the broker. */
+struct LinkSettings
+{
+    /** AMQP URLs (amqp:// or amqps://, RabbitMQ URI specification), tried in turn; at least one. */
+    std::vector<std::string> urls;
+    /** Replace what the URLs say, when not empty. The password is never logged. */
+    std::string user;
+    std::string password;
+    TlsFiles tls;
+    /** Shown by the broker's tools as the connection's name. */
+    std::string connectionName;
+    /** 0 asks the broker for no heartbeats. */
+    std::chrono::seconds heartbeat{10};
+    /** Bodies above this many bytes are refused as they arrive. */
+    std::size_t maxBodyBytes = 134217728;
+    /** How much may wait to be published or confirmed before Publish answers `overloaded`. */
+    std::size_t maxUnconfirmed = 10000;
+    std::size_t maxUnconfirmedBytes = 67108864;
+    /** Give up (Listener::OnGaveUp) when the first connection cannot be made in this time; 0 tries for ever. */
+    std::chrono::milliseconds firstConnectDeadline{0};
+};
+
+/** An exchange to declare. */
+struct ExchangeSpec
+{
+    std::string name;
+    std::string type;
+    /** Only check that it exists. */
+    bool passive = false;
+};
+
+/** A queue to declare and, unless prefetch is 0, to consume from, each consumer on a channel of its own. */
+struct QueueSpec
+{
+    std::string name;
+    bool durable = true;
+    bool exclusive = false;
+    bool autoDelete = false;
+    bool passive = false;
+    RmqTable arguments;
+    /** Unsettled messages the broker may send ahead; 0 declares without consuming. */
+    std::uint16_t prefetch = 0;
+
+    bool operator==(const QueueSpec&) const = default;
+};
+
+/** A topic (routing key) bound on an exchange to a queue. */
+struct Binding
+{
+    std::string queue;
+    std::string exchange;
+    std::string topic;
+
+    auto operator<=>(const Binding&) const = default;
+};
+
+/** Everything that has to exist on the broker, in the order in which it is restored after a (re)connect. */
+struct DesiredTopology
+{
+    std::vector<ExchangeSpec> exchanges;
+    /** The agent's own queues: restored before the bindings. */
+    std::vector<QueueSpec> ownQueues;
+    std::vector<Binding> bindings;
+    /** The applications' queues: restored after the bindings. */
+    std::vector<QueueSpec> applicationQueues;
+};
+
+/** How a request to the broker ended. */
+enum class Answer
+{
+    ok,
+    /** The broker refuses it for good, or the name could never be sent. */
+    refused,
+    /** No answer could be had within the deadline, reconnects included. */
+    unanswered
+};
+
+/** The answer with the AMQP reply code (0 when it did not come from the broker) and a text for logs. */
+struct RequestResult
+{
+    Answer answer = Answer::unanswered;
+    std::uint16_t code = 0;
+    std::string text;
+};
+
+/**
+ * Which delivery is meant when settling: valid only on the channel that delivered it and only while that channel
+ * lives. A settlement whose generation is over is dropped: the broker delivers the message again by itself.
+ */
+struct DeliveryTag
+{
+    /** Counts the openings of delivery channels over the link's life; never used twice. */
+    std::uint64_t generation = 0;
+    /** The AMQP delivery tag. */
+    std::uint64_t tag = 0;
+};
+
+/** A message as it came from the broker. */
+struct IncomingMessage
+{
+    DeliveryTag tag;
+    std::string queue;
+    std::string exchange;
+    std::string routingKey;
+    bool redelivered = false;
+    boost::shared_ptr<RmqProperties> properties;
+    std::string body;
+};
+
+/** How settling one delivery is told to the broker. */
+enum class SettleAs
+{
+    ack,
+    /** basic.reject without requeue: the queue's own dead-letter exchange takes it. */
+    reject,
+    /** basic.reject with requeue: back to the queue at once. */
+    requeue
+};
+
+/** The connection as an operator wants to see it. Copied out under a lock. */
+struct LinkStatus
+{
+    bool connected = false;
+    /** Connected and the desired topology restored. */
+    bool restored = false;
+    /** The publishing connection is blocked by a broker alarm. */
+    bool blocked = false;
+    /** The URL in use (or tried), without user and password. */
+    std::string url;
+    std::size_t urlIndex = 0;
+    std::uint64_t reconnects = 0;
+    std::string lastError;
+};
+
+/**
+ * The link's user. Every operation is called on the I/O thread and must not block; a listener outlives the link.
+ */
+class LinkListener
+{
+  public:
+    virtual ~LinkListener() = default;
+
+    /** What to restore on a connection that was just opened. */
+    virtual DesiredTopology OnConnected() = 0;
+    /** Everything of the desired topology is in place; deliveries may have come before. */
+    virtual void OnRestored() = 0;
+    /** One item could not be restored; it is tried again with back-off when `result` is not a refusal. */
+    virtual void OnRestoreFailed(const std::string& what, const RequestResult& result) = 0;
+    /** The connection ended; every delivery tag is void. */
+    virtual void OnDisconnected(const std::string& why) = 0;
+    /** The broker cancelled our consumer (its queue was deleted); it is declared and consumed again with back-off. */
+    virtual void OnConsumerCancelled(const std::string& queue) = 0;
+    /** A delivery; move from it. */
+    virtual void OnDelivery(IncomingMessage&& message) = 0;
+    /** A delivery that cannot be decoded or is over a limit was rejected without requeue. */
+    virtual void OnRefusedDelivery(const std::string& queue, const std::string& why) = 0;
+    /** LinkSettings::firstConnectDeadline passed. */
+    virtual void OnGaveUp(const std::string& why) = 0;
+};
+
+/**
+ * BrokerLink keeps the agent connected to RabbitMQ and is the only thing that talks to it.
+ *
+ * It owns one I/O thread and two AMQP connections: one consumes, settles and carries topology requests, the other is
+ * opened at the first publish and publishes with confirms (a broker alarm stops the reading of a connection that has
+ * published, so they must not be one). A lost connection is made again, with full-jitter back-off, for ever, and the
+ * listener's desired topology restored on it.
+ *
+ * Every operation may be called from any thread; the synchronous requests from any but the I/O thread. Requests made
+ * while disconnected wait for the connection within their deadline.
+ */
+class BrokerLink : public Publisher
+{
+  public:
+    BrokerLink(LinkSettings settings, LinkListener& listener);
+    /** Stops as Stop(0) does when still running. */
+    ~BrokerLink() override;
+    BrokerLink(const BrokerLink&) = delete;
+    BrokerLink& operator=(const BrokerLink&) = delete;
+
+    /** Starts the I/O thread and the first connection attempt. Call once. @throws QelException for a malformed URL. */
+    void Start();
+
+    /** Cancels every consumer; settlements and publishes go on. Does not wait. */
+    void StopConsuming();
+
+    /**
+     * Flushes settlements and unconfirmed publishes for at most `budget`, closes both connections in order and joins
+     * the I/O thread. Pending requests are answered `unanswered`, pending publishes `timedOut`. Idempotent.
+     */
+    void Stop(std::chrono::milliseconds budget);
+
+    /** Topology requests. `deadline` counts from the call and spans reconnects: idempotent requests are repeated. */
+    RequestResult Bind(const Binding& binding, std::chrono::milliseconds deadline);
+    RequestResult Unbind(const Binding& binding, std::chrono::milliseconds deadline);
+    /** Declares the queue and, when its prefetch is not 0, consumes from it; ok when both are. */
+    RequestResult DeclareQueue(const QueueSpec& queue, std::chrono::milliseconds deadline);
+    /** Stops consuming from the queue; ok also when it was not consumed. What is unsettled stays to be settled. */
+    RequestResult CancelQueue(const std::string& queue, std::chrono::milliseconds deadline);
+    /** Deletes the queue when it is empty and unused; ok also when it does not exist. */
+    RequestResult DeleteEmptyQueue(const std::string& queue, std::chrono::milliseconds deadline);
+    /** How many messages are ready in the queue (passive declare); the count is in `messages` when ok. */
+    RequestResult CountMessages(
+        const std::string& queue, std::chrono::milliseconds deadline, std::uint32_t& messages);
+
+    /** Settles one delivery; acks are collected and sent with `multiple` where they are contiguous. */
+    void Settle(const DeliveryTag& tag, SettleAs as);
+
+    void Publish(OutgoingMessage message, PublishCompletion completion) override;
+
+    /** Stops (or goes on) reading deliveries from the socket: the bound on memory when too many bytes are held. */
+    void PauseReading(bool paused);
+
+    /** Leaves the current broker and connects to the URL of this index instead. Does not wait. */
+    void MoveTo(std::size_t urlIndex);
+
+    /** Reads the TLS files again for connections made from now on. */
+    void ReloadTls();
+
+    LinkStatus Status() const;
+
+  private:
+    class Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+} // namespace VtxQel
