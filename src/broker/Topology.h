@@ -1,0 +1,128 @@
+#pragma once
+
+#include "broker/BrokerLink.h"
+#include "broker/Journal.h"
+#include "common/RmqInfo.h"
+
+#include <cstddef>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+
+/** The requests by which Topology changes the broker. Synchronous, each within its own deadline. */
+class TopologyPort
+{
+  public:
+    virtual ~TopologyPort() = default;
+    virtual RequestResult Bind(const Binding& binding) = 0;
+    virtual RequestResult Unbind(const Binding& binding) = 0;
+    virtual RequestResult Consume(const std::string& queue) = 0;
+    virtual RequestResult StopConsuming(const std::string& queue) = 0;
+};
+
+/**
+ * Topology knows which application uses which binding and queue, asks the broker only for what changes, and keeps the
+ * journal of it.
+ *
+ * A configuration is carried out between Begin and End, by one thread at a time; the handler's operations in between are
+ * the application's. What the new configuration wants again in the same place is neither unbound nor bound, so that no
+ * message for it is lost and an unchanged configuration costs no request. A binding that several applications use goes
+ * when its last user goes. What could not be removed stays as an orphan until RemoveOrphans succeeds.
+ *
+ * Reading operations may be called from any thread. No lock that they take is held across a request.
+ */
+class Topology
+{
+  public:
+    Topology(TopologyPort& port, Journal& journal, const RmqInfo& info);
+
+    /**
+     * Takes over what the journal holds, before anything is connected. Routes of applications that are not known
+     * any more, and those that were being removed, become orphans.
+     * @return the routes in use, in the order of recording.
+     */
+    std::vector<RouteRecord> Restore(const std::function<bool(const std::string& application)>& isKnown);
+
+    /** Starts carrying out a configuration: `wanted` is the application's new set of routes. */
+    void Begin(const std::string& application, const std::vector<RouteRecord>& wanted);
+    /** The configuration failed: from now on nothing is wanted. */
+    void Withdraw();
+    /** Ends it: removes whatever the application still has and does not want. @return false when orphans remain. */
+    bool End();
+
+    /** The handler's operations; the results are those of RmqClient. */
+    bool Bind(const Binding& binding);
+    bool Unbind(const Binding& binding);
+    bool Declare(const std::string& queue);
+    bool Cancel(const std::string& queue);
+
+    /** Tries to unbind every orphan. @return whether none is left. */
+    bool RemoveOrphans();
+
+    /** The process is about to end: the broker and the journal stay as they are, whatever is asked. */
+    void Freeze();
+
+    std::vector<Binding> Bindings() const;
+    std::vector<std::string> Queues() const;
+    /** The queue that some application's topic is bound to; the normal client queue before the priority queue. */
+    std::optional<std::string> QueueOf(const std::string& topic) const;
+    /** Whether the name is one that no application may use: the agent's own queues and the parking queues. */
+    bool IsReserved(const std::string& name) const;
+    bool IsJournalDegraded() const;
+
+  private:
+    struct Use
+    {
+        std::vector<std::string> users;
+        RouteState state = RouteState::intended;
+    };
+    struct Routes
+    {
+        std::set<Binding> bindings;
+        std::set<std::string> queues;
+        bool operator==(const Routes&) const = default;
+    };
+    struct Frame
+    {
+        std::string application;
+        Routes wanted;
+        bool withdrawn = false;
+        std::unique_lock<std::mutex> turn;
+    };
+
+    RouteRecord Record(const Binding& binding, RouteState state) const;
+    RouteRecord Record(const std::string& queue, RouteState state) const;
+    void Note(const RouteRecord& record, bool erase = false);
+    void RepairJournal();
+    bool IsWanted(const Binding& binding) const;
+    bool IsWanted(const std::string& queue) const;
+    void AddUser(const Binding& binding);
+    bool DropUser(const Binding& binding);
+    void CheckNotFrozen() const;
+    RequestResult Remove(const Binding& binding);
+    Routes Unwanted() const;
+
+    TopologyPort& m_port;
+    Journal& m_journal;
+    const RmqInfo m_info;
+    const std::string m_parkingPrefix;
+
+    /** Held while one configuration, or the removal of one orphan, is carried out. */
+    std::mutex m_turn;
+    /** Guards everything below. */
+    mutable std::mutex m_mutex;
+    std::optional<Frame> m_frame;
+    std::map<Binding, Use> m_bindings;
+    std::map<std::string, Use> m_queues;
+    std::map<std::string, Routes> m_routes;
+    bool m_frozen = false;
+};
+
+} // namespace VtxQel

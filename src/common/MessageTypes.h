@@ -1,0 +1,15 @@
+#pragma once
+
+#include <string_view>
+
+namespace VtxQel
+{
+
+/** The AMQP `type` of the messages that the management plane and the agent exchange. */
+constexpr std::string_view PING_REQUEST_TYPE = "com.brelix.vtx.messaging.ping.PingRequest";
+constexpr std::string_view PING_REPLY_TYPE = "com.brelix.vtx.messaging.ping.PingReply";
+constexpr std::string_view REASSIGN_HINT_TYPE = "com.brelix.vtx.messaging.discovery.ReassignHint";
+constexpr std::string_view APP_INIT_CONFIG_TYPE = "com.brelix.vtx.messaging.appinit.AppInitConfigMsg";
+constexpr std::string_view APP_INIT_REQUEST_TYPE = "com.brelix.vtx.messaging.appinit.AppInitRequestMsg";
+
+} // namespace VtxQel
