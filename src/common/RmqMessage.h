@@ -63,7 +63,7 @@ class RmqMessage
     virtual const std::string& GetAppName() const = 0;
     /** The properties record; never empty. */
     virtual boost::shared_ptr<RmqProperties> GetProperties() const = 0;
-    /** The message in printable form, for logs: one line, control characters escaped, the body's size but no content. */
+    /** The message in printable form, for logs: one line, control characters escaped, the body's size, no content. */
     virtual std::string ToString() const = 0;
 };
 

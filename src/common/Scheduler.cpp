@@ -10,7 +10,10 @@ Scheduler::Scheduler(const std::string& name) : m_thread([this] { Run(); })
     pthread_setname_np(m_thread.native_handle(), name.substr(0, 15).c_str());
 }
 
-Scheduler::~Scheduler() { Stop(); }
+Scheduler::~Scheduler()
+{
+    Stop();
+}
 
 void Scheduler::After(Clock::duration delay, Task task)
 {

@@ -16,9 +16,9 @@ namespace VtxQel
 /**
  * Scheduler runs tasks on one thread of its own, each at its time, one after the other.
  *
- * Every operation may be called from any thread, also from a task. Tasks that throw end the process: a task catches what
- * it can expect. Stop() lets the running task finish, drops the others and joins the thread; it must not be called from
- * a task. A scheduler whose tasks block delays only its own tasks, so blocking work gets a scheduler of its own.
+ * Every operation may be called from any thread, also from a task. Tasks that throw end the process: a task catches
+ * what it can expect. Stop() lets the running task finish, drops the others and joins the thread; it must not be called
+ * from a task. A scheduler whose tasks block delays only its own tasks, so blocking work gets a scheduler of its own.
  */
 class Scheduler
 {
