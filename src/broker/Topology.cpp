@@ -2,7 +2,7 @@
 
 #include "common/QelException.h"
 #include "common/SFormat.h"
-#include "logging/Logger.h"
+#include "logging/Log.h"
 
 #include <algorithm>
 
@@ -166,7 +166,7 @@ bool Topology::Bind(const Binding& binding)
         if (IsReserved(binding.topic))
         {
             QEL_LOG(
-                vtx::LOG_WARNING, "topic %s is the name of a queue of the agent's own; the configuration is refused",
+                vtx::LevelWarning, "topic %s is the name of a queue of the agent's own; the configuration is refused",
                 binding.topic.c_str());
             return false;
         }
@@ -195,7 +195,7 @@ bool Topology::Bind(const Binding& binding)
         return true;
     case Answer::refused:
         QEL_LOG(
-            vtx::LOG_WARNING, "the broker refuses to bind topic %s to queue %s: %s", binding.topic.c_str(),
+            vtx::LevelWarning, "the broker refuses to bind topic %s to queue %s: %s", binding.topic.c_str(),
             binding.queue.c_str(), result.text.c_str());
         if (DropUser(binding))
         {
@@ -231,7 +231,7 @@ bool Topology::Unbind(const Binding& binding)
     if (result.answer != Answer::ok)
     {
         QEL_LOG(
-            vtx::LOG_WARNING, "topic %s could not be unbound from queue %s: %s", binding.topic.c_str(),
+            vtx::LevelWarning, "topic %s could not be unbound from queue %s: %s", binding.topic.c_str(),
             binding.queue.c_str(), result.text.c_str());
     }
     return result.answer == Answer::ok;
@@ -248,7 +248,7 @@ bool Topology::Declare(const std::string& queue)
         {
             const std::string owner = known == m_queues.end() ? "the agent" : known->second.users.front();
             QEL_LOG(
-                vtx::LOG_WARNING, "queue %s belongs to %s; the configuration is refused", queue.c_str(), owner.c_str());
+                vtx::LevelWarning, "queue %s belongs to %s; the configuration is refused", queue.c_str(), owner.c_str());
             return false;
         }
         if (mine && known->second.state == RouteState::inForce)
@@ -269,7 +269,7 @@ bool Topology::Declare(const std::string& queue)
         return true;
     case Answer::refused:
         QEL_LOG(
-            vtx::LOG_WARNING, "the broker refuses to declare or consume queue %s: %s", queue.c_str(),
+            vtx::LevelWarning, "the broker refuses to declare or consume queue %s: %s", queue.c_str(),
             result.text.c_str());
         m_queues.erase(queue);
         m_routes[m_frame ? m_frame->application : std::string()].queues.erase(queue);
@@ -324,7 +324,7 @@ bool Topology::RemoveOrphans()
         if (result.answer != Answer::ok)
         {
             QEL_LOG(
-                vtx::LOG_WARNING, "nobody uses topic %s any more, but it stays bound to queue %s: %s",
+                vtx::LevelWarning, "nobody uses topic %s any more, but it stays bound to queue %s: %s",
                 binding.topic.c_str(), binding.queue.c_str(), result.text.c_str());
             return false;
         }
@@ -336,6 +336,12 @@ void Topology::Freeze()
 {
     const std::lock_guard lock(m_mutex);
     m_frozen = true;
+}
+
+bool Topology::IsFrozen() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_frozen;
 }
 
 std::vector<Binding> Topology::Bindings() const

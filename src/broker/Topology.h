@@ -68,6 +68,7 @@ class Topology
 
     /** The process is about to end: the broker and the journal stay as they are, whatever is asked. */
     void Freeze();
+    bool IsFrozen() const;
 
     std::vector<Binding> Bindings() const;
     std::vector<std::string> Queues() const;

@@ -1,0 +1,294 @@
+#include "broker/BrokerClient.h"
+
+#include "common/MessageTypes.h"
+#include "logging/Log.h"
+
+#include <boost/make_shared.hpp>
+
+#include <future>
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+/** How long a request of the handler may take, reconnects included: longer than a quorum queue's fail-over (6 to 12 s). */
+constexpr std::chrono::seconds REQUEST_BUDGET{30};
+constexpr std::chrono::seconds PING_REPLY_BUDGET{5};
+constexpr std::chrono::seconds PARKING_RETRY{1};
+
+/**
+ * How often the broker delivers one message before it dead-letters it by itself: a message that ends the process each
+ * time must not do so for ever.
+ */
+constexpr std::int64_t DELIVERY_LIMIT = 20;
+
+/** RabbitMQ's direct reply-to: delivered to the requester itself, and reported as unroutable when mandatory. */
+constexpr const char* DIRECT_REPLY_TO = "amq.rabbitmq.reply-to";
+
+} // namespace
+
+BrokerClient::BrokerClient(
+    BrokerSettings settings, boost::shared_ptr<RoutingRegistry> registry, Journal& journal, ApplicationNames names,
+    BrokerEvents events)
+    : m_settings(std::move(settings)), m_names(std::move(names)), m_events(std::move(events)),
+      m_info(boost::make_shared<RmqInfo>(m_settings.names)), m_worker("qel-worker"), m_timers("qel-timers"),
+      m_topology(*this, journal, *m_info), m_link(m_settings.link, *this),
+      m_settlement(
+          m_link, *m_info, m_worker,
+          [this](const std::string& queue) {
+              return m_link.DeclareQueue(PlainQueue(queue, 0), REQUEST_BUDGET).answer == Answer::ok;
+          }),
+      m_lanes(std::move(registry), m_info, m_settlement, m_timers)
+{
+    m_settlement.SetHeldObserver([this](std::size_t bytes) { OnHeld(bytes); });
+}
+
+BrokerClient::~BrokerClient()
+{
+    StopConsuming();
+    Stop(std::chrono::milliseconds(0));
+}
+
+void BrokerClient::Start()
+{
+    m_lanes.Start();
+    m_link.Start();
+}
+
+void BrokerClient::StopConsuming()
+{
+    m_stopping = true;
+    m_link.StopConsuming();
+    // A configuration in hand ends at its next request, and the broker keeps its message.
+    m_topology.Freeze();
+    m_timers.Stop();
+    m_lanes.Stop();
+}
+
+void BrokerClient::Stop(std::chrono::milliseconds budget)
+{
+    m_link.Stop(budget);
+    m_worker.Stop();
+}
+
+bool BrokerClient::CancelQueue(const std::string& queue) { return m_topology.Cancel(queue); }
+
+bool BrokerClient::DeclareQueue(const std::string& queue) { return m_topology.Declare(queue); }
+
+bool BrokerClient::BindTopic(const std::string& queue, const std::string& exchange, const std::string& topic)
+{
+    return m_topology.Bind({queue, exchange, topic});
+}
+
+bool BrokerClient::UnbindTopic(const std::string& clientQueue, const std::string& exchange, const std::string& topic)
+{
+    return m_topology.Unbind({clientQueue, exchange, topic});
+}
+
+bool BrokerClient::SendPingReply(
+    const std::string& exchange, const std::string& replyTo, const std::string& correlationId)
+{
+    OutgoingMessage reply;
+    reply.exchange = exchange;
+    reply.routingKey = replyTo;
+    reply.properties.type = PING_REPLY_TYPE;
+    reply.properties.correlationId = correlationId;
+    reply.mandatory = !replyTo.starts_with(DIRECT_REPLY_TO);
+    reply.deadline = PING_REPLY_BUDGET;
+    if (replyTo.empty())
+    {
+        return false;
+    }
+    auto answered = std::make_shared<std::promise<PublishResult>>();
+    m_link.Publish(std::move(reply), [answered](PublishResult result, const std::string&) {
+        answered->set_value(result);
+    });
+    return answered->get_future().get() == PublishResult::confirmed;
+}
+
+void BrokerClient::ConsumeParking(const std::string& application, std::uint16_t prefetch)
+{
+    const std::lock_guard lock(m_parkingMutex);
+    m_parking[application] = prefetch;
+    m_worker.Post([this, application] { ReconcileParking(application); });
+}
+
+void BrokerClient::StopParking(const std::string& application, bool giveBack)
+{
+    const std::lock_guard lock(m_parkingMutex);
+    m_parking.erase(application);
+    m_worker.Post([this, queue = m_settlement.ParkingQueue(application), giveBack] {
+        if (giveBack)
+        {
+            m_link.ReleaseQueue(queue, REQUEST_BUDGET);
+        }
+        else
+        {
+            m_link.CancelQueue(queue, REQUEST_BUDGET);
+        }
+    });
+}
+
+void BrokerClient::ReconcileParking(const std::string& application)
+{
+    QueueSpec queue;
+    {
+        const std::lock_guard lock(m_parkingMutex);
+        const auto wanted = m_parking.find(application);
+        if (wanted == m_parking.end() || m_stopping)
+        {
+            return;
+        }
+        queue = PlainQueue(m_settlement.ParkingQueue(application), wanted->second);
+    }
+    const RequestResult result = m_link.DeclareQueue(queue, REQUEST_BUDGET);
+    if (result.answer != Answer::ok)
+    {
+        QEL_LOG(
+            vtx::LevelWarning, "parking queue %s cannot be consumed, trying again: %s", queue.name.c_str(),
+            result.text.c_str());
+        m_worker.After(PARKING_RETRY, [this, application] { ReconcileParking(application); });
+    }
+}
+
+DesiredTopology BrokerClient::OnConnected()
+{
+    DesiredTopology desired;
+    desired.exchanges = {{m_info->exchange, m_info->exchangeType, m_settings.exchangePassive}};
+    desired.ownQueues = {
+        PlainQueue(m_info->deadLetterQueue, 0), OwnQueue(m_info->clientQueue), OwnQueue(m_info->priorityQueue)};
+    desired.bindings = m_topology.Bindings();
+    for (const std::string& queue : m_topology.Queues())
+    {
+        desired.applicationQueues.push_back(PlainQueue(queue, m_settings.prefetch));
+    }
+    const std::lock_guard lock(m_parkingMutex);
+    for (const auto& [application, prefetch] : m_parking)
+    {
+        desired.applicationQueues.push_back(PlainQueue(m_settlement.ParkingQueue(application), prefetch));
+    }
+    return desired;
+}
+
+void BrokerClient::OnRestored() { m_events.restored(); }
+
+void BrokerClient::OnRestoreFailed(const std::string& what, const RequestResult& result)
+{
+    QEL_LOG(vtx::LevelWarning, "%s could not be restored: %s", what.c_str(), result.text.c_str());
+}
+
+void BrokerClient::OnDisconnected(const std::string& why)
+{
+    QEL_LOG(vtx::LevelDetail, "deliveries in hand belong to the broker again: %s", why.c_str());
+    m_settlement.OnDisconnected();
+    m_events.disconnected();
+}
+
+void BrokerClient::OnConsumerCancelled(const std::string& queue)
+{
+    QEL_LOG(
+        vtx::LevelWarning, "the broker has cancelled the consumer of queue %s (was it deleted?); declaring it again",
+        queue.c_str());
+}
+
+void BrokerClient::OnDelivery(IncomingMessage&& message)
+{
+    m_lanes.Push(boost::make_shared<BrokerMessage>(std::move(message), m_settlement, m_names));
+}
+
+void BrokerClient::OnRefusedDelivery(const std::string& queue, const std::string& why)
+{
+    QEL_LOG(
+        vtx::LevelWarning, "a message of queue %s was refused before it was decoded: %s", queue.c_str(), why.c_str());
+}
+
+void BrokerClient::OnGaveUp(const std::string& why)
+{
+    QEL_LOG(vtx::LevelWarning, "no connection to the broker: %s", why.c_str());
+}
+
+RequestResult BrokerClient::Bind(const Binding& binding)
+{
+    return WhileReading([&] { return m_link.Bind(binding, REQUEST_BUDGET); });
+}
+
+RequestResult BrokerClient::Unbind(const Binding& binding)
+{
+    return WhileReading([&] { return m_link.Unbind(binding, REQUEST_BUDGET); });
+}
+
+RequestResult BrokerClient::Consume(const std::string& queue)
+{
+    return WhileReading(
+        [&] { return m_link.DeclareQueue(PlainQueue(queue, m_settings.prefetch), REQUEST_BUDGET); });
+}
+
+RequestResult BrokerClient::StopConsuming(const std::string& queue)
+{
+    return WhileReading([&] { return m_link.CancelQueue(queue, REQUEST_BUDGET); });
+}
+
+QueueSpec BrokerClient::OwnQueue(const std::string& name) const
+{
+    QueueSpec queue = PlainQueue(name, m_settings.prefetch);
+    // Of two agents on one queue by mistake, or during a move, only one is served.
+    queue.arguments.emplace_back("x-single-active-consumer", RmqValue::Boolean(true));
+    queue.arguments.emplace_back("x-dead-letter-exchange", RmqValue::String(""));
+    queue.arguments.emplace_back("x-dead-letter-routing-key", RmqValue::String(m_info->deadLetterQueue));
+    if (m_settings.queueType == "quorum")
+    {
+        queue.arguments.emplace_back("x-delivery-limit", RmqValue::Integer(DELIVERY_LIMIT));
+    }
+    return queue;
+}
+
+QueueSpec BrokerClient::PlainQueue(const std::string& name, std::uint16_t prefetch) const
+{
+    QueueSpec queue;
+    queue.name = name;
+    queue.prefetch = prefetch;
+    queue.arguments = {{"x-queue-type", RmqValue::String(m_settings.queueType)}};
+    return queue;
+}
+
+void BrokerClient::OnHeld(std::size_t bytes)
+{
+    const bool full = bytes > m_settings.maxHeldBytes;
+    const bool relieved = bytes <= m_settings.maxHeldBytes / 2;
+    if (m_full ? !relieved : !full)
+    {
+        // Nearly always so; a change missed here is seen with the next message.
+        return;
+    }
+    const std::lock_guard lock(m_readingMutex);
+    m_full = full || (m_full && !relieved);
+    const bool pause = m_full && m_requests == 0;
+    if (pause != m_paused)
+    {
+        m_paused = pause;
+        m_link.PauseReading(pause);
+    }
+}
+
+template <class Request>
+RequestResult BrokerClient::WhileReading(Request request)
+{
+    // The answer comes by the connection that we may have stopped reading.
+    {
+        const std::lock_guard lock(m_readingMutex);
+        ++m_requests;
+        if (std::exchange(m_paused, false))
+        {
+            m_link.PauseReading(false);
+        }
+    }
+    const RequestResult result = request();
+    const std::lock_guard lock(m_readingMutex);
+    --m_requests;
+    return result;
+}
+
+} // namespace VtxQel

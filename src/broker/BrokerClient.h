@@ -1,0 +1,143 @@
+#pragma once
+
+#include "broker/BrokerLink.h"
+#include "broker/BrokerMessage.h"
+#include "broker/Journal.h"
+#include "broker/Lanes.h"
+#include "broker/Settlement.h"
+#include "broker/Topology.h"
+#include "common/RmqClient.h"
+#include "common/RmqInfo.h"
+#include "common/Scheduler.h"
+#include "routing/RoutingRegistry.h"
+
+#include <boost/shared_ptr.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+
+namespace VtxQel
+{
+
+/** What the broker client is told once. */
+struct BrokerSettings
+{
+    LinkSettings link;
+    RmqInfo names;
+    /** Only check that the exchange exists, do not declare it. */
+    bool exchangePassive = false;
+    /** "quorum" or "classic": the type of every queue that the agent declares. */
+    std::string queueType = "quorum";
+    /** Unsettled messages that the broker may send ahead, for each queue. */
+    std::uint16_t prefetch = 1000;
+    /** While more bytes than this are held, nothing more is read from the broker. */
+    std::size_t maxHeldBytes = 67108864;
+};
+
+/** What the client tells the agent. Called on the link's thread; must not block. */
+struct BrokerEvents
+{
+    /** The connection is gone: what was delivered by it comes again. */
+    std::function<void()> disconnected;
+    /** Connected, consuming and every route restored. */
+    std::function<void()> restored;
+};
+
+/**
+ * BrokerClient is the agent's client of the broker: it keeps the agent's queues, bindings and consumers in place, brings
+ * deliveries through lanes to the handlers of their routes, and carries out the handler's requests.
+ *
+ * The requests are synchronous, for any thread but the link's, with a budget of 30 s that spans reconnects. A refusal
+ * is `false`; when no answer can be had BindTopic and DeclareQueue throw RmqConnectionException, CancelQueue returns true
+ * (the consumer went with its connection) and UnbindTopic returns false, which makes the handler end the process.
+ */
+class BrokerClient : public RmqClient, private LinkListener, private TopologyPort
+{
+  public:
+    /** The registry, the journal and what the functions refer to outlive the client. */
+    BrokerClient(
+        BrokerSettings settings, boost::shared_ptr<RoutingRegistry> registry, Journal& journal, ApplicationNames names,
+        BrokerEvents events);
+    ~BrokerClient() override;
+
+    /** Starts lanes and link. Restore the topology before. @throws QelException for a malformed URL. */
+    void Start();
+    /** Stops consuming and lets the lanes finish what they have in hand; routes and journal stay as they are. */
+    void StopConsuming();
+    /** Flushes settlements and publishes within the budget, then closes. Idempotent. */
+    void Stop(std::chrono::milliseconds budget);
+
+    bool CancelQueue(const std::string& queue) override;
+    bool DeclareQueue(const std::string& queue) override;
+    bool SendPingReply(
+        const std::string& exchange, const std::string& replyTo, const std::string& correlationId) override;
+    bool BindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override;
+    bool UnbindTopic(const std::string& clientQueue, const std::string& exchange, const std::string& topic) override;
+
+    Topology& Routes() { return m_topology; }
+    Publisher& Publishing() { return m_link; }
+    Settlement& Settling() { return m_settlement; }
+    /** Connects to the URL of this index instead of the present one. */
+    void MoveTo(std::size_t urlIndex) { m_link.MoveTo(urlIndex); }
+    void ReloadTls() { m_link.ReloadTls(); }
+    LinkStatus Status() const { return m_link.Status(); }
+    std::size_t Waiting(LaneKind lane) const { return m_lanes.Waiting(lane); }
+
+    /** Consumes an application's parking queue with this many unsettled ahead. Does not wait; repeated until it works. */
+    void ConsumeParking(const std::string& application, std::uint16_t prefetch);
+    /** Stops that. @param giveBack whether what is unsettled goes back to the queue, in its order. */
+    void StopParking(const std::string& application, bool giveBack);
+
+  private:
+    DesiredTopology OnConnected() override;
+    void OnRestored() override;
+    void OnRestoreFailed(const std::string& what, const RequestResult& result) override;
+    void OnDisconnected(const std::string& why) override;
+    void OnConsumerCancelled(const std::string& queue) override;
+    void OnDelivery(IncomingMessage&& message) override;
+    void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
+    void OnGaveUp(const std::string& why) override;
+
+    RequestResult Bind(const Binding& binding) override;
+    RequestResult Unbind(const Binding& binding) override;
+    RequestResult Consume(const std::string& queue) override;
+    RequestResult StopConsuming(const std::string& queue) override;
+
+    QueueSpec OwnQueue(const std::string& name) const;
+    QueueSpec PlainQueue(const std::string& name, std::uint16_t prefetch) const;
+    void ReconcileParking(const std::string& application);
+    void OnHeld(std::size_t bytes);
+    template <class Request>
+    RequestResult WhileReading(Request request);
+
+    const BrokerSettings m_settings;
+    const ApplicationNames m_names;
+    const BrokerEvents m_events;
+    const boost::shared_ptr<RmqInfo> m_info;
+    /** Declares and consumes parking queues and repeats what failed: its tasks wait for the broker. */
+    Scheduler m_worker;
+    /** Brings held messages back to their lanes: its tasks never wait. */
+    Scheduler m_timers;
+    Topology m_topology;
+    BrokerLink m_link;
+    Settlement m_settlement;
+    Lanes m_lanes;
+
+    std::atomic<bool> m_stopping{false};
+    std::mutex m_parkingMutex;
+    /** The parking queues that are to be consumed, with their prefetch. Guarded by m_parkingMutex. */
+    std::map<std::string, std::uint16_t> m_parking;
+    std::mutex m_readingMutex;
+    /** Changed under m_readingMutex, which guards the two below. */
+    std::atomic<bool> m_full{false};
+    bool m_paused = false;
+    std::size_t m_requests = 0;
+};
+
+} // namespace VtxQel

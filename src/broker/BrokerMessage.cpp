@@ -1,0 +1,205 @@
+#include "broker/BrokerMessage.h"
+
+#include "broker/Settlement.h"
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+/** The header in which quorum queues count earlier deliveries. */
+constexpr const char* DELIVERY_COUNT = "x-delivery-count";
+
+const RmqValue* FindHeader(const RmqTable& headers, const std::string& name)
+{
+    const auto place =
+        std::find_if(headers.begin(), headers.end(), [&name](const auto& header) { return header.first == name; });
+    return place == headers.end() ? nullptr : &place->second;
+}
+
+/** Removes the header and yields its text, empty when there is none. */
+std::string TakeText(RmqTable& headers, const std::string& name)
+{
+    const RmqValue* found = FindHeader(headers, name);
+    const auto* text = found == nullptr ? nullptr : std::get_if<std::string>(&found->value);
+    std::string taken = text == nullptr ? std::string() : *text;
+    std::erase_if(headers, [&name](const auto& header) { return header.first == name; });
+    return taken;
+}
+
+std::uint32_t CountIn(const RmqTable& headers, const std::string& name)
+{
+    const RmqValue* found = FindHeader(headers, name);
+    const auto* number = found == nullptr ? nullptr : std::get_if<std::int64_t>(&found->value);
+    return number == nullptr ? 0 : static_cast<std::uint32_t>(std::clamp<std::int64_t>(*number, 0, INT32_MAX));
+}
+
+/** Printable ASCII as it is, everything else as \xNN: what a publisher wrote must not forge lines of a log. */
+std::string Escaped(const std::string& text)
+{
+    std::string shown;
+    for (const char character : text)
+    {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= 0x20 && byte < 0x7f && character != '\\')
+        {
+            shown += character;
+            continue;
+        }
+        char code[5];
+        std::snprintf(code, sizeof code, "\\x%02x", byte);
+        shown += code;
+    }
+    return shown;
+}
+
+/** One receiver's answer, given once. */
+class BrokerReceipt : public Receipt
+{
+  public:
+    BrokerReceipt(boost::shared_ptr<BrokerMessage> message, Settlement& settlement, std::string application)
+        : m_message(std::move(message)), m_settlement(settlement), m_application(std::move(application))
+    {
+    }
+
+    void Done() override
+    {
+        if (Take())
+        {
+            m_message->Resolve();
+        }
+    }
+
+    void Dead(const std::string& reason, std::uint32_t tries) override
+    {
+        if (Take())
+        {
+            m_settlement.DeadLetter(m_message, m_application, reason, tries);
+        }
+    }
+
+    void Park(std::uint32_t tries) override
+    {
+        if (Take())
+        {
+            m_settlement.Park(m_message, m_application, tries);
+        }
+    }
+
+  private:
+    bool Take() { return !m_answered.exchange(true); }
+
+    const boost::shared_ptr<BrokerMessage> m_message;
+    Settlement& m_settlement;
+    const std::string m_application;
+    std::atomic<bool> m_answered{false};
+};
+
+} // namespace
+
+BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement, const ApplicationNames& names)
+    : m_incoming(std::move(incoming)), m_settlement(settlement), m_names(names), m_epoch(settlement.Epoch())
+{
+    m_parkedFor = m_settlement.ParkedApplication(m_incoming.queue);
+    if (!m_parkedFor.empty())
+    {
+        Unpark();
+    }
+    else
+    {
+        m_tries = CountedTries();
+    }
+    m_body = RmqBody{m_incoming.body.size(), reinterpret_cast<const std::uint8_t*>(m_incoming.body.data())};
+    m_settlement.Hold(m_incoming.body.size());
+}
+
+BrokerMessage::~BrokerMessage() { m_settlement.Release(m_incoming.body.size()); }
+
+boost::shared_ptr<RmqBody> BrokerMessage::GetBody() const
+{
+    // Shares the message's own count: the bytes live as long as the record is held.
+    return {shared_from_this(), &m_body};
+}
+
+const std::string& BrokerMessage::GetAppName() const
+{
+    const std::string& appId = m_incoming.properties->appId;
+    if (!appId.empty())
+    {
+        return appId;
+    }
+    std::call_once(m_named, [this] {
+        m_appName = m_parkedFor.empty() ? m_names(m_incoming.queue, m_incoming.routingKey, "") : m_parkedFor;
+    });
+    return m_appName;
+}
+
+std::string BrokerMessage::ToString() const
+{
+    const RmqProperties& properties = *m_incoming.properties;
+    return "{queue: " + Escaped(m_incoming.queue) + ", exchange: " + Escaped(m_incoming.exchange) +
+           ", routing key: " + Escaped(m_incoming.routingKey) + ", type: " + Escaped(properties.type) +
+           ", app-id: " + Escaped(properties.appId) + ", message-id: " + Escaped(properties.messageId) +
+           ", delivery tag: " + std::to_string(m_incoming.tag.tag) +
+           (m_incoming.redelivered ? ", redelivered" : "") + ", body: " + std::to_string(m_incoming.body.size()) +
+           " bytes}";
+}
+
+boost::shared_ptr<Receipt> BrokerMessage::Expect(const std::string& application)
+{
+    ++m_open;
+    return boost::make_shared<BrokerReceipt>(shared_from_this(), m_settlement, application);
+}
+
+void BrokerMessage::Accept() { Resolve(); }
+
+void BrokerMessage::Refuse(const std::string& reason)
+{
+    m_settlement.DeadLetter(shared_from_this(), GetAppName(), reason, m_tries + m_failures);
+}
+
+void BrokerMessage::Resolve()
+{
+    if (--m_open == 0)
+    {
+        m_settlement.Ack(*this);
+    }
+}
+
+void BrokerMessage::Unpark()
+{
+    RmqProperties& properties = *m_incoming.properties;
+    RmqTable& headers = properties.headers;
+    m_tries = CountIn(headers, Header::TRIES);
+    std::erase_if(headers, [](const auto& header) {
+        return header.first == Header::TRIES || header.first == Header::TIME || header.first == DELIVERY_COUNT;
+    });
+    m_incoming.exchange = TakeText(headers, Header::EXCHANGE);
+    m_incoming.routingKey = TakeText(headers, Header::ROUTING_KEY);
+    m_incoming.queue = TakeText(headers, Header::QUEUE);
+    properties.userId = TakeText(headers, Header::USER_ID);
+    properties.expiration = TakeText(headers, Header::EXPIRATION);
+    for (auto& header : headers)
+    {
+        if (header.first == Header::CC)
+        {
+            header.first = "CC";
+        }
+    }
+}
+
+std::uint32_t BrokerMessage::CountedTries() const
+{
+    const std::uint32_t counted = std::max(
+        CountIn(m_incoming.properties->headers, DELIVERY_COUNT), CountIn(m_incoming.properties->headers, Header::TRIES));
+    return counted == 0 && m_incoming.redelivered ? 1 : counted;
+}
+
+} // namespace VtxQel

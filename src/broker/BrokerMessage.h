@@ -1,0 +1,85 @@
+#pragma once
+
+#include "broker/BrokerLink.h"
+#include "common/Delivery.h"
+
+#include <boost/enable_shared_from_this.hpp>
+#include <boost/shared_ptr.hpp>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace VtxQel
+{
+
+class Settlement;
+
+/** Tells the application that a message is for, from its queue, routing key and AMQP app-id. */
+using ApplicationNames =
+    std::function<std::string(const std::string& queue, const std::string& routingKey, const std::string& appId)>;
+
+/**
+ * A message as it travels through the agent, from the link to its settlement.
+ *
+ * A message that comes from a parking queue shows exchange, routing key, queue and properties of its first delivery.
+ * Owned by whoever still works on it; the settlement it refers to outlives it.
+ */
+class BrokerMessage : public Delivery, public boost::enable_shared_from_this<BrokerMessage>
+{
+  public:
+    BrokerMessage(IncomingMessage&& incoming, Settlement& settlement, const ApplicationNames& names);
+    ~BrokerMessage() override;
+    BrokerMessage(const BrokerMessage&) = delete;
+    BrokerMessage& operator=(const BrokerMessage&) = delete;
+
+    boost::shared_ptr<RmqBody> GetBody() const override;
+    std::size_t GetBodyLength() const override { return m_incoming.body.size(); }
+    /** Asks for the name at the first call, so that messages that nobody asks cost nothing. */
+    const std::string& GetAppName() const override;
+    boost::shared_ptr<RmqProperties> GetProperties() const override { return m_incoming.properties; }
+    std::string ToString() const override;
+
+    const std::string& GetExchange() const override { return m_incoming.exchange; }
+    const std::string& GetRoutingKey() const override { return m_incoming.routingKey; }
+    const std::string& GetQueue() const override { return m_incoming.queue; }
+    bool IsRedelivered() const override { return m_incoming.redelivered; }
+    std::uint32_t GetTries() const override { return m_tries; }
+    const std::string& GetParkedFor() const override { return m_parkedFor; }
+    boost::shared_ptr<Receipt> Expect(const std::string& application) override;
+
+    /** The lane's own share: it is done with the message and every receiver has been added. */
+    void Accept();
+    /** The lane's own share: nobody takes the message. */
+    void Refuse(const std::string& reason);
+    /** How often the lane has tried the handler with it in vain, this time included. Only the lane calls it. */
+    std::uint32_t CountFailure() { return ++m_failures; }
+
+    const IncomingMessage& Incoming() const { return m_incoming; }
+    /** Which connection it came by; see Settlement::IsCurrent. */
+    std::uint64_t Epoch() const { return m_epoch; }
+
+    /** One share is settled; with the last one the broker is told. Called by receipts and by the settlement. */
+    void Resolve();
+
+  private:
+    void Unpark();
+    std::uint32_t CountedTries() const;
+
+    IncomingMessage m_incoming;
+    Settlement& m_settlement;
+    const ApplicationNames& m_names;
+    const std::uint64_t m_epoch;
+    std::string m_parkedFor;
+    std::uint32_t m_tries = 0;
+    std::uint32_t m_failures = 0;
+    mutable RmqBody m_body{};
+    mutable std::once_flag m_named;
+    mutable std::string m_appName;
+    /** The lane and every receiver that has not answered. */
+    std::atomic<std::uint32_t> m_open{1};
+};
+
+} // namespace VtxQel

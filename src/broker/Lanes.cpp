@@ -1,0 +1,221 @@
+#include "broker/Lanes.h"
+
+#include "common/MessageTypes.h"
+#include "logging/Log.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <string>
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+constexpr std::uint32_t MOST_FAILURES = 5;
+constexpr std::chrono::seconds LONGEST_DELAY{60};
+
+constexpr std::array<const char*, 4> THREAD_NAMES{"qel-control", "qel-config", "qel-priority", "qel-normal"};
+
+std::chrono::seconds DelayAfter(std::uint32_t failures)
+{
+    return std::min(LONGEST_DELAY, std::chrono::seconds(1U << std::min(failures - 1, 6U)));
+}
+
+/** What a dead letter says of a message that its handler refused. */
+std::string RefusalOf(const BrokerMessage& message)
+{
+    const std::string& type = message.Incoming().properties->type;
+    if (type == APP_INIT_CONFIG_TYPE)
+    {
+        return "the configuration was refused";
+    }
+    if (type == PING_REQUEST_TYPE)
+    {
+        return "the ping could not be answered";
+    }
+    if (type == REASSIGN_HINT_TYPE)
+    {
+        return "the reassign hint was refused";
+    }
+    return "no application takes the message";
+}
+
+} // namespace
+
+Lanes::Lanes(
+    boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Settlement& settlement,
+    Scheduler& timers)
+    : m_registry(std::move(registry)), m_info(std::move(info)), m_settlement(settlement), m_timers(timers)
+{
+}
+
+Lanes::~Lanes() { Stop(); }
+
+void Lanes::Start()
+{
+    for (std::size_t index = 0; index < m_lanes.size(); ++index)
+    {
+        Lane& lane = m_lanes[index];
+        const bool keepOrder = index == static_cast<std::size_t>(LaneKind::configuration);
+        lane.thread = std::thread([this, &lane, keepOrder] { Run(lane, keepOrder); });
+        pthread_setname_np(lane.thread.native_handle(), THREAD_NAMES[index]);
+    }
+}
+
+void Lanes::Push(boost::shared_ptr<BrokerMessage> message)
+{
+    Lane& lane = LaneOf(*message);
+    Enqueue(lane, std::move(message));
+}
+
+void Lanes::Stop()
+{
+    for (Lane& lane : m_lanes)
+    {
+        const std::lock_guard lock(lane.mutex);
+        lane.stopping = true;
+        lane.changed.notify_all();
+    }
+    for (Lane& lane : m_lanes)
+    {
+        if (lane.thread.joinable())
+        {
+            lane.thread.join();
+        }
+    }
+}
+
+std::size_t Lanes::Waiting(LaneKind kind) const
+{
+    const Lane& lane = m_lanes[static_cast<std::size_t>(kind)];
+    const std::lock_guard lock(lane.mutex);
+    return lane.messages.size();
+}
+
+Lanes::Lane& Lanes::LaneOf(const BrokerMessage& message)
+{
+    const std::string& type = message.Incoming().properties->type;
+    LaneKind kind = LaneKind::normal;
+    if (type == PING_REQUEST_TYPE || type == REASSIGN_HINT_TYPE)
+    {
+        kind = LaneKind::control;
+    }
+    else if (type == APP_INIT_CONFIG_TYPE)
+    {
+        kind = LaneKind::configuration;
+    }
+    else if (message.GetQueue() == m_info->priorityQueue)
+    {
+        kind = LaneKind::priority;
+    }
+    return m_lanes[static_cast<std::size_t>(kind)];
+}
+
+void Lanes::Run(Lane& lane, bool keepOrder)
+{
+    std::deque<boost::shared_ptr<BrokerMessage>> batch;
+    std::unique_lock lock(lane.mutex);
+    while (!lane.stopping)
+    {
+        if (lane.messages.empty())
+        {
+            lane.idle = true;
+            lane.changed.wait(lock);
+            lane.idle = false;
+            continue;
+        }
+        batch.swap(lane.messages);
+        while (!batch.empty() && !lane.stopping)
+        {
+            lock.unlock();
+            Handle(lane, batch.front(), keepOrder);
+            batch.pop_front();
+            lock.lock();
+        }
+    }
+}
+
+void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder)
+{
+    std::string error;
+    // A message whose connection is gone comes again.
+    while (m_settlement.IsCurrent(*message) && !Try(message, error))
+    {
+        const std::uint32_t failures = message->CountFailure();
+        if (failures >= MOST_FAILURES)
+        {
+            message->Refuse("handling failed " + std::to_string(failures) + " times, last with: " + error);
+            return;
+        }
+        const std::chrono::seconds delay = DelayAfter(failures);
+        QEL_LOG(
+            vtx::LevelWarning, "handling failed, next try in %lld s: %s. %s", static_cast<long long>(delay.count()),
+            error.c_str(), message->ToString().c_str());
+        if (!keepOrder)
+        {
+            m_timers.After(delay, [this, &lane, message] { Enqueue(lane, message); });
+            return;
+        }
+        std::unique_lock lock(lane.mutex);
+        if (lane.changed.wait_for(lock, delay, [&lane] { return lane.stopping; }))
+        {
+            return;
+        }
+    }
+}
+
+bool Lanes::Try(const boost::shared_ptr<BrokerMessage>& message, std::string& error)
+{
+    try
+    {
+        const boost::shared_ptr<RoutingRegistryEntry> route = RouteOf(*message);
+        if (route && route->handler && route->handler->Callback(message))
+        {
+            message->Accept();
+        }
+        else
+        {
+            message->Refuse(RefusalOf(*message));
+        }
+        return true;
+    }
+    catch (const std::exception& failure)
+    {
+        error = failure.what();
+    }
+    catch (...)
+    {
+        error = "an exception of an unknown kind";
+    }
+    return false;
+}
+
+boost::shared_ptr<RoutingRegistryEntry> Lanes::RouteOf(const BrokerMessage& message)
+{
+    for (const std::string* key : {&message.GetRoutingKey(), &message.GetQueue()})
+    {
+        if (boost::shared_ptr<RoutingRegistryEntry> route = m_registry->Find(*key))
+        {
+            return route;
+        }
+    }
+    return m_registry->Find(m_info->clientQueue);
+}
+
+void Lanes::Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message)
+{
+    const std::lock_guard lock(lane.mutex);
+    lane.messages.push_back(std::move(message));
+    if (lane.idle)
+    {
+        lane.changed.notify_one();
+    }
+}
+
+} // namespace VtxQel

@@ -1,0 +1,90 @@
+#pragma once
+
+#include "broker/BrokerMessage.h"
+#include "broker/Settlement.h"
+#include "common/RmqInfo.h"
+#include "common/Scheduler.h"
+#include "routing/RoutingRegistry.h"
+
+#include <boost/shared_ptr.hpp>
+
+#include <array>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace VtxQel
+{
+
+/** The lanes, by what they carry. */
+enum class LaneKind : std::size_t
+{
+    /** Pings and reassign hints. */
+    control,
+    /** Application init configurations, one at a time and in order. */
+    configuration,
+    /** Everything else from the priority queue. */
+    priority,
+    /** The rest. */
+    normal
+};
+
+/**
+ * Lanes carry deliveries to the handlers of their routes, each kind on a thread of its own, so that a configuration of
+ * many topics delays neither a ping nor an application's messages.
+ *
+ * A message is handed to the handler that the routing registry names for its routing key, else for its queue. What the
+ * handler accepts is settled when its receivers have answered; what it refuses is dead-lettered; one whose handling ends
+ * with an exception is held and tried again, after 1, 2, 4 … 60 s, and dead-lettered after the fifth try. The lane of
+ * configurations waits for such a message, the others go on. Bounded by the broker's prefetch.
+ */
+class Lanes
+{
+  public:
+    Lanes(
+        boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Settlement& settlement,
+        Scheduler& timers);
+    ~Lanes();
+    Lanes(const Lanes&) = delete;
+    Lanes& operator=(const Lanes&) = delete;
+
+    void Start();
+    /** Hands a delivery to its lane. Any thread; does not wait. */
+    void Push(boost::shared_ptr<BrokerMessage> message);
+    /** Each lane finishes the message in its hands and drops the others, which stay with the broker. Idempotent. */
+    void Stop();
+
+    /** How many messages wait in the lane. */
+    std::size_t Waiting(LaneKind kind) const;
+
+  private:
+    struct Lane
+    {
+        mutable std::mutex mutex;
+        std::condition_variable changed;
+        /** Guarded by mutex, like the two below. */
+        std::deque<boost::shared_ptr<BrokerMessage>> messages;
+        bool idle = false;
+        bool stopping = false;
+        std::thread thread;
+    };
+
+    Lane& LaneOf(const BrokerMessage& message);
+    void Run(Lane& lane, bool keepOrder);
+    void Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder);
+    /** @return whether the message is done with; else `error` says what its handling ended with. */
+    bool Try(const boost::shared_ptr<BrokerMessage>& message, std::string& error);
+    boost::shared_ptr<RoutingRegistryEntry> RouteOf(const BrokerMessage& message);
+    void Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message);
+
+    const boost::shared_ptr<RoutingRegistry> m_registry;
+    const boost::shared_ptr<RmqInfo> m_info;
+    Settlement& m_settlement;
+    Scheduler& m_timers;
+    std::array<Lane, 4> m_lanes;
+};
+
+} // namespace VtxQel

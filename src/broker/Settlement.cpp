@@ -1,0 +1,220 @@
+#include "broker/Settlement.h"
+
+#include "logging/Log.h"
+
+#include <algorithm>
+#include <chrono>
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+constexpr auto FIRST_DELAY = std::chrono::milliseconds(500);
+constexpr std::uint32_t MOST_DOUBLINGS = 6;
+
+std::uint64_t SecondsSinceEpoch()
+{
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<std::uint64_t>(std::chrono::duration_cast<std::chrono::seconds>(now).count());
+}
+
+/** What both kinds of copies say of the message's way so far. */
+RmqTable Origin(const IncomingMessage& incoming, std::uint32_t tries)
+{
+    return {
+        {Header::EXCHANGE, RmqValue::String(incoming.exchange)},
+        {Header::ROUTING_KEY, RmqValue::String(incoming.routingKey)},
+        {Header::QUEUE, RmqValue::String(incoming.queue)},
+        {Header::TRIES, RmqValue::Integer(tries)},
+        {Header::TIME, RmqValue::Timestamp(SecondsSinceEpoch())}};
+}
+
+/**
+ * The message as it goes to another queue. The broker would refuse somebody else's user-id, drop the copy at its
+ * expiration and send it to the queues that CC names, so these three travel as headers of ours.
+ */
+RmqProperties CopiedProperties(const RmqProperties& original, const RmqTable& added)
+{
+    RmqProperties copy = original;
+    copy.deliveryMode = 2;
+    std::erase_if(copy.headers, [&added](const auto& header) {
+        return std::any_of(
+            added.begin(), added.end(), [&header](const auto& ours) { return ours.first == header.first; });
+    });
+    for (auto& header : copy.headers)
+    {
+        if (header.first == "CC")
+        {
+            header.first = Header::CC;
+        }
+    }
+    copy.headers.insert(copy.headers.end(), added.begin(), added.end());
+    if (!copy.userId.empty())
+    {
+        copy.headers.emplace_back(Header::USER_ID, RmqValue::String(std::exchange(copy.userId, {})));
+    }
+    if (!copy.expiration.empty())
+    {
+        copy.headers.emplace_back(Header::EXPIRATION, RmqValue::String(std::exchange(copy.expiration, {})));
+    }
+    return copy;
+}
+
+} // namespace
+
+Settlement::Settlement(
+    BrokerLink& link, const RmqInfo& info, Scheduler& worker, std::function<bool(const std::string& queue)> declare)
+    : m_link(link), m_deadLetterQueue(info.deadLetterQueue), m_parkingPrefix(info.clientQueue + ".parked."),
+      m_worker(worker), m_declare(std::move(declare))
+{
+}
+
+void Settlement::Ack(const BrokerMessage& message) { m_link.Settle(message.Incoming().tag, SettleAs::ack); }
+
+void Settlement::DeadLetter(
+    const boost::shared_ptr<BrokerMessage>& message, const std::string& application, const std::string& reason,
+    std::uint32_t tries)
+{
+    QEL_LOG(
+        vtx::LevelWarning, "dead-lettered for application %s: %s. %s", application.empty() ? "(none)" : application.c_str(),
+        reason.c_str(), message->ToString().c_str());
+    Copy copy{message, m_deadLetterQueue, Origin(message->Incoming(), tries), 0};
+    copy.headers.emplace_back(Header::REASON, RmqValue::String(reason));
+    copy.headers.emplace_back(Header::APPLICATION, RmqValue::String(application));
+    Publish(std::move(copy));
+}
+
+void Settlement::Park(
+    const boost::shared_ptr<BrokerMessage>& message, const std::string& application, std::uint32_t tries)
+{
+    const std::string queue = ParkingQueue(application);
+    OncePresent(queue, [this, copy = Copy{message, queue, Origin(message->Incoming(), tries), 0}] { Publish(copy); });
+}
+
+void Settlement::Mark(
+    const std::string& application, const RmqTable& headers, std::function<void(bool sent)> completion)
+{
+    OutgoingMessage marker;
+    marker.routingKey = ParkingQueue(application);
+    marker.properties.headers = headers;
+    marker.properties.deliveryMode = 2;
+    marker.mandatory = true;
+    OncePresent(marker.routingKey, [this, marker, completion = std::move(completion)] {
+        m_link.Publish(marker, [completion](PublishResult result, const std::string&) {
+            completion(result == PublishResult::confirmed);
+        });
+    });
+}
+
+void Settlement::OncePresent(const std::string& parkingQueue, std::function<void()> publish)
+{
+    const std::lock_guard lock(m_mutex);
+    Parking& parking = m_parking[parkingQueue];
+    if (parking.declared)
+    {
+        // Under the lock: the order of the calls is the order in the queue.
+        publish();
+        return;
+    }
+    parking.waiting.push_back(std::move(publish));
+    if (parking.waiting.size() == 1)
+    {
+        m_worker.Post([this, parkingQueue] { DeclareParking(parkingQueue); });
+    }
+}
+
+std::string Settlement::ParkingQueue(const std::string& application) const { return m_parkingPrefix + application; }
+
+std::string Settlement::ParkedApplication(const std::string& queue) const
+{
+    return queue.starts_with(m_parkingPrefix) ? queue.substr(m_parkingPrefix.size()) : std::string();
+}
+
+void Settlement::Hold(std::size_t bytes)
+{
+    const std::size_t held = m_held += bytes;
+    if (m_heldObserver && bytes != 0)
+    {
+        m_heldObserver(held);
+    }
+}
+
+void Settlement::Release(std::size_t bytes)
+{
+    const std::size_t held = m_held -= bytes;
+    if (m_heldObserver && bytes != 0)
+    {
+        m_heldObserver(held);
+    }
+}
+
+void Settlement::Publish(Copy copy)
+{
+    if (!IsCurrent(*copy.message))
+    {
+        return;
+    }
+    OutgoingMessage outgoing;
+    outgoing.routingKey = copy.queue;
+    outgoing.properties = CopiedProperties(*copy.message->GetProperties(), copy.headers);
+    outgoing.body = copy.message->Incoming().body;
+    outgoing.mandatory = true;
+    m_link.Publish(
+        std::move(outgoing), [this, copy = std::move(copy)](PublishResult result, const std::string& why) {
+            OnPublished(copy, result, why);
+        });
+}
+
+void Settlement::OnPublished(Copy copy, PublishResult result, const std::string& why)
+{
+    if (result == PublishResult::confirmed)
+    {
+        copy.message->Resolve();
+        return;
+    }
+    if (!IsCurrent(*copy.message))
+    {
+        return;
+    }
+    if (result == PublishResult::refused)
+    {
+        QEL_LOG(
+            vtx::LevelWarning, "queue %s does not take a copy (%s); the message goes to its own queue's dead-letter "
+                              "exchange: %s",
+            copy.queue.c_str(), why.c_str(), copy.message->ToString().c_str());
+        // The share stays open, so that no ack follows when the other receivers are done.
+        m_link.Settle(copy.message->Incoming().tag, SettleAs::reject);
+        return;
+    }
+    const auto delay = FIRST_DELAY * (1U << std::min(copy.attempt++, MOST_DOUBLINGS));
+    const bool missing = result == PublishResult::noRoute;
+    m_worker.After(delay, [this, missing, copy = std::move(copy)] {
+        if (missing)
+        {
+            m_declare(copy.queue);
+        }
+        Publish(copy);
+    });
+}
+
+void Settlement::DeclareParking(const std::string& queue)
+{
+    if (!m_declare(queue))
+    {
+        m_worker.After(FIRST_DELAY, [this, queue] { DeclareParking(queue); });
+        return;
+    }
+    const std::lock_guard lock(m_mutex);
+    Parking& parking = m_parking[queue];
+    parking.declared = true;
+    for (const auto& publish : parking.waiting)
+    {
+        publish();
+    }
+    parking.waiting.clear();
+}
+
+} // namespace VtxQel
