@@ -1,0 +1,92 @@
+"""The broker goes away and comes back."""
+
+
+def populated(world):
+    """An agent on a node of its own, two configured applications."""
+    node = world.own_node()
+    agent, plane = world.agent(), world.plane()
+    alpha, beta = world.attach(agent, "alpha"), world.attach(agent, "beta")
+    queue = f"work.{agent.agent_id}"
+    plane.configure(agent, "alpha", topics=["a.one", ("a.two", 1)])
+    plane.configure(agent, "beta", topics=["b.one"], queues=[queue])
+    alpha.wait_for_state("APPLIED", ["a.one", "a.two"])
+    beta.wait_for_state("APPLIED")
+    plane.close()
+    return node, agent, alpha, beta, queue
+
+
+def check_traffic(world, agent, alpha, beta, queue):
+    """Every road is open again."""
+    plane = world.plane()
+    plane.ping(agent, patience=60)
+    plane.publish(agent.exchange, "a.one", b"normal")
+    assert alpha.take(patience=60) == [b"normal"]
+    plane.publish(agent.exchange, "a.two", b"priority")
+    assert alpha.take() == [b"priority"]
+    plane.publish(agent.exchange, "b.one", b"topic")
+    assert beta.take() == [b"topic"]
+    plane.publish("", queue, b"queue")
+    assert beta.take() == [b"queue"]
+    plane.configure(agent, "alpha", topics=["a.three"])
+    alpha.wait_for_state("APPLIED", ["a.three"])
+
+
+def consumers(node):
+    return {name: row["consumers"] for name, row in node.list_queues().items()}
+
+
+def test_an_orderly_restart(lonely_world):
+    node, agent, alpha, beta, queue = populated(lonely_world)
+    bindings, before = node.list_bindings(), consumers(node)
+    node.restart()
+    agent.wait_until(lambda: consumers(node) == before, "the consumers to be back", 60)
+    assert node.list_bindings() == bindings
+    check_traffic(lonely_world, agent, alpha, beta, queue)
+    assert agent.stop() == 0
+
+
+def test_a_crash(lonely_world):
+    node, agent, alpha, beta, queue = populated(lonely_world)
+    bindings, before = node.list_bindings(), consumers(node)
+    node.kill()
+    node.start()
+    agent.wait_until(lambda: consumers(node) == before, "the consumers to be back", 60)
+    assert node.list_bindings() == bindings
+    check_traffic(lonely_world, agent, alpha, beta, queue)
+
+
+def test_a_broker_that_has_forgotten_everything(lonely_world):
+    node, agent, alpha, beta, queue = populated(lonely_world)
+    bindings, before = node.list_bindings(), consumers(node)
+    node.ctl("stop_app")
+    node.ctl("force_reset")
+    node.ctl("start_app")
+    agent.wait_until(lambda: consumers(node) == before, "the queues and consumers to be made again", 60)
+    agent.wait_until(lambda: node.list_bindings() == bindings, "the bindings to be made again", 60)
+    check_traffic(lonely_world, agent, alpha, beta, queue)
+
+
+def test_a_deleted_queue_is_made_again(lonely_world):
+    node, agent, alpha, beta, queue = populated(lonely_world)
+    bindings, before = node.list_bindings(), consumers(node)
+    node.ctl("delete_queue", agent.client_queue)
+    agent.wait_until(lambda: consumers(node) == before, "the queue to be made and consumed again", 60)
+    agent.wait_until(lambda: node.list_bindings() == bindings, "the bindings to be made again", 60)
+    check_traffic(lonely_world, agent, alpha, beta, queue)
+
+
+def test_nothing_unsettled_is_lost(lonely_world):
+    node, agent, alpha, _, _ = populated(lonely_world)
+    plane = lonely_world.plane()
+    numbers = {str(number).encode() for number in range(200)}
+    for body in numbers:
+        plane.publish(agent.exchange, "a.one", body)
+    plane.close()
+    for _ in range(50):
+        alpha.next()
+    node.restart()
+    seen = set()
+    while seen != numbers:
+        seen.update(alpha.take(patience=60))
+    plane = lonely_world.plane()
+    assert plane.count(agent.dead_letter_queue) == 0

@@ -1,0 +1,184 @@
+"""Local applications: one that speaks the agent's gRPC interface from Python, one that is `qelctl attach`."""
+
+import json
+import queue
+import subprocess
+import threading
+
+import grpc
+
+from testbed.processes import end, spawn, tail, wait_until
+
+from .paths import program
+from .plane import CONFIGURATION
+from .schema import applications as schema
+
+METHOD = "/qel.apps.v1.Applications/"
+VERDICTS = {"done": schema.Verdict.DONE, "retry": schema.Verdict.RETRY, "dead": schema.Verdict.DEAD}
+
+
+class GrpcApplication:
+    """An application attached to its socket, which decides on each delivery itself.
+
+    A reader thread sorts what comes: deliveries into a queue for next(), configurations into `configurations`. The
+    agent hands a configuration to its application as a message, too; those are answered done and kept out of next()
+    unless `keep_configurations`.
+    """
+
+    def __init__(self, agent, name, window=0, instance="test", keep_configurations=False):
+        self.agent = agent
+        self.name = name
+        self.configurations = []
+        self.welcome = None
+        self.ended = None
+        self._keep_configurations = keep_configurations
+        self._outgoing = queue.SimpleQueue()
+        self._deliveries = queue.SimpleQueue()
+        self._channel = grpc.insecure_channel(f"unix:{agent.socket(name)}")
+        attach = self._channel.stream_stream(METHOD + "Attach",
+                                             request_serializer=schema.AttachRequest.SerializeToString,
+                                             response_deserializer=schema.AttachResponse.FromString)
+        self._send(schema.AttachRequest(hello=schema.Hello(instance=instance, window=window)))
+        self._call = attach(iter(self._outgoing.get, None))
+        self._reader = threading.Thread(target=self._read, daemon=True)
+        self._reader.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def close(self):
+        """Detaches: ends the stream and the connection."""
+        self._outgoing.put(None)
+        self._call.cancel()
+        self._channel.close()
+        self._reader.join(10)
+
+    def wait_for_welcome(self):
+        self._wait_until(lambda: self.welcome, "the welcome")
+        return self
+
+    def wait_until_ended(self, patience=30.0):
+        """Waits for the agent to end the stream; the grpc.RpcError, or True when it ended well."""
+        self._wait_until(lambda: self.ended, "the end of the stream", patience)
+        return self.ended
+
+    def wait_for_state(self, state, topics=None, patience=30.0):
+        """Waits for a configuration of this state ("APPLIED", "FAILED", ...), and with these topics when given."""
+        wanted = schema.Configuration.State.Value(state)
+
+        def found():
+            return any(one.state == wanted and (topics is None or sorted(one.topics) == sorted(topics))
+                       for one in self.configurations[-1:])
+
+        self._wait_until(found, f"{self.name}'s configuration to be {state} {topics or ''}", patience)
+
+    def next(self, patience=30.0):
+        """The next delivery; no verdict is given."""
+        try:
+            return self._deliveries.get(timeout=patience)
+        except queue.Empty:
+            raise AssertionError(f"no message for {self.name} within {patience} s (stream: {self.ended})\n"
+                                 f"{self.agent.log_tail()}") from None
+
+    def pending(self):
+        """How many deliveries next() would return at once."""
+        return self._deliveries.qsize()
+
+    def take(self, count=1, patience=30.0):
+        """The bodies of the next deliveries, each answered done."""
+        bodies = []
+        for _ in range(count):
+            delivery = self.next(patience)
+            bodies.append(delivery.body)
+            self.verdict(delivery, "done")
+        return bodies
+
+    def verdict(self, delivery, kind, reason="", delay_ms=0):
+        """Answers a delivery: done, retry or dead."""
+        one = schema.Verdict(delivery_id=delivery.delivery_id, kind=VERDICTS[kind], reason=reason,
+                             retry_delay_ms=delay_ms)
+        self._send(schema.AttachRequest(verdicts=schema.VerdictBatch(verdicts=[one])))
+
+    def send(self, request):
+        """Sends any AttachRequest, for requests that make no sense."""
+        self._send(request)
+
+    def publish(self, exchange, routing_key, body, no_route_is_error=True, patience=20.0, **properties):
+        """Publishes through the agent. @raises grpc.RpcError."""
+        call = self._channel.unary_unary(METHOD + "Publish",
+                                         request_serializer=schema.PublishRequest.SerializeToString,
+                                         response_deserializer=schema.PublishResponse.FromString)
+        request = schema.PublishRequest(exchange=exchange, routing_key=routing_key.encode(), body=body,
+                                        no_route_is_error=no_route_is_error,
+                                        properties=schema.Properties(**properties))
+        return call(request, timeout=patience)
+
+    def _send(self, request):
+        self._outgoing.put(request)
+
+    def _read(self):
+        try:
+            for response in self._call:
+                self._sort(response)
+            self.ended = True
+        except grpc.RpcError as error:
+            self.ended = error
+
+    def _sort(self, response):
+        kind = response.WhichOneof("kind")
+        if kind == "welcome":
+            self.configurations.append(response.welcome.configuration)
+            self.welcome = response.welcome
+        elif kind == "configuration":
+            self.configurations.append(response.configuration)
+        for delivery in response.deliveries.deliveries:
+            if delivery.properties.type == CONFIGURATION.encode() and not self._keep_configurations:
+                self.verdict(delivery, "done")
+            else:
+                self._deliveries.put(delivery)
+
+    def _wait_until(self, condition, what, patience=30.0):
+        wait_until(condition, f"{what} (stream: {self.ended})", patience, self.agent.log_tail)
+
+
+class AttachedApp:
+    """`qelctl attach APP --socket PATH --json` as a process; `lines()` has the JSON objects it has printed."""
+
+    def __init__(self, agent, name, *options):
+        self.agent = agent
+        self._output = agent.folder / f"attach-{name}-{threading.get_native_id()}-{id(self)}.out"
+        self._errors = self._output.with_suffix(".err")
+        with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
+            self._process = spawn([program("qelctl"), "attach", name, "--socket", agent.socket(name), "--json",
+                                   *options], stdout=output, stderr=errors)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+    def lines(self):
+        """Every complete line it has printed, decoded."""
+        text = self._output.read_text(encoding="utf-8")
+        return [json.loads(line) for line in text[:text.rfind("\n") + 1].splitlines()]
+
+    def wait_for(self, condition, what, patience=30.0):
+        """The first line for which the condition holds."""
+        return wait_until(lambda: next((line for line in self.lines() if condition(line)), None), what, patience,
+                          self.diagnose)
+
+    def wait_for_exit(self, patience=30.0):
+        try:
+            return self._process.wait(patience)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"qelctl attach did not end within {patience} s\n{self.diagnose()}") from None
+
+    def diagnose(self):
+        return f"--- qelctl attach\n{tail(self._output)}{tail(self._errors)}{self.agent.log_tail()}"
+
+    def close(self):
+        end(self._process, patience=10.0)
