@@ -87,9 +87,9 @@ class RabbitNode:
             try:
                 self._launch(patience)
                 return
-            except ProcessFailed as failure:
+            except ProcessFailed:
                 # Somebody else may take a port between our probe and the node's own bind.
-                if attempt == START_ATTEMPTS or "eaddrinuse" not in str(failure):
+                if attempt == START_ATTEMPTS or "eaddrinuse" not in self.log_tail(1000):
                     raise
 
     def stop(self, patience=30.0):
@@ -194,6 +194,7 @@ class RabbitNode:
         (self.folder / "rabbitmq.conf").write_text("\n".join(lines + self._config_lines) + "\n", encoding="utf-8")
 
     def _launch(self, patience):
+        completed_before = self._completed_starts()
         with open(self.folder / "out", "ab") as output:
             # Ours, so that the node does not leave a detached one behind.
             self._epmd = spawn(["epmd", "-port", self._environment["ERL_EPMD_PORT"], "-address", "127.0.0.1"],
@@ -202,13 +203,22 @@ class RabbitNode:
                                  env=self._environment, stdout=output, stderr=output)
         wanted = self.ports + ([self.tls_port] if self._tls else [])
         try:
-            wait_until(lambda: self._ended() or all(map(listening, wanted)),
+            # Both: a listener on our port alone may be somebody else's.
+            wait_until(lambda: self._ended() or self._completed_starts() > completed_before
+                       and all(map(listening, wanted)),
                        "the RabbitMQ node to listen", patience, self.log_tail)
             if self._ended():
                 raise ProcessFailed(f"the RabbitMQ node ended while it started\n{self.log_tail()}")
         except BaseException:
             self.kill()
             raise
+
+    def _completed_starts(self):
+        """How many starts the node's output tells of."""
+        try:
+            return (self.folder / "out").read_bytes().count(b" completed with ")
+        except FileNotFoundError:
+            return 0
 
     def _ended(self):
         return self._server.poll() is not None
