@@ -138,7 +138,8 @@ def test_the_second_of_two_brokers_is_used_when_the_first_is_away(world):
 def test_messages_of_any_bytes_do_not_stop_the_agent(world):
     agent, plane = world.agent(), world.plane()
     alpha = world.attach(agent, "alpha")
-    nasty = [dict(type="x\n[forged log line]"), dict(app_id="no\x1b[31msuch"), dict(headers={"a": {"b": [1, {"c": None}]}}),
+    nasty = [dict(type="x\n[forged log line]"), dict(app_id="no\x1b[31msuch"),
+             dict(headers={"a": {"b": [1, {"c": None}]}}),
              dict(type="com.brelix.vtx.messaging.appinit.AppInitConfigMsg"),
              dict(type="com.brelix.vtx.messaging.appinit.AppInitConfigMsg", app_id="\xff")]
     for properties in nasty:
