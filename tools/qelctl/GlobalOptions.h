@@ -1,0 +1,51 @@
+#pragma once
+
+#include "broker/BrokerLink.h"
+
+#include <chrono>
+#include <string>
+
+namespace CLI
+{
+class App;
+}
+
+namespace VtxQel
+{
+
+/**
+ * What every verb understands: the broker and how to log in, the patience, the form of the output.
+ *
+ * A plain record, filled by the command line and the environment and constant while a verb runs.
+ */
+struct GlobalOptions
+{
+    std::string brokerUrl;
+    std::string passwordFile;
+    TlsFiles tls;
+    double timeoutSeconds = 10;
+    bool json = false;
+
+    /** Adds the options to the command line; they land in this object, which must outlive it. */
+    void Register(CLI::App& root);
+
+    /** How long one step with the broker or the agent may take. */
+    std::chrono::milliseconds Timeout() const;
+
+    /**
+     * The link settings of these options.
+     * @throws UsageError when no broker is named or the URL is malformed, Failure when the password cannot be read.
+     */
+    LinkSettings ToLinkSettings(const std::string& purpose) const;
+
+    /**
+     * The user that the broker knows us by, for the user-id of messages; empty when only a certificate may tell.
+     * @throws UsageError as above.
+     */
+    std::string User() const;
+};
+
+/** "10 s", "0.5 s": for messages. */
+std::string InSeconds(std::chrono::milliseconds duration);
+
+} // namespace VtxQel

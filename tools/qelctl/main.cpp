@@ -1,0 +1,80 @@
+#include "AttachCommand.h"
+#include "ConfigureCommand.h"
+#include "Failure.h"
+#include "PingCommand.h"
+#include "PublishCommand.h"
+#include "ReassignCommand.h"
+
+#include <CLI/CLI.hpp>
+
+#include <exception>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <vector>
+
+namespace
+{
+
+constexpr int failed = 1;
+constexpr int usage = 2;
+
+using namespace VtxQel;
+
+/** Prints every line of a message for the operator, with our name in front of the first. */
+int Complain(const std::string& text, int status)
+{
+    std::cerr << "qelctl: " << text << std::endl;
+    return status;
+}
+
+int RunVerb(Command& command, const GlobalOptions& options)
+{
+    try
+    {
+        command.Run(options);
+        return 0;
+    }
+    catch (const UsageError& error)
+    {
+        return Complain(error.what(), usage);
+    }
+    catch (const std::exception& error)
+    {
+        return Complain(error.what(), failed);
+    }
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App root("The tool for operators, the management plane and application developers of qel-agent.", "qelctl");
+    root.set_version_flag("--version", "qelctl " QEL_VERSION);
+    root.require_subcommand(1);
+    root.fallthrough();
+    GlobalOptions options;
+    options.Register(root);
+
+    std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<PingCommand>());
+    commands.push_back(std::make_unique<ConfigureCommand>());
+    commands.push_back(std::make_unique<ReassignCommand>());
+    commands.push_back(std::make_unique<PublishCommand>());
+    commands.push_back(std::make_unique<AttachCommand>());
+    std::map<const CLI::App*, Command*> verbs;
+    for (const auto& command : commands)
+    {
+        verbs[command->Register(root)] = command.get();
+    }
+
+    try
+    {
+        root.parse(argc, argv);
+    }
+    catch (const CLI::ParseError& error)
+    {
+        return root.exit(error) == 0 ? 0 : usage;
+    }
+    return RunVerb(*verbs.at(root.get_subcommands().front()), options);
+}
