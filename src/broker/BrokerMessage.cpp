@@ -1,11 +1,11 @@
 #include "broker/BrokerMessage.h"
 
 #include "broker/Settlement.h"
+#include "common/Printable.h"
 
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
-#include <cstdio>
 #include <utility>
 
 namespace VtxQel
@@ -39,25 +39,6 @@ std::uint32_t CountIn(const RmqTable& headers, const std::string& name)
     const RmqValue* found = FindHeader(headers, name);
     const auto* number = found == nullptr ? nullptr : std::get_if<std::int64_t>(&found->value);
     return number == nullptr ? 0 : static_cast<std::uint32_t>(std::clamp<std::int64_t>(*number, 0, INT32_MAX));
-}
-
-/** Printable ASCII as it is, everything else as \xNN: what a publisher wrote must not forge lines of a log. */
-std::string Escaped(const std::string& text)
-{
-    std::string shown;
-    for (const char character : text)
-    {
-        const auto byte = static_cast<unsigned char>(character);
-        if (byte >= 0x20 && byte < 0x7f && character != '\\')
-        {
-            shown += character;
-            continue;
-        }
-        char code[5];
-        std::snprintf(code, sizeof code, "\\x%02x", byte);
-        shown += code;
-    }
-    return shown;
 }
 
 /** One receiver's answer, given once. */
@@ -144,9 +125,9 @@ const std::string& BrokerMessage::GetAppName() const
 std::string BrokerMessage::ToString() const
 {
     const RmqProperties& properties = *m_incoming.properties;
-    return "{queue: " + Escaped(m_incoming.queue) + ", exchange: " + Escaped(m_incoming.exchange) +
-           ", routing key: " + Escaped(m_incoming.routingKey) + ", type: " + Escaped(properties.type) +
-           ", app-id: " + Escaped(properties.appId) + ", message-id: " + Escaped(properties.messageId) +
+    return "{queue: " + Printable(m_incoming.queue) + ", exchange: " + Printable(m_incoming.exchange) +
+           ", routing key: " + Printable(m_incoming.routingKey) + ", type: " + Printable(properties.type) +
+           ", app-id: " + Printable(properties.appId) + ", message-id: " + Printable(properties.messageId) +
            ", delivery tag: " + std::to_string(m_incoming.tag.tag) +
            (m_incoming.redelivered ? ", redelivered" : "") + ", body: " + std::to_string(m_incoming.body.size()) +
            " bytes}";

@@ -1,0 +1,273 @@
+#include "agent/AgentMsgHandler.h"
+
+#include "common/LockOrThrow.h"
+#include "common/MessageTypes.h"
+#include "logging/Log.h"
+
+#include <boost/make_shared.hpp>
+#include <boost/pointer_cast.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <map>
+#include <utility>
+
+namespace VtxQel
+{
+
+using brelix::vtx::messaging::appinit::AppInitConfigMsg;
+
+namespace
+{
+
+/** The routes of a configuration; of a topic that is listed twice the last one counts. */
+std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitConfigMsg& config, const RmqInfo& info)
+{
+    std::map<std::string, std::string> queueOfTopic;
+    for (const auto& topic : config.topic_info())
+    {
+        queueOfTopic[topic.topic()] = topic.priority() == 0 ? info.clientQueue : info.priorityQueue;
+    }
+    std::vector<RouteRecord> routes;
+    for (const auto& [topic, queue] : queueOfTopic)
+    {
+        routes.push_back({application, RouteKind::topic, topic, queue, RouteState::intended});
+    }
+    for (const std::string& queue : config.queue_name())
+    {
+        routes.push_back({application, RouteKind::queue, queue, "", RouteState::intended});
+    }
+    return routes;
+}
+
+} // namespace
+
+AgentMsgHandler::AgentMsgHandler(
+    const HandlerCollaborators& collaborators, Topology& topology, Subscriptions& subscriptions,
+    std::vector<std::string> controlUsers, std::function<void(const std::string& application)> onFailed)
+    : QelMsgHandler(
+          collaborators.routingRegistry, collaborators.appRegistry, collaborators.appDispatcher,
+          collaborators.rmqClient, collaborators.rmqInfo, collaborators.endpointController),
+      m_collaborators(collaborators), m_topology(topology), m_subscriptions(subscriptions),
+      m_controlUsers(std::move(controlUsers)), m_onFailed(std::move(onFailed))
+{
+}
+
+bool AgentMsgHandler::Callback(boost::shared_ptr<RmqMessage> msg)
+{
+    if (msg && !MayControl(*msg))
+    {
+        QEL_LOG(
+            vtx::LevelWarning, "a control message of a publisher that is not in broker.control_users was refused: %s",
+            msg->ToString().c_str());
+        return false;
+    }
+    return QelMsgHandler::Callback(msg);
+}
+
+bool AgentMsgHandler::HandleSyncResponse(boost::shared_ptr<RmqMessage> msg)
+{
+    const std::lock_guard turn(m_turn);
+    try
+    {
+        const bool done = QelMsgHandler::HandleSyncResponse(msg);
+        End(done, "its earlier topics could not be removed");
+        return done;
+    }
+    catch (const std::exception& error)
+    {
+        End(false, error.what());
+        throw;
+    }
+    catch (...)
+    {
+        End(false, "an exception of an unknown kind");
+        throw;
+    }
+}
+
+int AgentMsgHandler::ParseAppInitConfig(boost::shared_ptr<RmqMessage> msg, AppInitConfigMsg& config)
+{
+    const int result = QelMsgHandler::ParseAppInitConfig(msg, config);
+    const std::string& application = msg->GetAppName();
+    const boost::shared_ptr<AppRegistryEntry> entry = EntryOf(application);
+    if (result != 0 || !entry)
+    {
+        return result;
+    }
+    const std::vector<RouteRecord> wanted =
+        RoutesOf(application, config, *LockOrThrow(m_collaborators.rmqInfo));
+    Frame frame{application, {entry->GetTopics().begin(), entry->GetTopics().end()}};
+    for (const RouteRecord& route : wanted)
+    {
+        frame.keys.insert(route.name);
+    }
+    m_topology.Begin(application, wanted);
+    m_subscriptions.BeginConfiguration(application);
+    m_frame = std::move(frame);
+    return result;
+}
+
+void AgentMsgHandler::RegisterTopicOrQueue(
+    const std::string& appName, const AppInitConfigMsg& config, boost::shared_ptr<AppRegistry> appRegistry,
+    boost::shared_ptr<RoutingRegistry> routingRegistry, boost::shared_ptr<RmqClient> rmqClient,
+    const std::string& clientQueue, const std::string& priorityQueue, const std::string& exchange)
+{
+    try
+    {
+        QelMsgHandler::RegisterTopicOrQueue(
+            appName, config, appRegistry, routingRegistry, rmqClient, clientQueue, priorityQueue, exchange);
+    }
+    catch (...)
+    {
+        // What follows is the clean-up: the topics that were kept have to go as well.
+        m_topology.Withdraw();
+        throw;
+    }
+}
+
+bool AgentMsgHandler::RegisterRoutingTopic(
+    boost::shared_ptr<AppRegistry> appRegistry, boost::shared_ptr<RoutingRegistry> routingRegistry,
+    const std::string& appName, const std::string& topic, const std::string& clientQueue, channelPriority_e priority)
+{
+    const bool done =
+        QelMsgHandler::RegisterRoutingTopic(appRegistry, routingRegistry, appName, topic, clientQueue, priority);
+    m_subscriptions.AddTopic(appName, topic, clientQueue);
+    return done;
+}
+
+bool AgentMsgHandler::RegisterRoutingQueue(
+    boost::shared_ptr<AppRegistry> appRegistry, boost::shared_ptr<RoutingRegistry> routingRegistry,
+    const std::string& appName, const std::string& queue, const std::string& clientQueue, channelPriority_e priority)
+{
+    const bool done =
+        QelMsgHandler::RegisterRoutingQueue(appRegistry, routingRegistry, appName, queue, clientQueue, priority);
+    m_subscriptions.AddQueue(appName, queue);
+    return done;
+}
+
+void AgentMsgHandler::Restore(const std::vector<RouteRecord>& routes)
+{
+    const boost::shared_ptr<RoutingRegistry> registry = LockOrThrow(m_collaborators.routingRegistry);
+    std::set<std::string> applications;
+    for (const RouteRecord& route : routes)
+    {
+        if (applications.insert(route.application).second)
+        {
+            m_subscriptions.BeginConfiguration(route.application);
+        }
+        EntryOf(route.application)->AddTopic(route.name);
+        AddRoute(*registry, route);
+        if (route.kind == RouteKind::topic)
+        {
+            m_subscriptions.AddTopic(route.application, route.name, route.queue);
+        }
+        else
+        {
+            m_subscriptions.AddQueue(route.application, route.name);
+        }
+    }
+    for (const std::string& application : applications)
+    {
+        m_subscriptions.Commit(application);
+    }
+}
+
+void AgentMsgHandler::Forget(const std::string& application)
+{
+    const std::lock_guard turn(m_turn);
+    m_topology.Begin(application, {});
+    const ConfigurationStatus had = m_subscriptions.Status(application);
+    std::set<std::string> keys(had.topics.begin(), had.topics.end());
+    keys.insert(had.queues.begin(), had.queues.end());
+    m_topology.End();
+    m_subscriptions.Forget(application);
+    AlignRegistry(keys);
+}
+
+void AgentMsgHandler::End(bool succeeded, const std::string& error)
+{
+    if (!m_frame)
+    {
+        return;
+    }
+    const Frame frame = std::move(*m_frame);
+    m_frame.reset();
+    if (!succeeded)
+    {
+        m_topology.Withdraw();
+    }
+    m_topology.End();
+    if (m_topology.IsFrozen())
+    {
+        // The process is stopping: the broker keeps the configuration for the next one, which finds things as they are.
+        return;
+    }
+    AlignRegistry(frame.keys);
+    if (succeeded)
+    {
+        m_subscriptions.Commit(frame.application);
+        return;
+    }
+    m_subscriptions.Abort(frame.application, error);
+    m_onFailed(frame.application);
+}
+
+void AgentMsgHandler::AlignRegistry(const std::set<std::string>& keys)
+{
+    const boost::shared_ptr<RoutingRegistry> registry = LockOrThrow(m_collaborators.routingRegistry);
+    const std::vector<std::string> queueList = m_topology.Queues();
+    const std::set<std::string> queues(queueList.begin(), queueList.end());
+    for (const std::string& key : keys)
+    {
+        const std::optional<std::string> queue = m_topology.QueueOf(key);
+        const bool present = registry->Find(key) != nullptr;
+        if (queue && !present)
+        {
+            // Another application's: it shared the key with the one whose configuration changed.
+            AddRoute(*registry, {"", RouteKind::topic, key, *queue, RouteState::inForce});
+        }
+        else if (!queue && present && !queues.contains(key) && !m_topology.IsReserved(key))
+        {
+            registry->Remove(key);
+        }
+    }
+}
+
+bool AgentMsgHandler::MayControl(const RmqMessage& message) const
+{
+    if (m_controlUsers.empty())
+    {
+        return true;
+    }
+    const boost::shared_ptr<RmqProperties> properties = message.GetProperties();
+    const bool control = properties->type == PING_REQUEST_TYPE || properties->type == REASSIGN_HINT_TYPE ||
+                         properties->type == APP_INIT_CONFIG_TYPE;
+    return !control ||
+           std::find(m_controlUsers.begin(), m_controlUsers.end(), properties->userId) != m_controlUsers.end();
+}
+
+boost::shared_ptr<AppRegistryEntry> AgentMsgHandler::EntryOf(const std::string& application) const
+{
+    return boost::dynamic_pointer_cast<AppRegistryEntry>(
+        LockOrThrow(m_collaborators.appRegistry)->Lookup(application));
+}
+
+void AgentMsgHandler::AddRoute(RoutingRegistry& registry, const RouteRecord& route) const
+{
+    const boost::shared_ptr<RmqInfo> info = LockOrThrow(m_collaborators.rmqInfo);
+    const bool topic = route.kind == RouteKind::topic;
+    const std::string& servedBy = topic ? route.queue : info->clientQueue;
+    const boost::shared_ptr<RoutingRegistryEntry> own = registry.Find(servedBy);
+    if (!own)
+    {
+        QEL_LOG(vtx::LevelWarning, "queue %s has no handler; no route for %s", servedBy.c_str(), route.name.c_str());
+        return;
+    }
+    const auto priority =
+        static_cast<channelPriority_e>(topic && route.queue == info->priorityQueue ? 1 : 0);
+    registry.Add(
+        route.name, boost::make_shared<RoutingRegistryEntry>(own->handler, static_cast<int>(route.kind), priority));
+}
+
+} // namespace VtxQel

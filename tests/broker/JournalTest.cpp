@@ -1,0 +1,132 @@
+#include "broker/Journal.h"
+
+#include "fakes/LogCapture.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+namespace
+{
+
+class JournalTest : public testing::Test
+{
+  protected:
+    ~JournalTest() override { std::filesystem::remove_all(folder); }
+
+    static std::filesystem::path MakeFolder()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "qel-journal-XXXXXX").string();
+        return ::mkdtemp(pattern.data());
+    }
+
+    std::vector<RouteRecord> Reopened() const { return Journal(file).Load(); }
+
+    const std::filesystem::path folder = MakeFolder();
+    const std::string file = (folder / "journal").string();
+    const RouteRecord topic{"web", RouteKind::topic, "a.b", "normal", RouteState::intended};
+    const RouteRecord queue{"web", RouteKind::queue, "q", "", RouteState::inForce};
+};
+
+TEST_F(JournalTest, WhatWasWrittenIsThereAfterReopening)
+{
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{topic}, {queue}}));
+    }
+    EXPECT_EQ(Reopened(), (std::vector<RouteRecord>{topic, queue}));
+}
+
+TEST_F(JournalTest, AChangedStateReplacesTheRecord)
+{
+    RouteRecord changed = topic;
+    changed.state = RouteState::leaving;
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{topic}}));
+        EXPECT_TRUE(journal.Write({{changed}}));
+    }
+    EXPECT_EQ(Reopened(), std::vector<RouteRecord>{changed});
+}
+
+TEST_F(JournalTest, ErasedRecordsAreGone)
+{
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{topic}, {queue}}));
+        EXPECT_TRUE(journal.Write({{topic, true}}));
+    }
+    EXPECT_EQ(Reopened(), std::vector<RouteRecord>{queue});
+}
+
+TEST_F(JournalTest, EraseLeavingSparesWhatIsInUse)
+{
+    RouteRecord leaving = topic;
+    leaving.state = RouteState::leaving;
+    RouteRecord used = topic;
+    used.application = "mail";
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{leaving}, {used}}));
+        EXPECT_TRUE(journal.EraseLeaving("normal", "a.b"));
+    }
+    EXPECT_EQ(Reopened(), std::vector<RouteRecord>{used});
+}
+
+TEST_F(JournalTest, NamesMayHoldAnyBytes)
+{
+    RouteRecord odd = topic;
+    odd.name = std::string("a\0b\n'\xff", 6);
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{odd}}));
+    }
+    EXPECT_EQ(Reopened(), std::vector<RouteRecord>{odd});
+}
+
+TEST_F(JournalTest, ADamagedFileIsSetAsideWithAWarning)
+{
+    std::ofstream(file) << std::string(8192, 'x');
+    LogCapture log(vtx::LevelWarning);
+    Journal journal(file);
+    EXPECT_FALSE(journal.IsDegraded());
+    EXPECT_EQ(journal.Load(), std::vector<RouteRecord>());
+    EXPECT_TRUE(std::filesystem::exists(file + ".corrupt"));
+    EXPECT_NE(log.Text().find("journal begun anew"), std::string::npos);
+    EXPECT_TRUE(journal.Write({{topic}}));
+}
+
+TEST_F(JournalTest, AFolderThatDoesNotExistDegradesAndSaysSoOnce)
+{
+    LogCapture log(vtx::LevelWarning);
+    Journal journal((folder / "absent" / "journal").string());
+    EXPECT_TRUE(journal.IsDegraded());
+    EXPECT_FALSE(journal.Write({{topic}}));
+    EXPECT_FALSE(journal.Write({{topic}}));
+    const std::string text = log.Text();
+    const std::size_t first = text.find("cannot be written");
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_EQ(text.find("cannot be written", first + 1), std::string::npos);
+}
+
+TEST_F(JournalTest, ReplaceEndsADegradedState)
+{
+    const std::filesystem::path later = folder / "later";
+    {
+        Journal journal((later / "journal").string());
+        ASSERT_TRUE(journal.IsDegraded());
+        EXPECT_FALSE(journal.Replace({topic}));
+        std::filesystem::create_directory(later);
+        EXPECT_TRUE(journal.Replace({topic, queue}));
+        EXPECT_FALSE(journal.IsDegraded());
+    }
+    EXPECT_EQ(Journal((later / "journal").string()).Load(), (std::vector<RouteRecord>{topic, queue}));
+}
+
+} // namespace
+} // namespace VtxQel

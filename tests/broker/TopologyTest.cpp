@@ -1,0 +1,332 @@
+#include "broker/Topology.h"
+
+#include "common/QelException.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+namespace
+{
+
+/** A broker that records what it is asked and refuses or stays silent on demand. */
+class FakePort : public TopologyPort
+{
+  public:
+    RequestResult Bind(const Binding& binding) override
+    {
+        const RequestResult result = Ask("bind " + binding.queue + " " + binding.topic);
+        if (result.answer == Answer::ok)
+        {
+            bound.insert(binding.queue + " " + binding.topic);
+        }
+        return result;
+    }
+    RequestResult Unbind(const Binding& binding) override
+    {
+        const RequestResult result = Ask("unbind " + binding.queue + " " + binding.topic);
+        if (result.answer == Answer::ok)
+        {
+            bound.erase(binding.queue + " " + binding.topic);
+        }
+        return result;
+    }
+    RequestResult Consume(const std::string& queue) override { return Ask("consume " + queue); }
+    RequestResult StopConsuming(const std::string& queue) override { return Ask("stop " + queue); }
+
+    std::vector<std::string> asked;
+    std::set<std::string> refused;
+    std::set<std::string> unanswered;
+    std::set<std::string> bound;
+
+  private:
+    RequestResult Ask(const std::string& what)
+    {
+        asked.push_back(what);
+        if (refused.contains(what))
+        {
+            return {Answer::refused, 403, "refused"};
+        }
+        return unanswered.contains(what) ? RequestResult{Answer::unanswered, 0, "silence"}
+                                         : RequestResult{Answer::ok, 0, ""};
+    }
+};
+
+RouteRecord Topic(const std::string& name, const std::string& queue = "normal")
+{
+    return {"", RouteKind::topic, name, queue, RouteState::intended};
+}
+
+RouteRecord Queue(const std::string& name) { return {"", RouteKind::queue, name, "", RouteState::intended}; }
+
+class TopologyTest : public testing::Test
+{
+  protected:
+    TopologyTest()
+    {
+        info.exchange = "exchange";
+        info.clientQueue = "normal";
+        info.priorityQueue = "urgent";
+        info.deadLetterQueue = "normal.dead";
+        Restart();
+    }
+    ~TopologyTest() override { std::filesystem::remove_all(folder); }
+
+    /** A new process on the same journal. */
+    std::vector<RouteRecord> Restart(const std::set<std::string>& known = {"web", "mail"})
+    {
+        topology.reset();
+        journal.reset();
+        journal.emplace((folder / "journal").string());
+        topology.emplace(port, *journal, info);
+        return topology->Restore([&known](const std::string& name) { return known.contains(name); });
+    }
+
+    /** What the handler does with a configuration when nothing fails: unbind what is recorded, bind what is new. */
+    void Configure(const std::string& application, const std::vector<RouteRecord>& routes)
+    {
+        topology->Begin(application, routes);
+        for (const RouteRecord& old : recorded[application])
+        {
+            old.kind == RouteKind::topic ? topology->Unbind({old.queue, "exchange", old.name})
+                                         : topology->Cancel(old.name);
+        }
+        recorded[application].clear();
+        for (const RouteRecord& route : routes)
+        {
+            ASSERT_TRUE(
+                route.kind == RouteKind::topic ? topology->Bind({route.queue, "exchange", route.name})
+                                               : topology->Declare(route.name));
+            recorded[application].push_back(route);
+        }
+        EXPECT_TRUE(topology->End());
+    }
+
+    static std::filesystem::path MakeFolder()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "qel-topology-XXXXXX").string();
+        return ::mkdtemp(pattern.data());
+    }
+
+    const std::filesystem::path folder = MakeFolder();
+    RmqInfo info;
+    FakePort port;
+    std::optional<Journal> journal;
+    std::optional<Topology> topology;
+    std::map<std::string, std::vector<RouteRecord>> recorded;
+};
+
+using Asked = std::vector<std::string>;
+
+TEST_F(TopologyTest, AFirstConfigurationAsksForEachRouteOnce)
+{
+    Configure("web", {Topic("a"), Topic("b", "urgent"), Queue("q")});
+    EXPECT_EQ(port.asked, (Asked{"bind normal a", "bind urgent b", "consume q"}));
+}
+
+TEST_F(TopologyTest, AnUnchangedConfigurationAsksForNothing)
+{
+    Configure("web", {Topic("a"), Topic("b", "urgent"), Queue("q")});
+    port.asked.clear();
+    Configure("web", {Topic("a"), Topic("b", "urgent"), Queue("q")});
+    EXPECT_EQ(port.asked, Asked());
+}
+
+TEST_F(TopologyTest, AReplacementAsksForTheDifferenceOnly)
+{
+    Configure("web", {Topic("a"), Topic("b"), Queue("q"), Queue("r")});
+    port.asked.clear();
+    Configure("web", {Topic("b"), Topic("c"), Queue("r"), Queue("s")});
+    EXPECT_EQ(port.asked, (Asked{"unbind normal a", "stop q", "bind normal c", "consume s"}));
+}
+
+TEST_F(TopologyTest, ATopicThatChangesItsPriorityMoves)
+{
+    Configure("web", {Topic("a")});
+    port.asked.clear();
+    Configure("web", {Topic("a", "urgent")});
+    EXPECT_EQ(port.asked, (Asked{"unbind normal a", "bind urgent a"}));
+}
+
+TEST_F(TopologyTest, ASharedBindingGoesWithItsLastUser)
+{
+    Configure("web", {Topic("a")});
+    Configure("mail", {Topic("a")});
+    port.asked.clear();
+    Configure("web", {});
+    EXPECT_EQ(port.asked, Asked());
+    Configure("mail", {});
+    EXPECT_EQ(port.asked, Asked{"unbind normal a"});
+}
+
+TEST_F(TopologyTest, AnUnbindFromTheQueueOfAnotherApplicationIsNotMade)
+{
+    Configure("web", {Topic("a")});
+    Configure("mail", {Topic("a", "urgent")});
+    port.asked.clear();
+    // The routing registry has one entry for the shared topic, so the handler may name the other's queue.
+    topology->Begin("web", {});
+    EXPECT_TRUE(topology->Unbind({"urgent", "exchange", "a"}));
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, Asked{"unbind normal a"});
+    EXPECT_EQ(topology->QueueOf("a"), "urgent");
+}
+
+TEST_F(TopologyTest, AWithdrawnConfigurationLeavesNothing)
+{
+    Configure("web", {Topic("a"), Topic("b")});
+    port.refused.insert("bind normal c");
+    topology->Begin("web", {Topic("a"), Topic("b"), Topic("c")});
+    EXPECT_TRUE(topology->Unbind({"normal", "exchange", "a"}));
+    EXPECT_TRUE(topology->Bind({"normal", "exchange", "a"}));
+    EXPECT_FALSE(topology->Bind({"normal", "exchange", "c"}));
+    topology->Withdraw();
+    EXPECT_TRUE(topology->Unbind({"normal", "exchange", "a"}));
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.bound, std::set<std::string>());
+    EXPECT_EQ(topology->Bindings(), std::vector<Binding>());
+    EXPECT_EQ(Restart(), std::vector<RouteRecord>());
+}
+
+TEST_F(TopologyTest, ABindWithoutAnswerThrowsAndIsRemovedAtTheEnd)
+{
+    port.unanswered.insert("bind normal a");
+    topology->Begin("web", {Topic("a")});
+    EXPECT_THROW(topology->Bind({"normal", "exchange", "a"}), RmqConnectionException);
+    topology->Withdraw();
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, (Asked{"bind normal a", "unbind normal a"}));
+}
+
+TEST_F(TopologyTest, ARefusedUnbindIsFalseAndStaysAnOrphanForTheNextProcess)
+{
+    Configure("web", {Topic("a")});
+    port.refused.insert("unbind normal a");
+    topology->Begin("web", {});
+    EXPECT_FALSE(topology->Unbind({"normal", "exchange", "a"}));
+
+    EXPECT_EQ(Restart(), std::vector<RouteRecord>());
+    EXPECT_FALSE(topology->RemoveOrphans());
+    port.refused.clear();
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.bound, std::set<std::string>());
+    port.asked.clear();
+    Restart();
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.asked, Asked());
+}
+
+TEST_F(TopologyTest, AnOrphanThatIsWantedAgainIsBoundAgain)
+{
+    Configure("web", {Topic("a")});
+    port.refused.insert("unbind normal a");
+    topology->Begin("web", {});
+    EXPECT_FALSE(topology->Unbind({"normal", "exchange", "a"}));
+    Restart();
+    recorded.clear();
+    port.asked.clear();
+    Configure("web", {Topic("a")});
+    EXPECT_EQ(port.asked, Asked{"bind normal a"});
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.bound, std::set<std::string>{"normal a"});
+}
+
+TEST_F(TopologyTest, ACancelWithoutAnswerIsDone)
+{
+    Configure("web", {Queue("q")});
+    port.unanswered.insert("stop q");
+    EXPECT_TRUE(topology->Cancel("q"));
+    EXPECT_EQ(topology->Queues(), std::vector<std::string>());
+}
+
+TEST_F(TopologyTest, ACancelThatIsRefusedIsFalse)
+{
+    Configure("web", {Queue("q")});
+    port.refused.insert("stop q");
+    EXPECT_FALSE(topology->Cancel("q"));
+}
+
+TEST_F(TopologyTest, NamesOfTheAgentAndOfOthersAreRefused)
+{
+    Configure("mail", {Queue("theirs")});
+    port.asked.clear();
+    topology->Begin("web", {});
+    for (const char* name : {"normal", "urgent", "normal.dead", "normal.parked.mail"})
+    {
+        EXPECT_FALSE(topology->Declare(name)) << name;
+        EXPECT_FALSE(topology->Bind({"normal", "exchange", name})) << name;
+    }
+    EXPECT_FALSE(topology->Declare("theirs"));
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, Asked());
+    EXPECT_EQ(topology->Queues(), std::vector<std::string>{"theirs"});
+}
+
+TEST_F(TopologyTest, AFreshStartFindsTheRoutesInOrder)
+{
+    Configure("web", {Topic("b"), Topic("a", "urgent"), Queue("q")});
+    const std::vector<RouteRecord> expected{
+        {"web", RouteKind::topic, "b", "normal", RouteState::inForce},
+        {"web", RouteKind::topic, "a", "urgent", RouteState::inForce},
+        {"web", RouteKind::queue, "q", "", RouteState::inForce}};
+    EXPECT_EQ(Restart(), expected);
+    EXPECT_EQ(topology->Bindings().size(), 2U);
+    EXPECT_EQ(topology->Queues(), std::vector<std::string>{"q"});
+}
+
+TEST_F(TopologyTest, RoutesOfAnApplicationThatIsGoneBecomeOrphans)
+{
+    Configure("web", {Topic("a"), Queue("q")});
+    Configure("mail", {Topic("b")});
+    port.asked.clear();
+    EXPECT_EQ(Restart({"mail"}).size(), 1U);
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.asked, Asked{"unbind normal a"});
+}
+
+/** The process dies after every possible number of requests of a replacement; then the configuration comes again. */
+TEST_F(TopologyTest, AReplacementConvergesWhateverItsMomentOfDeath)
+{
+    const std::vector<RouteRecord> before{Topic("kept"), Topic("old1"), Topic("old2")};
+    const std::vector<RouteRecord> after{Topic("kept"), Topic("new1"), Topic("new2")};
+    for (std::size_t requests = 0; requests <= 4; ++requests)
+    {
+        Configure("web", before);
+        topology->Begin("web", after);
+        const std::vector<std::pair<bool, std::string>> steps{
+            {false, "old1"}, {false, "old2"}, {true, "new1"}, {true, "new2"}};
+        for (std::size_t step = 0; step < requests; ++step)
+        {
+            const Binding binding{"normal", "exchange", steps[step].second};
+            EXPECT_TRUE(steps[step].first ? topology->Bind(binding) : topology->Unbind(binding));
+        }
+        recorded["web"] = Restart();
+        EXPECT_TRUE(topology->RemoveOrphans());
+        Configure("web", after);
+        EXPECT_EQ(port.bound, (std::set<std::string>{"normal kept", "normal new1", "normal new2"})) << requests;
+        EXPECT_EQ(topology->Bindings().size(), 3U) << requests;
+    }
+}
+
+TEST_F(TopologyTest, AFrozenTopologyAsksAndRecordsNothing)
+{
+    Configure("web", {Topic("a"), Queue("q")});
+    port.asked.clear();
+    topology->Freeze();
+    topology->Begin("web", {});
+    EXPECT_TRUE(topology->Unbind({"normal", "exchange", "a"}));
+    EXPECT_TRUE(topology->Cancel("q"));
+    EXPECT_THROW(topology->Bind({"normal", "exchange", "b"}), RmqConnectionException);
+    EXPECT_THROW(topology->Declare("r"), RmqConnectionException);
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, Asked());
+    EXPECT_EQ(Restart().size(), 2U);
+}
+
+} // namespace
+} // namespace VtxQel
