@@ -1,4 +1,4 @@
-#include "qelctl/Suggestion.h"
+#include "common/Suggestion.h"
 
 #include <gtest/gtest.h>
 

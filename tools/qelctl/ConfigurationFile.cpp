@@ -1,7 +1,7 @@
 #include "ConfigurationFile.h"
 
 #include "JsonTree.h"
-#include "Suggestion.h"
+#include "common/Suggestion.h"
 
 #include <cstdint>
 #include <limits>

@@ -1,4 +1,4 @@
-#include "Suggestion.h"
+#include "common/Suggestion.h"
 
 #include <algorithm>
 #include <cctype>
