@@ -5,12 +5,11 @@
 #include <toml++/toml.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <set>
 #include <sstream>
 #include <system_error>
-
-#include <cerrno>
 
 namespace VtxQel
 {
@@ -68,7 +67,8 @@ class StrictToml::Document
         {
             const std::string key = prefix + std::string(name.str());
             const bool section = std::any_of(
-                m_known.begin(), m_known.end(), [&key](const std::string& known) { return known.starts_with(key + "."); });
+                m_known.begin(), m_known.end(),
+                [&key](const std::string& known) { return known.starts_with(key + "."); });
             if (section && node.is_table())
             {
                 Unknown(*node.as_table(), key + ".");
@@ -159,8 +159,7 @@ std::vector<std::string> StrictToml::Strings(const std::string& key)
     return texts;
 }
 
-std::string
-StrictToml::Choice(const std::string& key, const std::string& absent, const std::vector<std::string>& words)
+std::string StrictToml::Choice(const std::string& key, const std::string& absent, const std::vector<std::string>& words)
 {
     std::string chosen = String(key, absent);
     if (std::find(words.begin(), words.end(), chosen) == words.end())
@@ -171,7 +170,10 @@ StrictToml::Choice(const std::string& key, const std::string& absent, const std:
     return chosen;
 }
 
-bool StrictToml::Has(const std::string& key) const { return m_document->Find(key) != nullptr; }
+bool StrictToml::Has(const std::string& key) const
+{
+    return m_document->Find(key) != nullptr;
+}
 
 void StrictToml::Fail(const std::string& key, const std::string& text)
 {

@@ -53,7 +53,8 @@ class Delivery : public RmqMessage
     virtual const std::string& GetParkedFor() const = 0;
 
     /**
-     * Adds a receiver whose answer settlement waits for. Call it before the handler's Callback returns.
+     * Adds a receiver whose answer settlement waits for. Call it before the handler's Callback returns or while another
+     * receipt of this delivery is unanswered.
      * @param application the receiver's name, which goes into the dead letter and names the parking queue.
      */
     virtual boost::shared_ptr<Receipt> Expect(const std::string& application) = 0;

@@ -1,0 +1,427 @@
+#include "apps/Application.h"
+
+#include "common/SFormat.h"
+
+#include <boost/smart_ptr/make_shared.hpp>
+
+#include <algorithm>
+#include <iterator>
+
+namespace VtxQel
+{
+
+Application::Effects::~Effects()
+{
+    for (const auto& session : flush)
+    {
+        session->Flush();
+    }
+    for (const auto& [session, why, text] : end)
+    {
+        session->End(why, text);
+    }
+}
+
+ApplicationSettings Application::Settings() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_settings;
+}
+
+void Application::UpdateSettings(const ApplicationSettings& settings)
+{
+    const std::lock_guard lock(m_mutex);
+    m_settings = settings;
+    for (auto& [id, session] : m_sessions)
+    {
+        session.window = std::min(session.window, settings.window);
+    }
+}
+
+void Application::Offer(boost::shared_ptr<Delivery> message, boost::shared_ptr<Receipt> receipt)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    if (m_closed || !m_delivering)
+    {
+        return;
+    }
+    Item item;
+    item.bytes = message->GetBodyLength();
+    item.tries = message->GetTries();
+    item.redelivered = message->IsRedelivered();
+    item.fromParking = !message->GetParkedFor().empty();
+    item.message = std::move(message);
+    item.receipt = std::move(receipt);
+    item.since = m_context.timers.Now();
+    if (item.fromParking)
+    {
+        // One that was still on its way when the parking queue was given back comes again when that is consumed.
+        if (m_flow != ApplicationFlow::parked)
+        {
+            Append(std::move(item));
+        }
+    }
+    else if (m_flow == ApplicationFlow::live)
+    {
+        OfferLive(std::move(item));
+    }
+    else if (m_flow == ApplicationFlow::switching)
+    {
+        OfferSwitching(std::move(item));
+    }
+    else
+    {
+        Park(item);
+    }
+    Pump(effects);
+}
+
+std::optional<Application::SessionId> Application::Attach(
+    boost::shared_ptr<ApplicationSession> session, std::uint32_t window)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    if (m_closed || !m_delivering)
+    {
+        return std::nullopt;
+    }
+    const SessionId id = ++m_lastSession;
+    Session& attached = m_sessions[id];
+    attached.session = std::move(session);
+    attached.window = WindowFor(window);
+    if (m_flow == ApplicationFlow::parked)
+    {
+        StartDraining();
+    }
+    Pump(effects);
+    return id;
+}
+
+void Application::Detach(SessionId id)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    const auto position = m_sessions.find(id);
+    if (position != m_sessions.end())
+    {
+        RemoveSession(position);
+        Pump(effects);
+    }
+}
+
+std::optional<std::uint64_t> Application::Answer(SessionId id, const std::vector<ApplicationVerdict>& verdicts)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    const auto session = m_sessions.find(id);
+    if (session == m_sessions.end())
+    {
+        return std::nullopt;
+    }
+    std::optional<std::uint64_t> unknown;
+    for (const ApplicationVerdict& verdict : verdicts)
+    {
+        const auto position = session->second.inFlight.find(verdict.deliveryId);
+        if (position == session->second.inFlight.end())
+        {
+            unknown = verdict.deliveryId;
+            break;
+        }
+        Settle(TakeInFlight(session->second, position), verdict);
+    }
+    Pump(effects);
+    return unknown;
+}
+
+void Application::SetWindow(SessionId id, std::uint32_t window)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    const auto session = m_sessions.find(id);
+    if (session != m_sessions.end())
+    {
+        session->second.window = WindowFor(window);
+        Pump(effects);
+    }
+}
+
+std::uint32_t Application::EffectiveWindow(std::uint32_t wanted) const
+{
+    const std::lock_guard lock(m_mutex);
+    return WindowFor(wanted);
+}
+
+void Application::StopDelivering()
+{
+    const std::lock_guard lock(m_mutex);
+    m_delivering = false;
+}
+
+void Application::Stop(const std::string& why)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    Shut(why, false, effects);
+}
+
+void Application::Remove(const std::string& why)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    Shut(why, true, effects);
+}
+
+ApplicationSnapshot Application::Snapshot() const
+{
+    const std::lock_guard lock(m_mutex);
+    ApplicationSnapshot snapshot = m_counters;
+    snapshot.flow = m_flow;
+    snapshot.sessions = m_sessions.size();
+    snapshot.pending = m_pending.size() + m_behindMarker.size();
+    snapshot.waitingForRetry = m_retries.size();
+    snapshot.heldBytes = m_held.bytes;
+    for (const auto& [id, session] : m_sessions)
+    {
+        snapshot.window += session.window;
+        snapshot.inFlight += session.inFlight.size();
+    }
+    return snapshot;
+}
+
+std::uint32_t Application::WindowFor(std::uint32_t wanted) const
+{
+    return wanted == 0 ? m_settings.window : std::min(wanted, m_settings.window);
+}
+
+void Application::Append(Item item)
+{
+    item.sequence = m_nextSequence++;
+    m_pending.push_back(std::move(item));
+}
+
+void Application::Pump(Effects& effects)
+{
+    if (m_pending.empty() || !m_delivering)
+    {
+        return;
+    }
+    const TimePoint now = m_context.timers.Now();
+    while (!m_pending.empty() && PumpOne(now, effects))
+    {
+    }
+}
+
+bool Application::PumpOne(TimePoint now, Effects& effects)
+{
+    const Item& first = m_pending.front();
+    if (!first.fromParking && !m_context.budget.MaySend(m_sent, first.bytes))
+    {
+        return false;
+    }
+    Session* session = NextSession();
+    if (session == nullptr)
+    {
+        return false;
+    }
+    Item item = std::move(m_pending.front());
+    m_pending.pop_front();
+    SendTo(*session, std::move(item), now);
+    if (std::find(effects.flush.begin(), effects.flush.end(), session->session) == effects.flush.end())
+    {
+        effects.flush.push_back(session->session);
+    }
+    return true;
+}
+
+Application::Session* Application::NextSession()
+{
+    auto position = m_sessions.upper_bound(m_lastServed);
+    for (std::size_t tried = 0; tried < m_sessions.size(); ++tried, ++position)
+    {
+        if (position == m_sessions.end())
+        {
+            position = m_sessions.begin();
+        }
+        if (position->second.inFlight.size() < position->second.window)
+        {
+            m_lastServed = position->first;
+            return &position->second;
+        }
+    }
+    return nullptr;
+}
+
+void Application::SendTo(Session& session, Item item, TimePoint now)
+{
+    item.since = now;
+    if (!item.fromParking)
+    {
+        m_context.budget.AddSent(m_sent, item.bytes);
+    }
+    const std::uint64_t id = ++session.lastDelivery;
+    session.session->Enqueue({id, item.message, item.tries, item.redelivered});
+    session.inFlight.emplace_hint(session.inFlight.end(), id, std::move(item));
+    ++m_counters.delivered;
+    ArmFor(now + m_settings.ackTimeout);
+}
+
+Application::Item Application::TakeInFlight(Session& session, std::map<std::uint64_t, Item>::iterator position)
+{
+    Item item = std::move(position->second);
+    session.inFlight.erase(position);
+    if (!item.fromParking)
+    {
+        m_context.budget.RemoveSent(m_sent, item.bytes);
+    }
+    return item;
+}
+
+void Application::Settle(Item item, const ApplicationVerdict& verdict)
+{
+    ++item.tries;
+    switch (verdict.kind)
+    {
+    case ApplicationVerdict::Kind::done:
+        item.receipt->Done();
+        LetGo(item);
+        ++m_counters.done;
+        return;
+    case ApplicationVerdict::Kind::dead:
+        Bury(item, verdict.reason);
+        return;
+    case ApplicationVerdict::Kind::retry:
+        Retry(std::move(item), verdict.retryDelay);
+        return;
+    }
+}
+
+void Application::Retry(Item item, std::chrono::milliseconds delay)
+{
+    ++m_counters.retried;
+    if (!m_delivering)
+    {
+        LetGo(item);
+    }
+    else if (item.tries >= m_settings.maxTries)
+    {
+        Bury(item, "too many tries");
+    }
+    else
+    {
+        item.redelivered = true;
+        const TimePoint due = m_context.timers.Now() + delay;
+        m_retries.emplace(due, std::move(item));
+        ArmFor(due);
+    }
+}
+
+void Application::Bury(Item& item, const std::string& reason)
+{
+    item.receipt->Dead(reason, item.tries);
+    LetGo(item);
+    ++m_counters.dead;
+}
+
+void Application::LetGo(Item& item)
+{
+    if (!item.fromParking)
+    {
+        m_context.budget.Release(m_held, item.bytes);
+    }
+    item.receipt.reset();
+}
+
+void Application::Requeue(std::vector<Item> items)
+{
+    const auto earlier = [](const Item& left, const Item& right) { return left.sequence < right.sequence; };
+    std::sort(items.begin(), items.end(), earlier);
+    const auto count = static_cast<std::ptrdiff_t>(items.size());
+    m_pending.insert(m_pending.begin(), std::make_move_iterator(items.begin()), std::make_move_iterator(items.end()));
+    std::inplace_merge(m_pending.begin(), m_pending.begin() + count, m_pending.end(), earlier);
+}
+
+void Application::RemoveSession(std::map<SessionId, Session>::iterator position)
+{
+    Session& session = position->second;
+    std::vector<Item> items;
+    items.reserve(session.inFlight.size());
+    while (!session.inFlight.empty())
+    {
+        items.push_back(TakeInFlight(session, session.inFlight.begin()));
+        items.back().redelivered = true;
+    }
+    m_sessions.erase(position);
+    Requeue(std::move(items));
+    if (!m_delivering)
+    {
+        DropUnanswered(m_pending, false);
+    }
+    else if (m_sessions.empty())
+    {
+        BecomeAbsent();
+    }
+}
+
+void Application::Shut(const std::string& why, bool park, Effects& effects)
+{
+    m_closed = true;
+    const bool parkedIsConsumed = m_flow == ApplicationFlow::draining || m_flow == ApplicationFlow::switching;
+    while (!m_sessions.empty())
+    {
+        Session& session = m_sessions.begin()->second;
+        effects.end.emplace_back(session.session, SessionEnd::unavailable, why);
+        std::vector<Item> items;
+        while (!session.inFlight.empty())
+        {
+            items.push_back(TakeInFlight(session, session.inFlight.begin()));
+        }
+        m_sessions.erase(m_sessions.begin());
+        Requeue(std::move(items));
+    }
+    MergeRetries();
+    if (park)
+    {
+        DropUnanswered(m_pending, true);
+        ParkAll(m_pending);
+        ParkAll(m_behindMarker);
+    }
+    if (park && parkedIsConsumed)
+    {
+        m_context.parking.Release(m_name);
+    }
+    DropUnanswered(m_pending, false);
+    DropUnanswered(m_behindMarker, false);
+    m_flow = ApplicationFlow::parked;
+}
+
+void Application::MergeRetries()
+{
+    std::vector<Item> items;
+    items.reserve(m_retries.size());
+    for (auto& [due, item] : m_retries)
+    {
+        items.push_back(std::move(item));
+    }
+    m_retries.clear();
+    Requeue(std::move(items));
+}
+
+void Application::DropUnanswered(std::deque<Item>& items, bool onlyParked)
+{
+    std::deque<Item> kept;
+    for (Item& item : items)
+    {
+        if (onlyParked && !item.fromParking)
+        {
+            kept.push_back(std::move(item));
+        }
+        else
+        {
+            LetGo(item);
+        }
+    }
+    items.swap(kept);
+}
+
+} // namespace VtxQel

@@ -1,0 +1,364 @@
+#include "apps/AttachSession.h"
+
+#include "apps/MessageConversion.h"
+#include "common/SFormat.h"
+#include "logging/Log.h"
+
+namespace VtxQel
+{
+
+namespace proto = qel::apps::v1;
+
+namespace
+{
+
+constexpr std::chrono::seconds helloDeadline{10};
+constexpr std::size_t longestInstance = 64;
+constexpr std::size_t longestReason = 1024;
+constexpr std::uint32_t longestRetryDelay = 3600000;
+constexpr int mostInBatch = 64;
+constexpr std::size_t mostBytesInBatch = 1048576;
+constexpr std::size_t mostBytesKept = 65536;
+
+grpc::StatusCode CodeOf(SessionEnd why)
+{
+    switch (why)
+    {
+    case SessionEnd::invalid:
+        return grpc::StatusCode::INVALID_ARGUMENT;
+    case SessionEnd::overdue:
+        return grpc::StatusCode::DEADLINE_EXCEEDED;
+    case SessionEnd::unavailable:
+        break;
+    }
+    return grpc::StatusCode::UNAVAILABLE;
+}
+
+/** What is wrong with the verdict; empty when nothing is. */
+std::string Check(const proto::Verdict& verdict)
+{
+    const auto id = static_cast<unsigned long long>(verdict.delivery_id());
+    switch (verdict.kind())
+    {
+    case proto::Verdict::DONE:
+    case proto::Verdict::RETRY:
+    case proto::Verdict::DEAD:
+        break;
+    default:
+        return SFormat("the verdict for delivery %llu has the kind %d: use DONE, RETRY or DEAD", id, verdict.kind());
+    }
+    if (verdict.reason().size() > longestReason)
+    {
+        return SFormat(
+            "the reason for delivery %llu has %zu bytes: shorten it to %zu", id, verdict.reason().size(),
+            longestReason);
+    }
+    if (verdict.retry_delay_ms() > longestRetryDelay)
+    {
+        return SFormat(
+            "retry_delay_ms for delivery %llu is %u: the longest delay is %u, an hour", id, verdict.retry_delay_ms(),
+            longestRetryDelay);
+    }
+    return "";
+}
+
+ApplicationVerdict::Kind KindOf(proto::Verdict::Kind kind)
+{
+    switch (kind)
+    {
+    case proto::Verdict::RETRY:
+        return ApplicationVerdict::Kind::retry;
+    case proto::Verdict::DEAD:
+        return ApplicationVerdict::Kind::dead;
+    default:
+        return ApplicationVerdict::Kind::done;
+    }
+}
+
+std::string CheckWindow(std::uint32_t window)
+{
+    return window <= 65535 ? "" : SFormat("the window is %u: ask for 1 to 65535 deliveries", window);
+}
+
+} // namespace
+
+AttachSession::AttachSession(ServiceContext context) : m_context(std::move(context)) {}
+
+void AttachSession::Start()
+{
+    m_self = shared_from_this();
+    m_context.timers.After(
+        helloDeadline,
+        [weak = weak_from_this()]
+        {
+            const auto self = weak.lock();
+            if (self)
+            {
+                self->CheckHello();
+            }
+        });
+    StartRead(&m_request);
+}
+
+void AttachSession::CheckHello()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_helloTaken)
+        {
+            return;
+        }
+    }
+    End(SessionEnd::invalid, "no Hello came within 10 seconds: send AttachRequest.hello when the stream is open");
+}
+
+void AttachSession::ConfigurationChanged()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_configurationDue = m_helloTaken && !m_welcomeDue;
+    }
+    Flush();
+}
+
+void AttachSession::Enqueue(SessionDelivery delivery)
+{
+    const std::lock_guard lock(m_mutex);
+    m_outbox.push_back(std::move(delivery));
+}
+
+void AttachSession::Flush()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_writing || m_ending || !FillResponse())
+        {
+            return;
+        }
+        m_writing = true;
+    }
+    StartWrite(&m_response);
+}
+
+void AttachSession::End(SessionEnd why, const std::string& text)
+{
+    EndWith({CodeOf(why), text});
+}
+
+void AttachSession::OnReadDone(bool ok)
+{
+    if (!ok)
+    {
+        EndWith(grpc::Status::OK);
+        return;
+    }
+    const std::string wrong = Take(m_request);
+    if (!wrong.empty())
+    {
+        End(SessionEnd::invalid, wrong);
+        return;
+    }
+    StartRead(&m_request);
+}
+
+void AttachSession::OnWriteDone(bool /*ok*/)
+{
+    // A write that failed is followed by a read that fails and by OnCancel, which end the session.
+    std::unique_lock lock(m_mutex);
+    m_writing = false;
+    if (m_batchBytes > mostBytesKept)
+    {
+        // Otherwise the response is reused, and its memory with it.
+        m_response.Clear();
+        m_batchBytes = 0;
+    }
+    if (!m_ending)
+    {
+        lock.unlock();
+        Flush();
+    }
+    else if (!m_finished)
+    {
+        m_finished = true;
+        const grpc::Status status = *m_ending;
+        lock.unlock();
+        Finish(status);
+    }
+}
+
+void AttachSession::OnCancel()
+{
+    EndWith({grpc::StatusCode::CANCELLED, "the stream was cancelled"});
+}
+
+void AttachSession::OnDone()
+{
+    Detach();
+    const boost::shared_ptr<AttachSession> last = std::move(m_self);
+}
+
+std::string AttachSession::Take(const proto::AttachRequest& request)
+{
+    if (!m_helloTaken && request.kind_case() != proto::AttachRequest::kHello)
+    {
+        return "the first message of the stream must be AttachRequest.hello";
+    }
+    switch (request.kind_case())
+    {
+    case proto::AttachRequest::kHello:
+        return TakeHello(request.hello());
+    case proto::AttachRequest::kVerdicts:
+        return TakeVerdicts(request.verdicts());
+    case proto::AttachRequest::kWindow:
+        return TakeWindow(request.window());
+    case proto::AttachRequest::KIND_NOT_SET:
+        break;
+    }
+    // A kind that a later version of the interface brings.
+    return "";
+}
+
+std::string AttachSession::TakeHello(const proto::Hello& hello)
+{
+    if (m_helloTaken)
+    {
+        return "a second Hello came on the stream: to change the window send AttachRequest.window";
+    }
+    if (hello.instance().size() > longestInstance)
+    {
+        return SFormat("Hello.instance has %zu bytes: shorten it to %zu", hello.instance().size(), longestInstance);
+    }
+    const std::string wrong = CheckWindow(hello.window());
+    if (!wrong.empty())
+    {
+        return wrong;
+    }
+    m_instance = hello.instance();
+    {
+        const std::lock_guard lock(m_mutex);
+        m_helloTaken = true;
+        m_welcomeDue = true;
+        m_response.mutable_welcome()->set_window(m_context.application->EffectiveWindow(hello.window()));
+    }
+    const auto id = m_context.application->Attach(shared_from_this(), hello.window());
+    if (!id)
+    {
+        End(SessionEnd::unavailable, "the agent is stopping");
+        return "";
+    }
+    {
+        const std::lock_guard lock(m_mutex);
+        m_id = id;
+    }
+    Flush();
+    return "";
+}
+
+std::string AttachSession::TakeVerdicts(const proto::VerdictBatch& batch)
+{
+    std::string wrong;
+    m_verdicts.clear();
+    for (const proto::Verdict& verdict : batch.verdicts())
+    {
+        wrong = Check(verdict);
+        if (!wrong.empty())
+        {
+            break;
+        }
+        m_verdicts.push_back(
+            {verdict.delivery_id(), KindOf(verdict.kind()), verdict.reason(),
+             std::chrono::milliseconds(verdict.retry_delay_ms())});
+    }
+    const auto unknown = m_context.application->Answer(*m_id, m_verdicts);
+    if (unknown)
+    {
+        return SFormat(
+            "delivery %llu has had its verdict or was never sent on this stream: answer each delivery of this stream "
+            "once",
+            static_cast<unsigned long long>(*unknown));
+    }
+    return wrong;
+}
+
+std::string AttachSession::TakeWindow(const proto::WindowUpdate& update)
+{
+    const std::string wrong =
+        update.window() == 0 ? "the window is 0: ask for 1 to 65535 deliveries" : CheckWindow(update.window());
+    if (wrong.empty())
+    {
+        m_context.application->SetWindow(*m_id, update.window());
+    }
+    return wrong;
+}
+
+/** Puts what waits into the response; `false` when nothing does. Call with the lock held. */
+bool AttachSession::FillResponse()
+{
+    if (m_welcomeDue)
+    {
+        m_welcomeDue = false;
+        proto::Welcome& welcome = *m_response.mutable_welcome();
+        welcome.set_application(m_context.application->Name());
+        welcome.set_agent_version(m_context.agentVersion);
+        ToProto(m_context.subscriptions.Status(m_context.application->Name()), *welcome.mutable_configuration());
+        return true;
+    }
+    if (m_configurationDue)
+    {
+        m_configurationDue = false;
+        m_response.mutable_configuration()->Clear();
+        ToProto(m_context.subscriptions.Status(m_context.application->Name()), *m_response.mutable_configuration());
+        return true;
+    }
+    if (m_outbox.empty())
+    {
+        return false;
+    }
+    FillDeliveries();
+    return true;
+}
+
+void AttachSession::FillDeliveries()
+{
+    proto::DeliveryBatch& batch = *m_response.mutable_deliveries();
+    batch.Clear();
+    m_batchBytes = 0;
+    while (!m_outbox.empty() && batch.deliveries_size() < mostInBatch && m_batchBytes < mostBytesInBatch)
+    {
+        const SessionDelivery& next = m_outbox.front();
+        m_batchBytes += next.message->GetBodyLength();
+        ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), *batch.add_deliveries());
+        m_outbox.pop_front();
+    }
+}
+
+void AttachSession::EndWith(const grpc::Status& status)
+{
+    Detach();
+    std::unique_lock lock(m_mutex);
+    m_outbox.clear();
+    if (m_ending)
+    {
+        return;
+    }
+    m_ending = status;
+    if (!m_writing)
+    {
+        m_finished = true;
+        lock.unlock();
+        Finish(status);
+    }
+}
+
+void AttachSession::Detach()
+{
+    std::unique_lock lock(m_mutex);
+    const std::optional<Application::SessionId> id = m_id;
+    lock.unlock();
+    if (id)
+    {
+        m_context.application->Detach(*id);
+    }
+}
+
+} // namespace VtxQel

@@ -1,0 +1,98 @@
+#pragma once
+
+#include "apps/Application.h"
+#include "apps/ApplicationSession.h"
+#include "apps/Subscriptions.h"
+#include "apps/Timers.h"
+#include "common/Publisher.h"
+#include "qel/apps/v1/applications.grpc.pb.h"
+
+#include <boost/shared_ptr.hpp>
+#include <boost/smart_ptr/enable_shared_from_this.hpp>
+
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+
+/** What the streams and calls of one application need. The referred objects outlive them. */
+struct ServiceContext
+{
+    boost::shared_ptr<Application> application;
+    Subscriptions& subscriptions;
+    Publisher& publisher;
+    Timers& timers;
+    std::string agentVersion;
+};
+
+/**
+ * AttachSession is one instance's Attach stream.
+ *
+ * It keeps itself alive until gRPC is done with it. gRPC calls the On... operations on its threads; the application
+ * calls the others on any. At most one write is under way; what comes meanwhile waits and goes out together. A rule
+ * that the instance breaks ends the stream with a status that says what to do; the application gives what was in flight
+ * to another instance.
+ */
+class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachRequest, qel::apps::v1::AttachResponse>,
+                      public ApplicationSession,
+                      public boost::enable_shared_from_this<AttachSession>
+{
+  public:
+    explicit AttachSession(ServiceContext context);
+
+    /** Waits for the instance's Hello. Call once, when a shared pointer owns the session. */
+    void Start();
+    /** Sends the configuration's state as it is now. */
+    void ConfigurationChanged();
+
+    void Enqueue(SessionDelivery delivery) override;
+    void Flush() override;
+    void End(SessionEnd why, const std::string& text) override;
+    const std::string& Instance() const override { return m_instance; }
+
+    void OnReadDone(bool ok) override;
+    void OnWriteDone(bool ok) override;
+    void OnCancel() override;
+    void OnDone() override;
+
+  private:
+    /** Each returns what the instance did wrong, empty when nothing. */
+    std::string Take(const qel::apps::v1::AttachRequest& request);
+    std::string TakeHello(const qel::apps::v1::Hello& hello);
+    std::string TakeVerdicts(const qel::apps::v1::VerdictBatch& batch);
+    std::string TakeWindow(const qel::apps::v1::WindowUpdate& update);
+
+    void CheckHello();
+    bool FillResponse();
+    void FillDeliveries();
+    void EndWith(const grpc::Status& status);
+    void Detach();
+
+    const ServiceContext m_context;
+    /** Used by the reading side only. */
+    qel::apps::v1::AttachRequest m_request;
+    std::vector<ApplicationVerdict> m_verdicts;
+    /** Set before the session attaches, constant from then on. */
+    std::string m_instance;
+
+    std::mutex m_mutex;
+    /** Guarded by m_mutex, like everything below; the response belongs to the write while there is one. */
+    qel::apps::v1::AttachResponse m_response;
+    std::deque<SessionDelivery> m_outbox;
+    /** The bodies in the response. */
+    std::size_t m_batchBytes = 0;
+    bool m_helloTaken = false;
+    bool m_welcomeDue = false;
+    bool m_configurationDue = false;
+    bool m_writing = false;
+    bool m_finished = false;
+    std::optional<grpc::Status> m_ending;
+    std::optional<Application::SessionId> m_id;
+    boost::shared_ptr<AttachSession> m_self;
+};
+
+} // namespace VtxQel

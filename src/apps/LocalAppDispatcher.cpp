@@ -1,0 +1,227 @@
+#include "apps/LocalAppDispatcher.h"
+
+#include "apps/ParkingQueues.h"
+#include "common/MessageTypes.h"
+
+#include <boost/smart_ptr/shared_ptr.hpp>
+
+#include <optional>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+/** The marker's number when the message is one. */
+std::optional<std::uint64_t> MarkerOf(const Delivery& message)
+{
+    for (const auto& [name, value] : message.GetProperties()->headers)
+    {
+        if (name != parkingMarkerHeader)
+        {
+            continue;
+        }
+        if (const auto* number = std::get_if<std::int64_t>(&value.value))
+        {
+            return static_cast<std::uint64_t>(*number);
+        }
+        if (const auto* number = std::get_if<std::uint64_t>(&value.value))
+        {
+            return *number;
+        }
+    }
+    return std::nullopt;
+}
+
+} // namespace
+
+LocalAppDispatcher::LocalAppDispatcher(ApplicationSet& applications, Subscriptions& subscriptions)
+    : m_applications(applications), m_subscriptions(subscriptions)
+{
+    m_subscriptions.Observe([this](const SubscriptionChange& change) { OnChange(change); });
+}
+
+bool LocalAppDispatcher::Dispatch(boost::shared_ptr<RmqMessage> msg)
+{
+    const auto message = boost::dynamic_pointer_cast<Delivery>(msg);
+    if (!message)
+    {
+        return false;
+    }
+    if (message->GetProperties()->type == APP_INIT_CONFIG_TYPE)
+    {
+        // It has been carried out; the application's instances learn of it as a change of their configuration.
+        return true;
+    }
+    if (!message->GetParkedFor().empty())
+    {
+        DispatchParked(message);
+        return true;
+    }
+    if (m_waitingCount.load() != 0)
+    {
+        const std::lock_guard lock(m_mutex);
+        Redispatch([&message](const Waiting& other)
+                   { return other.message->GetRoutingKey() == message->GetRoutingKey(); });
+    }
+    switch (HandOver(message))
+    {
+    case Outcome::handedOver:
+    case Outcome::servedElsewhere:
+        return true;
+    case Outcome::nobody:
+        break;
+    }
+    if (!m_subscriptions.IsConfiguring())
+    {
+        return false;
+    }
+    Wait(message);
+    return true;
+}
+
+std::string LocalAppDispatcher::ApplicationFor(
+    const std::string& queue, const std::string& routingKey, const std::string& appId) const
+{
+    if (!appId.empty())
+    {
+        return appId;
+    }
+    const Receivers receivers = m_subscriptions.Resolve(queue, routingKey);
+    return receivers.applications.empty() ? "" : receivers.applications.front();
+}
+
+void LocalAppDispatcher::Stop()
+{
+    const std::lock_guard lock(m_mutex);
+    m_waiting.clear();
+    m_waitingCount = 0;
+}
+
+void LocalAppDispatcher::DispatchParked(const boost::shared_ptr<Delivery>& message)
+{
+    const std::string& name = message->GetParkedFor();
+    const auto application = m_applications.Find(name);
+    const std::optional<std::uint64_t> marker = MarkerOf(*message);
+    const auto receipt = message->Expect(name);
+    if (marker)
+    {
+        if (application)
+        {
+            application->MarkerReturned(*marker);
+        }
+        receipt->Done();
+    }
+    else if (application)
+    {
+        application->Offer(message, receipt);
+    }
+    // An application that has just been removed leaves its messages in its parking queue.
+}
+
+LocalAppDispatcher::Outcome LocalAppDispatcher::HandOver(const boost::shared_ptr<Delivery>& message)
+{
+    const std::string& appId = message->GetProperties()->appId;
+    if (!appId.empty())
+    {
+        if (const auto named = m_applications.Find(appId))
+        {
+            named->Offer(message, message->Expect(appId));
+            return Outcome::handedOver;
+        }
+    }
+    const Receivers receivers = m_subscriptions.Resolve(message->GetQueue(), message->GetRoutingKey());
+    std::vector<std::pair<boost::shared_ptr<Application>, boost::shared_ptr<Receipt>>> taking;
+    for (const std::string& name : receivers.applications)
+    {
+        if (const auto application = m_applications.Find(name))
+        {
+            taking.emplace_back(application, message->Expect(name));
+        }
+    }
+    for (const auto& [application, receipt] : taking)
+    {
+        application->Offer(message, receipt);
+    }
+    if (!taking.empty())
+    {
+        return Outcome::handedOver;
+    }
+    return receivers.servedElsewhere ? Outcome::servedElsewhere : Outcome::nobody;
+}
+
+void LocalAppDispatcher::Wait(const boost::shared_ptr<Delivery>& message)
+{
+    const std::lock_guard lock(m_mutex);
+    m_waiting.push_back({message, message->Expect("")});
+    ++m_waitingCount;
+    // What it waits for may have happened since it was looked for.
+    Redispatch([&message](const Waiting& other) { return other.message->GetRoutingKey() == message->GetRoutingKey(); });
+}
+
+void LocalAppDispatcher::OnChange(const SubscriptionChange& change)
+{
+    if (m_waitingCount.load() == 0)
+    {
+        return;
+    }
+    const std::lock_guard lock(m_mutex);
+    switch (change.kind)
+    {
+    case SubscriptionChange::Kind::topicAdded:
+        if (m_subscriptions.IsPattern(change.key))
+        {
+            Redispatch([](const Waiting&) { return true; });
+        }
+        else
+        {
+            Redispatch([&change](const Waiting& waiting) { return waiting.message->GetRoutingKey() == change.key; });
+        }
+        return;
+    case SubscriptionChange::Kind::queueAdded:
+        Redispatch([&change](const Waiting& waiting) { return waiting.message->GetQueue() == change.key; });
+        return;
+    case SubscriptionChange::Kind::state:
+        Redispatch([](const Waiting&) { return true; });
+        return;
+    }
+}
+
+template <typename Concerned>
+void LocalAppDispatcher::Redispatch(const Concerned& concerned)
+{
+    for (auto position = m_waiting.begin(); position != m_waiting.end();)
+    {
+        if (concerned(*position) && Resolve(*position))
+        {
+            position = m_waiting.erase(position);
+            --m_waitingCount;
+        }
+        else
+        {
+            ++position;
+        }
+    }
+}
+
+bool LocalAppDispatcher::Resolve(Waiting& waiting)
+{
+    switch (HandOver(waiting.message))
+    {
+    case Outcome::handedOver:
+    case Outcome::servedElsewhere:
+        waiting.receipt->Done();
+        return true;
+    case Outcome::nobody:
+        break;
+    }
+    if (m_subscriptions.IsConfiguring())
+    {
+        return false;
+    }
+    waiting.receipt->Dead("no application takes this message", waiting.message->GetTries());
+    return true;
+}
+
+} // namespace VtxQel

@@ -1,0 +1,121 @@
+#include "apps/PublishCall.h"
+
+#include "apps/MessageConversion.h"
+#include "common/SFormat.h"
+
+#include <algorithm>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+/** What a caller without a deadline of its own gets, and the longest. */
+constexpr std::chrono::milliseconds longestWait{30000};
+
+std::chrono::milliseconds WaitOf(const grpc::CallbackServerContext& context)
+{
+    const auto left = context.deadline() - std::chrono::system_clock::now();
+    const auto inMilliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left);
+    return std::clamp(inMilliseconds, std::chrono::milliseconds(1), longestWait);
+}
+
+} // namespace
+
+bool PublishQuota::TryTake(std::size_t bytes)
+{
+    const std::size_t calls = m_calls.fetch_add(1);
+    const std::size_t before = m_bytes.fetch_add(bytes);
+    if (calls >= mostCalls || (before != 0 && before + bytes > mostBytes))
+    {
+        GiveBack(bytes);
+        return false;
+    }
+    return true;
+}
+
+void PublishQuota::GiveBack(std::size_t bytes)
+{
+    m_calls.fetch_sub(1);
+    m_bytes.fetch_sub(bytes);
+}
+
+grpc::Status StatusOf(PublishResult result, const std::string& why)
+{
+    const auto text = [&why](const char* otherwise) { return why.empty() ? std::string(otherwise) : why; };
+    switch (result)
+    {
+    case PublishResult::confirmed:
+        return grpc::Status::OK;
+    case PublishResult::noRoute:
+        return {grpc::StatusCode::NOT_FOUND, text("no queue takes the routing key")};
+    case PublishResult::refused:
+        return {grpc::StatusCode::INVALID_ARGUMENT, text("the broker refuses the message")};
+    case PublishResult::timedOut:
+        return {
+            grpc::StatusCode::DEADLINE_EXCEEDED, text("the broker has not confirmed in time and may have the message")};
+    case PublishResult::overloaded:
+        break;
+    }
+    return {grpc::StatusCode::UNAVAILABLE, text("too much is waiting to be published: not sent, try again")};
+}
+
+PublishCall::PublishCall(boost::shared_ptr<PublishQuota> quota) : m_quota(std::move(quota)) {}
+
+PublishCall::~PublishCall()
+{
+    if (m_taken)
+    {
+        m_quota->GiveBack(m_bytes);
+    }
+}
+
+void PublishCall::Start(
+    Publisher& publisher, const grpc::CallbackServerContext& context, qel::apps::v1::PublishRequest& request)
+{
+    m_self = shared_from_this();
+    OutgoingMessage message;
+    m_bytes = request.body().size();
+    const std::string wrong = FromProto(request, message);
+    if (!wrong.empty())
+    {
+        FinishOnce({grpc::StatusCode::INVALID_ARGUMENT, wrong});
+        return;
+    }
+    m_taken = m_quota->TryTake(m_bytes);
+    if (!m_taken)
+    {
+        FinishOnce(
+            {grpc::StatusCode::UNAVAILABLE,
+             SFormat(
+                 "%zu messages or %zu MiB of this application wait for their confirms: not sent, wait for some answers "
+                 "and try again",
+                 PublishQuota::mostCalls, PublishQuota::mostBytes / 1048576)});
+        return;
+    }
+    message.deadline = WaitOf(context);
+    publisher.Publish(
+        std::move(message), [self = shared_from_this()](PublishResult result, const std::string& why)
+        { self->FinishOnce(StatusOf(result, why)); });
+}
+
+void PublishCall::OnCancel()
+{
+    FinishOnce({grpc::StatusCode::CANCELLED, "the call was cancelled"});
+}
+
+void PublishCall::OnDone()
+{
+    const boost::shared_ptr<PublishCall> last = std::move(m_self);
+}
+
+void PublishCall::FinishOnce(const grpc::Status& status)
+{
+    if (!m_finished.exchange(true))
+    {
+        Finish(status);
+    }
+}
+
+} // namespace VtxQel
