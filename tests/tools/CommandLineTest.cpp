@@ -5,6 +5,10 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +22,18 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 constexpr const char* unreachable = "amqp://127.0.0.1:1/";
+
+/** Every long option that a help text offers, without those that all programs have. */
+std::set<std::string> OptionsIn(const std::string& help)
+{
+    static const std::regex option("--[a-z][a-z-]+");
+    std::set<std::string> options;
+    for (std::sregex_iterator found(help.begin(), help.end(), option); found != std::sregex_iterator(); ++found)
+    {
+        options.insert(found->str());
+    }
+    return options;
+}
 
 } // namespace
 
@@ -33,6 +49,21 @@ TEST(CommandLine, HelpAndVersionSucceed)
     const ProgramResult version = RunQelctl({"--version"});
     EXPECT_EQ(version.status, 0);
     EXPECT_THAT(version.out, StartsWith("qelctl "));
+}
+
+TEST(CommandLine, TheManualPageDescribesEveryOption)
+{
+    std::ifstream file(QELCTL_MANUAL);
+    const std::string source((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const std::set<std::string> described = OptionsIn(std::regex_replace(source, std::regex("\\\\-"), "-"));
+    std::set<std::string> offered = OptionsIn(RunQelctl({"--help"}).out);
+    for (const char* verb : {"ping", "configure", "reassign", "publish", "attach"})
+    {
+        offered.merge(OptionsIn(RunQelctl({verb, "--help"}).out));
+    }
+
+    EXPECT_GT(offered.size(), 20U);
+    EXPECT_EQ(described, offered);
 }
 
 TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
