@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -51,13 +52,17 @@ LogSink SetLogSink(LogSink sink)
 
 constinit LogLevel Logger::logLevel{LevelWarning};
 
-Logger::Logger(LibraryLogLevel level)
+Logger::Logger(LibraryLogLevel level) : m_exceptionsBefore(std::uncaught_exceptions())
 {
     m_line.level = level;
 }
 
 Logger::~Logger()
 {
+    if (std::uncaught_exceptions() > m_exceptionsBefore)
+    {
+        return;
+    }
     try
     {
         const std::shared_ptr<const LogSink> sink = CurrentSink().Get();

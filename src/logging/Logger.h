@@ -31,7 +31,8 @@ using LogSink = std::function<void(const LogLine&)>;
 LogSink SetLogSink(LogSink sink);
 
 /**
- * One log line: built up by one thread and ended, that is handed to the sink, by the destructor.
+ * One log line: built up by one thread and ended, that is handed to the sink, by the destructor. A line that an
+ * exception interrupts, from one of its arguments for example, is abandoned.
  *
  * Test the level before constructing one, as QEL_LOG (logging/Log.h) does; the logger itself tests nothing.
  */
@@ -54,6 +55,7 @@ class Logger
     static LogLevel logLevel;
 
   private:
+    const int m_exceptionsBefore;
     LogLine m_line;
 };
 
