@@ -1,0 +1,195 @@
+#include "agent/Agent.h"
+
+#include "common/QelException.h"
+#include "logging/Log.h"
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+/** Together less than the 5 s that a stop may take. */
+constexpr std::chrono::milliseconds VERDICT_BUDGET{2500};
+constexpr std::chrono::milliseconds FLUSH_BUDGET{1500};
+constexpr std::chrono::seconds FIRST_ORPHAN_DELAY{5};
+constexpr std::chrono::seconds LONGEST_ORPHAN_DELAY{300};
+
+/** The route type of the agent's own queues: a clean-up neither unbinds nor cancels them. */
+constexpr int OWN_ROUTE = 0;
+
+std::string JournalFile(const std::string& stateDirectory)
+{
+    std::error_code failed;
+    std::filesystem::create_directories(stateDirectory, failed);
+    return (std::filesystem::path(stateDirectory) / "journal.sqlite").string();
+}
+
+std::set<std::string> NamesOf(const std::vector<ApplicationSettings>& applications)
+{
+    std::set<std::string> names;
+    for (const ApplicationSettings& application : applications)
+    {
+        names.insert(application.name);
+    }
+    return names;
+}
+
+} // namespace
+
+Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
+    : m_config(std::move(config)), m_timers("qel-agent-timer"), m_chores("qel-chores"),
+      m_journal(JournalFile(m_config.stateDirectory)), m_routingRegistry(boost::make_shared<RoutingRegistry>()),
+      m_appRegistry(boost::make_shared<LocalAppRegistry>()),
+      m_subscriptions(
+          m_config.broker.names.clientQueue, m_config.broker.names.priorityQueue,
+          m_config.broker.names.exchangeType == "topic"),
+      m_client(boost::make_shared<BrokerClient>(
+          m_config.broker, m_routingRegistry, m_journal,
+          [this](const std::string& queue, const std::string& routingKey, const std::string& appId) {
+              return m_dispatcher->ApplicationFor(queue, routingKey, appId);
+          },
+          BrokerEvents{[this] { OnDisconnected(); }, [this] { OnRestored(); }})),
+      m_budget(m_config.broker.prefetch, m_config.broker.maxHeldBytes / 2), m_parking(*m_client),
+      m_applications(ApplicationContext{m_budget, m_parking, m_applicationTimers}),
+      m_dispatcher(boost::make_shared<LocalAppDispatcher>(m_applications, m_subscriptions)),
+      m_gateway(GatewayContext{
+          m_config.runtimeDirectory, QEL_VERSION, m_applications, m_subscriptions, m_client->Publishing(),
+          m_applicationTimers}),
+      m_requests(
+          m_config.management, m_client->Publishing(), m_timers,
+          [this](const std::string& application) { return LacksConfiguration(application); }),
+      m_info(boost::make_shared<RmqInfo>(m_config.broker.names)),
+      m_frontEnd(boost::make_shared<BrokerFrontEnd>([this] { MoveToNextUrl(); }, m_timers, m_config.reassignWithin)),
+      m_endpointController(boost::make_shared<EndpointController>(m_frontEnd)),
+      m_handler(boost::make_shared<AgentMsgHandler>(
+          HandlerCollaborators{
+              m_routingRegistry, m_appRegistry, m_dispatcher, m_client, m_info, m_endpointController},
+          m_client->Routes(), m_subscriptions, m_config.controlUsers,
+          [this](const std::string& application) { m_requests.AskLater(application); }))
+{
+    m_subscriptions.Observe([this](const SubscriptionChange& change) { OnSubscriptionChange(change); });
+    m_applicationNames = NamesOf(applications);
+    m_appRegistry->Reload({m_applicationNames.begin(), m_applicationNames.end()});
+    m_applications.Reload(applications);
+    AddOwnRoutes();
+    m_handler->Restore(
+        m_client->Routes().Restore([this](const std::string& name) { return m_applicationNames.contains(name); }));
+    const std::vector<std::string> problems = m_gateway.Reload(applications);
+    for (const std::string& problem : problems)
+    {
+        QEL_LOG(vtx::LevelWarning, "%s", problem.c_str());
+    }
+}
+
+Agent::~Agent() { Stop(); }
+
+void Agent::Start()
+{
+    m_started = true;
+    m_client->Start();
+}
+
+void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSettings>& applications)
+{
+    vtx::Logger::logLevel = config.logLevel;
+    m_client->ReloadTls();
+    const std::set<std::string> names = NamesOf(applications);
+    m_appRegistry->Reload({names.begin(), names.end()});
+    m_applications.Reload(applications);
+    for (const std::string& problem : m_gateway.Reload(applications))
+    {
+        QEL_LOG(vtx::LevelWarning, "%s", problem.c_str());
+    }
+    for (const std::string& name : m_applicationNames)
+    {
+        if (!names.contains(name))
+        {
+            m_chores.Post([this, name] {
+                m_handler->Forget(name);
+                RemoveOrphans(FIRST_ORPHAN_DELAY);
+            });
+        }
+    }
+    m_applicationNames = names;
+    QEL_LOG(vtx::LevelStatus, "configuration read again: log level %d, %zu applications", config.logLevel, names.size());
+}
+
+void Agent::Stop()
+{
+    if (!std::exchange(m_started, false))
+    {
+        return;
+    }
+    QEL_LOG(vtx::LevelStatus, "stopping: finishing what is in hand");
+    m_client->StopConsuming();
+    m_gateway.Stop(VERDICT_BUDGET);
+    m_dispatcher->Stop();
+    m_applicationTimers.Stop();
+    m_client->Stop(FLUSH_BUDGET);
+    m_chores.Stop();
+    m_timers.Stop();
+    QEL_LOG(vtx::LevelStatus, "stopped");
+}
+
+void Agent::AddOwnRoutes()
+{
+    m_routingRegistry->Add(
+        m_info->clientQueue,
+        boost::make_shared<RoutingRegistryEntry>(m_handler, OWN_ROUTE, static_cast<channelPriority_e>(0)));
+    m_routingRegistry->Add(
+        m_info->priorityQueue,
+        boost::make_shared<RoutingRegistryEntry>(m_handler, OWN_ROUTE, static_cast<channelPriority_e>(1)));
+}
+
+void Agent::OnRestored()
+{
+    if (!m_ready.exchange(true))
+    {
+        QEL_LOG(
+            vtx::LevelStatus, "qel-agent is ready: consuming %s and %s", m_info->clientQueue.c_str(),
+            m_info->priorityQueue.c_str());
+    }
+    m_chores.Post([this] { RemoveOrphans(FIRST_ORPHAN_DELAY); });
+}
+
+void Agent::OnDisconnected() { m_applications.DropUnsent(); }
+
+void Agent::RemoveOrphans(std::chrono::seconds retryAfter)
+{
+    if (!m_client->Routes().RemoveOrphans())
+    {
+        m_chores.After(
+            retryAfter, [this, retryAfter] { RemoveOrphans(std::min(2 * retryAfter, LONGEST_ORPHAN_DELAY)); });
+    }
+}
+
+void Agent::MoveToNextUrl()
+{
+    const std::size_t next = (m_client->Status().urlIndex + 1) % m_config.broker.link.urls.size();
+    m_client->MoveTo(next);
+}
+
+bool Agent::LacksConfiguration(const std::string& application) const
+{
+    const ConfigurationState state = m_subscriptions.Status(application).state;
+    return m_applications.Find(application) != nullptr &&
+           (state == ConfigurationState::missing || state == ConfigurationState::failed);
+}
+
+void Agent::OnSubscriptionChange(const SubscriptionChange& change)
+{
+    if (change.kind == SubscriptionChange::Kind::state &&
+        m_subscriptions.Status(change.application).state == ConfigurationState::applied)
+    {
+        m_requests.Satisfied(change.application);
+    }
+}
+
+} // namespace VtxQel

@@ -1,0 +1,186 @@
+#include "agent/AgentConfig.h"
+
+#include "apps/StrictToml.h"
+#include "broker/BrokerUrl.h"
+#include "common/QelException.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+/** RabbitMQ's limit for names (AMQP short strings). */
+constexpr std::size_t LONGEST_NAME = 255;
+/** The file name of the broker's password among systemd's credentials (LoadCredential=). */
+constexpr const char* PASSWORD_CREDENTIAL = "broker-password";
+constexpr const char* PASSWORD_FILE_VARIABLE = "QEL_BROKER_PASSWORD_FILE";
+
+std::string Environment(const char* name)
+{
+    const char* value = std::getenv(name);
+    return value == nullptr ? std::string() : std::string(value);
+}
+
+/** Where the password is: the key, else the environment, else systemd's credential, else nowhere. */
+std::string PasswordFile(StrictToml& toml)
+{
+    std::string file = toml.String("broker.password_file", Environment(PASSWORD_FILE_VARIABLE));
+    const std::string credentials = Environment("CREDENTIALS_DIRECTORY");
+    if (file.empty() && !credentials.empty())
+    {
+        const std::filesystem::path credential = std::filesystem::path(credentials) / PASSWORD_CREDENTIAL;
+        file = std::filesystem::exists(credential) ? credential.string() : std::string();
+    }
+    return file;
+}
+
+void ReadPassword(StrictToml& toml, AgentConfig& config)
+{
+    const std::string file = PasswordFile(toml);
+    if (file.empty())
+    {
+        return;
+    }
+    std::ifstream stream(file);
+    if (!std::getline(stream, config.broker.link.password))
+    {
+        toml.Fail("broker.password_file", "names " + file + ", which cannot be read or is empty");
+        return;
+    }
+    std::error_code failed;
+    const std::filesystem::perms mode = std::filesystem::status(file, failed).permissions();
+    if (!failed && (mode & std::filesystem::perms::others_read) != std::filesystem::perms::none)
+    {
+        config.warnings.push_back(file + " can be read by everybody: chmod 0640 it");
+    }
+}
+
+bool IsLoopback(const std::string& host)
+{
+    return host == "localhost" || host == "::1" || host.starts_with("127.");
+}
+
+void ReadUrls(StrictToml& toml, AgentConfig& config)
+{
+    config.broker.link.urls = toml.Strings("broker.urls");
+    if (config.broker.link.urls.empty())
+    {
+        toml.Fail("broker.urls", "must list at least one URL, for example [\"amqp://127.0.0.1:5672\"]");
+    }
+    for (const std::string& text : config.broker.link.urls)
+    {
+        try
+        {
+            const BrokerUrl url = BrokerUrl::Parse(text);
+            if (text.find('@') != std::string::npos)
+            {
+                config.warnings.push_back(
+                    "broker.urls holds a password for " + url.host + ": use broker.user and broker.password_file");
+            }
+            if (!url.tls && !IsLoopback(url.host))
+            {
+                config.warnings.push_back(
+                    "the connection to " + url.host + " is not encrypted: use amqps:// and broker.tls");
+            }
+        }
+        catch (const QelException& error)
+        {
+            toml.Fail("broker.urls", error.what());
+        }
+    }
+}
+
+std::string ReadName(StrictToml& toml, const std::string& key, const std::string& absent)
+{
+    std::string name = toml.String(key, absent);
+    if (name.empty() || name.size() > LONGEST_NAME)
+    {
+        toml.Fail(key, "must have 1 to " + std::to_string(LONGEST_NAME) + " bytes");
+    }
+    return name;
+}
+
+std::string ReadFileName(StrictToml& toml, const std::string& key)
+{
+    std::string file = toml.String(key, "");
+    if (!file.empty() && !std::ifstream(file))
+    {
+        toml.Fail(key, "names " + file + ", which cannot be read");
+    }
+    return file;
+}
+
+void ReadBroker(StrictToml& toml, AgentConfig& config)
+{
+    BrokerSettings& broker = config.broker;
+    ReadUrls(toml, config);
+    broker.link.user = toml.String("broker.user", "");
+    ReadPassword(toml, config);
+    broker.names.exchange = ReadName(toml, "broker.exchange", "qel");
+    broker.names.exchangeType = toml.Choice("broker.exchange_type", "topic", {"topic", "direct"});
+    broker.exchangePassive = toml.Boolean("broker.exchange_passive", false);
+    broker.names.clientQueue = ReadName(toml, "broker.client_queue", "qel.client." + config.id);
+    broker.names.priorityQueue = ReadName(toml, "broker.priority_queue", "qel.priority." + config.id);
+    broker.names.deadLetterQueue = ReadName(toml, "broker.dead_letter_queue", broker.names.clientQueue + ".dead");
+    if (broker.names.clientQueue == broker.names.priorityQueue)
+    {
+        toml.Fail("broker.priority_queue", "must not be the client queue");
+    }
+    broker.queueType = toml.Choice("broker.queue_type", "quorum", {"quorum", "classic"});
+    broker.prefetch = static_cast<std::uint16_t>(toml.Integer("broker.prefetch", 1000, {1, 65535}));
+    broker.maxHeldBytes =
+        static_cast<std::size_t>(toml.Integer("broker.max_held_bytes", 67108864, {1048576, 1099511627776}));
+    broker.link.heartbeat = std::chrono::seconds(toml.Integer("broker.heartbeat_seconds", 10, {1, 3600}));
+    broker.link.connectionName = "qel-agent " + config.id;
+    broker.link.tls.caFile = ReadFileName(toml, "broker.tls.ca_file");
+    broker.link.tls.certificateFile = ReadFileName(toml, "broker.tls.certificate_file");
+    broker.link.tls.keyFile = ReadFileName(toml, "broker.tls.key_file");
+    if (broker.link.tls.certificateFile.empty() != broker.link.tls.keyFile.empty())
+    {
+        toml.Fail("broker.tls", "needs both certificate_file and key_file, or neither");
+    }
+    config.controlUsers = toml.Strings("broker.control_users");
+    config.reassignWithin = std::chrono::seconds(toml.Integer("broker.reassign_within_seconds", 180, {0, 3600}));
+}
+
+} // namespace
+
+AgentConfig LoadAgentConfig(const std::string& file)
+{
+    StrictToml toml(file);
+    AgentConfig config;
+    config.id = toml.String("agent.id", "");
+    if (config.id.empty() || config.id.size() > 128)
+    {
+        toml.Fail("agent.id", "must be given: 1 to 128 bytes that tell this host from all others");
+    }
+    config.stateDirectory = toml.String("agent.state_directory", "/var/lib/qel");
+    config.runtimeDirectory = toml.String("agent.runtime_directory", "/run/qel");
+    ReadBroker(toml, config);
+    config.management.exchange = toml.String("management.exchange", "");
+    config.management.routingKey = toml.String("management.routing_key", "");
+    config.management.replyTo = config.broker.names.clientQueue;
+    config.applicationsDirectory = toml.String("applications.directory", "/etc/qel/apps.d");
+    config.logLevel = static_cast<int>(toml.Integer("log.level", 4, {0, 7}));
+    config.logFormat = toml.Choice("log.format", "text", {"text", "json"});
+
+    std::string problems;
+    for (const std::string& problem : toml.Problems())
+    {
+        problems += (problems.empty() ? "" : "\n") + problem;
+    }
+    if (!problems.empty())
+    {
+        throw ConfigError(problems);
+    }
+    return config;
+}
+
+} // namespace VtxQel

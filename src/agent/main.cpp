@@ -1,0 +1,169 @@
+#include "agent/Agent.h"
+#include "agent/AgentConfig.h"
+#include "agent/LogOutput.h"
+#include "apps/DropIns.h"
+#include "common/QelException.h"
+#include "logging/Log.h"
+
+#include <CLI/CLI.hpp>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace
+{
+
+using namespace VtxQel;
+
+/** sysexits.h: the configuration is wrong. The unit does not start the agent again for it. */
+constexpr int EXIT_CONFIGURATION = 78;
+
+/** The configuration and its drop-ins, read together. */
+struct Everything
+{
+    AgentConfig config;
+    DropIns applications;
+};
+
+Everything Load(const std::string& file)
+{
+    Everything everything{LoadAgentConfig(file), {}};
+    everything.applications = LoadDropIns(everything.config.applicationsDirectory);
+    return everything;
+}
+
+int Check(const std::string& file)
+{
+    const Everything everything = Load(file);
+    for (const std::string& warning : everything.config.warnings)
+    {
+        std::printf("warning: %s\n", warning.c_str());
+    }
+    for (const std::string& error : everything.applications.errors)
+    {
+        std::fprintf(stderr, "%s\n", error.c_str());
+    }
+    if (!everything.applications.errors.empty())
+    {
+        return EXIT_CONFIGURATION;
+    }
+    std::printf("%s is sound: %zu applications\n", file.c_str(), everything.applications.applications.size());
+    return 0;
+}
+
+void Report(const Everything& everything)
+{
+    for (const std::string& warning : everything.config.warnings)
+    {
+        QEL_LOG(vtx::LevelWarning, "%s", warning.c_str());
+    }
+    for (const std::string& error : everything.applications.errors)
+    {
+        QEL_LOG(vtx::LevelWarning, "%s; this application is left out", error.c_str());
+    }
+}
+
+/** The signals that the main thread waits for; blocked in every thread. */
+sigset_t AwaitedSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGHUP);
+    return signals;
+}
+
+/** A second request to stop ends the process at once; the broker delivers again what was in hand. */
+void StopAtOnceNextTime(const sigset_t& signals)
+{
+    struct sigaction atOnce = {};
+    atOnce.sa_handler = [](int) { ::_exit(1); };
+    ::sigaction(SIGTERM, &atOnce, nullptr);
+    ::sigaction(SIGINT, &atOnce, nullptr);
+    ::pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+void Reload(Agent& agent, const std::string& file)
+{
+    try
+    {
+        const Everything everything = Load(file);
+        if (!everything.applications.errors.empty())
+        {
+            throw ConfigError(everything.applications.errors.front());
+        }
+        Report(everything);
+        agent.Reload(everything.config, everything.applications.applications);
+    }
+    catch (const ConfigError& error)
+    {
+        QEL_LOG(vtx::LevelWarning, "the configuration stays as it was: %s", error.what());
+    }
+}
+
+int Run(const std::string& file)
+{
+    const sigset_t signals = AwaitedSignals();
+    ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    const Everything everything = Load(file);
+    vtx::Logger::logLevel = everything.config.logLevel;
+    StartLogOutput(everything.config.logFormat);
+    QEL_LOG(vtx::LevelStatus, "qel-agent %s starts as %s", QEL_VERSION, everything.config.id.c_str());
+    Report(everything);
+
+    Agent agent(everything.config, everything.applications.applications);
+    agent.Start();
+    int signal = 0;
+    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP)
+    {
+        Reload(agent, file);
+    }
+    StopAtOnceNextTime(signals);
+    agent.Stop();
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    CLI::App app("qel-agent: keeps this host's applications connected to RabbitMQ");
+    app.set_version_flag("--version", std::string("qel-agent ") + QEL_VERSION);
+    app.require_subcommand(1);
+    std::string file = "/etc/qel/qel.toml";
+    CLI::App* run = app.add_subcommand("run", "Run the agent until SIGTERM");
+    CLI::App* check = app.add_subcommand("check", "Say what is wrong with the configuration and end");
+    CLI::App* version = app.add_subcommand("version", "Print the version and end");
+    for (CLI::App* command : {run, check})
+    {
+        command->add_option("--config", file, "The configuration file")->capture_default_str();
+    }
+    CLI11_PARSE(app, argc, argv);
+    try
+    {
+        if (version->parsed())
+        {
+            std::printf("qel-agent %s\n", QEL_VERSION);
+            return 0;
+        }
+        return check->parsed() ? Check(file) : Run(file);
+    }
+    catch (const ConfigError& error)
+    {
+        std::fprintf(stderr, "%s\n", error.what());
+        return EXIT_CONFIGURATION;
+    }
+    catch (const std::exception& error)
+    {
+        std::fprintf(stderr, "qel-agent: %s\n", error.what());
+        return 1;
+    }
+}
