@@ -11,7 +11,10 @@ endif()
 # Hardening: Debian's set (dpkg-buildflags hardening=+all) and three more.
 target_compile_options(qel_options INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
 target_compile_definitions(qel_options INTERFACE _GLIBCXX_ASSERTIONS)
-target_link_options(qel_options INTERFACE -Wl,-z,relro -Wl,-z,now)
+# Link options of a static library reach whoever links it, also when they are private: leave that choice to embedders.
+if(QEL_IS_TOP_LEVEL)
+  target_link_options(qel_options INTERFACE -Wl,-z,relro -Wl,-z,now)
+endif()
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 include(CheckPIESupported)
 check_pie_supported(LANGUAGES CXX)
