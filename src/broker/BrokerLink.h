@@ -166,11 +166,20 @@ class LinkListener
   public:
     virtual ~LinkListener() = default;
 
-    /** What to restore on a connection that was just opened. */
+    /**
+     * What has to exist, asked for on every connection that was just opened, and again when somebody deleted a queue
+     * of ours, whose bindings went with it.
+     */
     virtual DesiredTopology OnConnected() = 0;
-    /** Everything of the desired topology is in place; deliveries may have come before. */
+    /**
+     * Everything of the desired topology is in place but for what was refused; deliveries may have come before. Told
+     * again after a deleted queue and its bindings were made again.
+     */
     virtual void OnRestored() = 0;
-    /** One item could not be restored; it is tried again with back-off when `result` is not a refusal. */
+    /**
+     * One item could not be restored. It is tried again with back-off, unless it is a binding or an application's queue
+     * that the broker refuses.
+     */
     virtual void OnRestoreFailed(const std::string& what, const RequestResult& result) = 0;
     /** The connection ended; every delivery tag is void. */
     virtual void OnDisconnected(const std::string& why) = 0;
@@ -223,11 +232,15 @@ class BrokerLink : public Publisher
     RequestResult DeclareQueue(const QueueSpec& queue, std::chrono::milliseconds deadline);
     /** Stops consuming from the queue; ok also when it was not consumed. What is unsettled stays to be settled. */
     RequestResult CancelQueue(const std::string& queue, std::chrono::milliseconds deadline);
+    /**
+     * Stops consuming from the queue and gives everything unsettled from it back to the broker, which puts it back in
+     * its original order; settlements of it are dropped from then on. Ok also when it was not consumed.
+     */
+    RequestResult ReleaseQueue(const std::string& queue, std::chrono::milliseconds deadline);
     /** Deletes the queue when it is empty and unused; ok also when it does not exist. */
     RequestResult DeleteEmptyQueue(const std::string& queue, std::chrono::milliseconds deadline);
     /** How many messages are ready in the queue (passive declare); the count is in `messages` when ok. */
-    RequestResult CountMessages(
-        const std::string& queue, std::chrono::milliseconds deadline, std::uint32_t& messages);
+    RequestResult CountMessages(const std::string& queue, std::chrono::milliseconds deadline, std::uint32_t& messages);
 
     /** Settles one delivery; acks are collected and sent with `multiple` where they are contiguous. */
     void Settle(const DeliveryTag& tag, SettleAs as);

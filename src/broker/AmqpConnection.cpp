@@ -1,0 +1,521 @@
+#include "broker/AmqpConnection.h"
+
+#include "common/QelException.h"
+
+#include <boost/asio/post.hpp>
+
+#include <algorithm>
+#include <utility>
+
+#include <string.h>
+
+namespace VtxQel
+{
+
+namespace asio = boost::asio;
+using boost::system::error_code;
+
+namespace
+{
+
+constexpr std::chrono::seconds HANDSHAKE_TIMEOUT{10};
+constexpr std::chrono::seconds CLOSE_TIMEOUT{1};
+
+RmqTable ClientProperties(const std::string& connectionName)
+{
+    RmqTable capabilities;
+    for (const char* name :
+         {"publisher_confirms", "consumer_cancel_notify", "connection.blocked", "basic.nack",
+          "exchange_exchange_bindings", "authentication_failure_close"})
+    {
+        capabilities.emplace_back(name, RmqValue::Boolean(true));
+    }
+    return {
+        {"product", RmqValue::String("qel")},
+        {"version", RmqValue::String(QEL_VERSION)},
+        {"platform", RmqValue::String("Linux")},
+        {"connection_name", RmqValue::String(connectionName)},
+        {"capabilities", {'F', std::move(capabilities)}}};
+}
+
+bool Lists(const std::string& words, const std::string& word)
+{
+    return (" " + words + " ").find(" " + word + " ") != std::string::npos;
+}
+
+} // namespace
+
+AmqpConnection::AmqpConnection(asio::io_context& io, AmqpConnectionOptions options, AmqpConnectionHandler& handler)
+    : m_io(io), m_options(std::move(options)), m_handler(&handler),
+      m_socket(std::make_shared<BrokerSocket>(io, m_options.url, m_options.tls)), m_deadline(io), m_heartbeatTimer(io),
+      m_frames(m_out)
+{
+}
+
+void AmqpConnection::Open()
+{
+    const auto userTimeout = m_options.userTimeout ? 2 * m_options.heartbeat : std::chrono::seconds(0);
+    m_socket->Connect(userTimeout, [self = shared_from_this()](const std::string& why) { self->OnConnected(why); });
+}
+
+void AmqpConnection::OnConnected(const std::string& why)
+{
+    if (m_state == State::closed)
+    {
+        return;
+    }
+    if (!why.empty())
+    {
+        Abort(why);
+        return;
+    }
+    m_state = State::start;
+    SetDeadline(HANDSHAKE_TIMEOUT, "the broker did not complete the login within 10 s");
+    m_frames.ProtocolHeader();
+    ScheduleWrite();
+    Read();
+}
+
+void AmqpConnection::SetDeadline(std::chrono::milliseconds after, const std::string& why)
+{
+    m_deadline.expires_after(after);
+    m_deadline.async_wait(
+        [self = shared_from_this(), why](const error_code& error)
+        {
+            if (!error)
+            {
+                self->Abort(why);
+            }
+        });
+}
+
+void AmqpConnection::SendMethod(std::uint16_t channel, amqp_method_number_t id, void* method)
+{
+    if (m_state == State::closed || (m_state == State::closing && channel != 0))
+    {
+        return;
+    }
+    m_frames.Method(channel, id, method);
+    ScheduleWrite();
+}
+
+void AmqpConnection::SendPublish(
+    std::uint16_t channel, amqp_basic_publish_t& publish, amqp_basic_properties_t& properties, std::string_view body)
+{
+    const std::size_t before = m_out.size();
+    try
+    {
+        m_frames.Method(channel, AMQP_BASIC_PUBLISH_METHOD, &publish);
+        m_frames.Content(channel, properties, body);
+    }
+    catch (const RmqMessageException&)
+    {
+        // A method without its content would garble the stream.
+        m_out.resize(before);
+        throw;
+    }
+    ScheduleWrite();
+}
+
+void AmqpConnection::ScheduleWrite()
+{
+    if (!m_writeScheduled)
+    {
+        m_writeScheduled = true;
+        asio::post(m_io, [self = shared_from_this()] { self->Write(); });
+    }
+}
+
+/** Holds m_writeScheduled from the first byte collected until everything is written. */
+void AmqpConnection::Write()
+{
+    if (m_state == State::closed || m_writeFailed)
+    {
+        return;
+    }
+    m_sentSinceTick = true;
+    m_writing.swap(m_out);
+    m_socket->Write(
+        m_writing,
+        [self = shared_from_this()](const error_code& error, std::size_t)
+        {
+            if (self->m_state != State::open)
+            {
+                // The login was among these bytes.
+                explicit_bzero(self->m_writing.data(), self->m_writing.size());
+            }
+            self->m_writing.clear();
+            if (error)
+            {
+                // The reader learns more: the broker may have said why before it closed.
+                self->m_writeFailed = true;
+                if (!self->m_reading)
+                {
+                    self->Abort(self->EndOfStream(error));
+                }
+                return;
+            }
+            if (!self->m_out.empty())
+            {
+                self->Write();
+                return;
+            }
+            self->m_writeScheduled = false;
+            if (self->m_handler != nullptr && self->m_state == State::open)
+            {
+                self->m_handler->OnWritten();
+            }
+        });
+}
+
+void AmqpConnection::Read()
+{
+    if (m_reading || m_paused || m_state == State::closed)
+    {
+        return;
+    }
+    m_reading = true;
+    char* space = m_in.Space();
+    m_socket->Read(
+        space, m_in.SpaceSize(),
+        [self = shared_from_this()](const error_code& error, std::size_t count) { self->OnRead(error, count); });
+}
+
+void AmqpConnection::OnRead(const error_code& error, std::size_t count)
+{
+    if (m_state == State::closed)
+    {
+        return;
+    }
+    if (error)
+    {
+        Abort(EndOfStream(error));
+        return;
+    }
+    m_lastReceived = std::chrono::steady_clock::now();
+    m_in.Filled(count);
+    try
+    {
+        while (m_state != State::closed)
+        {
+            const auto frame = m_in.Next();
+            if (!frame)
+            {
+                break;
+            }
+            OnFrame(*frame);
+        }
+    }
+    catch (const RmqException& e)
+    {
+        Abort(e.what());
+    }
+    if (m_state == State::open && m_handler != nullptr)
+    {
+        m_handler->OnTurnEnd();
+    }
+    // Only now: nothing may move the bytes that are being looked at.
+    m_reading = false;
+    Read();
+}
+
+std::string AmqpConnection::EndOfStream(const error_code& error) const
+{
+    switch (m_state)
+    {
+    case State::start:
+        return "the broker ended the connection before the login: " + error.message();
+    case State::tune:
+        return "the broker ended the connection during the login: " + error.message();
+    case State::closing:
+        return "closed";
+    default:
+        return "connection lost: " + error.message();
+    }
+}
+
+void AmqpConnection::OnFrame(const RawFrame& frame)
+{
+    switch (frame.type)
+    {
+    case AMQP_FRAME_METHOD:
+        OnMethodFrame(frame);
+        break;
+    case AMQP_FRAME_HEADER:
+    case AMQP_FRAME_BODY:
+        OnContentFrame(frame);
+        break;
+    case AMQP_FRAME_HEARTBEAT:
+        break;
+    default:
+        throw RmqConnectionException("received a frame of unknown type " + std::to_string(frame.type));
+    }
+    m_pool.Recycle();
+}
+
+void AmqpConnection::OnMethodFrame(const RawFrame& frame)
+{
+    if (frame.payload.size() < 4)
+    {
+        throw RmqConnectionException("received a method frame that is too short");
+    }
+    amqp_method_t method{};
+    for (const char octet : frame.payload.substr(0, 4))
+    {
+        method.id = method.id << 8U | static_cast<std::uint8_t>(octet);
+    }
+    const int status = amqp_decode_method(method.id, m_pool.Get(), ToAmqp(frame.payload.substr(4)), &method.decoded);
+    if (status < 0)
+    {
+        throw RmqConnectionException(
+            "received method " + std::to_string(method.id >> 16U) + "." + std::to_string(method.id & 0xFFFFU) +
+            ", which cannot be decoded: " + amqp_error_string2(status));
+    }
+    if (frame.channel == 0)
+    {
+        OnConnectionMethod(method);
+    }
+    else if (m_state == State::closing)
+    {
+        return;
+    }
+    else if (m_state != State::open)
+    {
+        throw RmqConnectionException("received a channel's method before the login");
+    }
+    else if (method.id == AMQP_BASIC_DELIVER_METHOD || method.id == AMQP_BASIC_RETURN_METHOD)
+    {
+        if (!m_contents.emplace(frame.channel, StartContent(method)).second)
+        {
+            throw RmqConnectionException("received a message inside of another one");
+        }
+    }
+    else if (m_handler != nullptr)
+    {
+        if (method.id == AMQP_CHANNEL_CLOSE_METHOD)
+        {
+            m_contents.erase(frame.channel);
+        }
+        m_handler->OnMethod(frame.channel, method);
+    }
+}
+
+void AmqpConnection::OnContentFrame(const RawFrame& frame)
+{
+    if (m_state == State::closing)
+    {
+        return;
+    }
+    const auto found = m_contents.find(frame.channel);
+    if (found == m_contents.end())
+    {
+        throw RmqConnectionException("received content that no method announced");
+    }
+    if (frame.type == AMQP_FRAME_HEADER)
+    {
+        AddHeader(found->second, frame.payload, m_pool, m_options.maxBody);
+    }
+    else
+    {
+        AddBody(found->second, frame.payload);
+    }
+    if (IsComplete(found->second))
+    {
+        auto content = m_contents.extract(found);
+        if (m_handler != nullptr)
+        {
+            m_handler->OnContent(frame.channel, std::move(content.mapped()));
+        }
+    }
+}
+
+void AmqpConnection::OnConnectionMethod(const amqp_method_t& method)
+{
+    if (method.id == AMQP_CONNECTION_CLOSE_METHOD)
+    {
+        OnConnectionClose(*static_cast<const amqp_connection_close_t*>(method.decoded));
+    }
+    else if (method.id == AMQP_CONNECTION_CLOSE_OK_METHOD)
+    {
+        Abort("closed");
+    }
+    else if (method.id == AMQP_CONNECTION_START_METHOD && m_state == State::start)
+    {
+        OnStart(*static_cast<const amqp_connection_start_t*>(method.decoded));
+    }
+    else if (method.id == AMQP_CONNECTION_TUNE_METHOD && m_state == State::tune)
+    {
+        OnTune(*static_cast<const amqp_connection_tune_t*>(method.decoded));
+    }
+    else if (method.id == AMQP_CONNECTION_OPEN_OK_METHOD && m_state == State::opening)
+    {
+        m_state = State::open;
+        m_deadline.cancel();
+        StartHeartbeat();
+        if (m_handler != nullptr)
+        {
+            m_handler->OnOpen();
+        }
+    }
+    else if (method.id == AMQP_CONNECTION_BLOCKED_METHOD || method.id == AMQP_CONNECTION_UNBLOCKED_METHOD)
+    {
+        const bool blocked = method.id == AMQP_CONNECTION_BLOCKED_METHOD;
+        if (m_handler != nullptr)
+        {
+            m_handler->OnBlocked(
+                blocked,
+                blocked ? FromAmqp(static_cast<const amqp_connection_blocked_t*>(method.decoded)->reason) : "");
+        }
+    }
+    else if (m_state != State::closing)
+    {
+        throw RmqConnectionException(std::string("received ") + amqp_method_name(method.id) + " out of place");
+    }
+}
+
+void AmqpConnection::OnStart(const amqp_connection_start_t& start)
+{
+    const std::string mechanism = m_options.external ? "EXTERNAL" : "PLAIN";
+    if (!Lists(FromAmqp(start.mechanisms), mechanism))
+    {
+        throw RmqConnectionException("the broker does not offer the login mechanism " + mechanism);
+    }
+    std::string response;
+    if (!m_options.external)
+    {
+        response = '\0' + m_options.url.user + '\0' + m_options.url.password;
+    }
+    const RmqTable properties = ClientProperties(m_options.connectionName);
+    amqp_connection_start_ok_t ok{};
+    ok.client_properties = ToAmqp(properties, m_pool);
+    ok.mechanism = ToAmqp(mechanism);
+    ok.response = ToAmqp(response);
+    ok.locale = ToAmqp("en_US");
+    m_state = State::tune;
+    SendMethod(0, AMQP_CONNECTION_START_OK_METHOD, &ok);
+    explicit_bzero(response.data(), response.size());
+    m_frames.Wipe();
+}
+
+void AmqpConnection::OnTune(const amqp_connection_tune_t& tune)
+{
+    const auto smaller = [](std::uint32_t ours, std::uint32_t theirs)
+    { return theirs == 0 ? ours : std::min(ours, theirs); };
+    m_channelMax = static_cast<std::uint16_t>(smaller(65535, tune.channel_max));
+    const std::uint32_t frameMax = smaller(FrameBuffer::FRAME_MAX, tune.frame_max);
+    m_frames.SetFrameMax(frameMax);
+    // Zero on our side means none, whatever the broker proposes.
+    const auto ours = static_cast<std::uint32_t>(std::clamp<std::int64_t>(m_options.heartbeat.count(), 0, 65535));
+    m_heartbeat = std::chrono::seconds(ours == 0 ? 0 : smaller(ours, tune.heartbeat));
+
+    Send(
+        0, AMQP_CONNECTION_TUNE_OK_METHOD,
+        amqp_connection_tune_ok_t{m_channelMax, frameMax, static_cast<std::uint16_t>(m_heartbeat.count())});
+    m_state = State::opening;
+    Send(0, AMQP_CONNECTION_OPEN_METHOD, amqp_connection_open_t{ToAmqp(m_options.url.vhost), amqp_empty_bytes, 1});
+}
+
+void AmqpConnection::OnConnectionClose(const amqp_connection_close_t& close)
+{
+    const std::string text = FromAmqp(close.reply_text);
+    const bool login = m_state == State::start || m_state == State::tune || m_state == State::opening;
+    Send(0, AMQP_CONNECTION_CLOSE_OK_METHOD, amqp_connection_close_ok_t{});
+    // Flushed at best effort: the socket goes with this connection.
+    std::string why = "the broker closed the connection: ";
+    if (login)
+    {
+        why = close.reply_code == AMQP_ACCESS_REFUSED ? "login refused: "
+              : close.reply_code == AMQP_NOT_ALLOWED  ? "virtual host " + m_options.url.vhost + " refused: "
+                                                      : "login failed: ";
+    }
+    why += std::to_string(close.reply_code) + " " + text;
+    m_state = State::closing;
+    // The write that answers is posted before this, so it goes out first.
+    asio::post(m_io, [self = shared_from_this(), why] { self->Abort(why); });
+}
+
+void AmqpConnection::StartHeartbeat()
+{
+    if (m_heartbeat.count() > 0)
+    {
+        m_heartbeatTimer.expires_after(std::chrono::milliseconds(m_heartbeat) / 2);
+        m_heartbeatTimer.async_wait(
+            [self = shared_from_this()](const error_code& error)
+            {
+                if (!error)
+                {
+                    self->OnHeartbeatTimer();
+                }
+            });
+    }
+}
+
+void AmqpConnection::OnHeartbeatTimer()
+{
+    if (m_state == State::closed)
+    {
+        return;
+    }
+    const auto now = std::chrono::steady_clock::now();
+    if (m_paused)
+    {
+        // Nobody reads: silence says nothing about the broker.
+        m_lastReceived = now;
+    }
+    if (now - m_lastReceived > 2 * m_heartbeat)
+    {
+        Abort("nothing heard from the broker for " + std::to_string(2 * m_heartbeat.count()) + " s");
+        return;
+    }
+    if (!std::exchange(m_sentSinceTick, false))
+    {
+        m_frames.Heartbeat();
+        ScheduleWrite();
+    }
+    StartHeartbeat();
+}
+
+void AmqpConnection::PauseReading(bool paused)
+{
+    m_paused = paused;
+    m_lastReceived = std::chrono::steady_clock::now();
+    Read();
+}
+
+void AmqpConnection::Close()
+{
+    if (m_state != State::open)
+    {
+        Abort("closed");
+        return;
+    }
+    m_state = State::closing;
+    m_paused = false;
+    Send(0, AMQP_CONNECTION_CLOSE_METHOD, amqp_connection_close_t{AMQP_REPLY_SUCCESS, ToAmqp("goodbye"), 0, 0});
+    SetDeadline(CLOSE_TIMEOUT, "closed");
+    Read();
+}
+
+void AmqpConnection::Abort(const std::string& why)
+{
+    AmqpConnectionHandler* handler = m_handler;
+    Drop();
+    if (handler != nullptr)
+    {
+        handler->OnClosed(why);
+    }
+}
+
+void AmqpConnection::Drop()
+{
+    m_handler = nullptr;
+    if (std::exchange(m_state, State::closed) != State::closed)
+    {
+        m_socket->Close();
+        m_deadline.cancel();
+        m_heartbeatTimer.cancel();
+        explicit_bzero(m_options.url.password.data(), m_options.url.password.size());
+    }
+}
+
+} // namespace VtxQel

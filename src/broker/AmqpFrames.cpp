@@ -1,0 +1,174 @@
+#include "broker/AmqpFrames.h"
+
+#include "broker/HeaderCheck.h"
+#include "common/QelException.h"
+
+#include <boost/make_shared.hpp>
+
+#include <algorithm>
+
+#include <string.h>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+constexpr char END_OCTET = '\xCE';
+constexpr std::size_t CONTENT_HEADER = 12;
+
+std::uint64_t ReadNumber(std::string_view bytes)
+{
+    std::uint64_t number = 0;
+    for (const char octet : bytes)
+    {
+        number = number << 8U | static_cast<std::uint8_t>(octet);
+    }
+    return number;
+}
+
+void WriteNumber(char* at, std::uint64_t number, std::size_t octets)
+{
+    for (std::size_t i = octets; i-- > 0; number >>= 8U)
+    {
+        at[i] = static_cast<char>(number & 0xFFU);
+    }
+}
+
+} // namespace
+
+void AmqpFrames::ProtocolHeader()
+{
+    m_out.append("AMQP\x00\x00\x09\x01", 8);
+}
+
+void AmqpFrames::Heartbeat()
+{
+    Frame(AMQP_FRAME_HEARTBEAT, 0, {});
+}
+
+void AmqpFrames::Method(std::uint16_t channel, amqp_method_number_t id, void* method)
+{
+    const std::size_t room = std::min(m_scratch.size(), m_frameMax) - OVERHEAD;
+    WriteNumber(m_scratch.data(), id, 4);
+    const int size = amqp_encode_method(id, method, {room - 4, m_scratch.data() + 4});
+    if (size < 0)
+    {
+        throw RmqMessageException(
+            std::string(amqp_method_name(id)) + " cannot be encoded: " + amqp_error_string2(size));
+    }
+    Frame(AMQP_FRAME_METHOD, channel, {m_scratch.data(), static_cast<std::size_t>(size) + 4});
+}
+
+void AmqpFrames::Content(std::uint16_t channel, amqp_basic_properties_t& properties, std::string_view body)
+{
+    const std::size_t room = std::min(m_scratch.size(), m_frameMax) - OVERHEAD;
+    WriteNumber(m_scratch.data(), AMQP_BASIC_CLASS, 2);
+    WriteNumber(m_scratch.data() + 2, 0, 2);
+    WriteNumber(m_scratch.data() + 4, body.size(), 8);
+    const int size = amqp_encode_properties(
+        AMQP_BASIC_CLASS, &properties, {room - CONTENT_HEADER, m_scratch.data() + CONTENT_HEADER});
+    if (size < 0)
+    {
+        throw RmqMessageException(std::string("message properties cannot be encoded: ") + amqp_error_string2(size));
+    }
+    Frame(AMQP_FRAME_HEADER, channel, {m_scratch.data(), static_cast<std::size_t>(size) + CONTENT_HEADER});
+    const std::size_t piece = m_frameMax - OVERHEAD;
+    for (; !body.empty(); body.remove_prefix(std::min(piece, body.size())))
+    {
+        Frame(AMQP_FRAME_BODY, channel, body.substr(0, piece));
+    }
+}
+
+void AmqpFrames::Wipe()
+{
+    explicit_bzero(m_scratch.data(), m_scratch.size());
+}
+
+void AmqpFrames::Frame(std::uint8_t type, std::uint16_t channel, std::string_view payload)
+{
+    Number(type, 1);
+    Number(channel, 2);
+    Number(payload.size(), 4);
+    m_out.append(payload);
+    m_out.push_back(END_OCTET);
+}
+
+void AmqpFrames::Number(std::uint64_t number, std::size_t octets)
+{
+    char bytes[8];
+    WriteNumber(bytes, number, octets);
+    m_out.append(bytes, octets);
+}
+
+AmqpContent StartContent(const amqp_method_t& method)
+{
+    AmqpContent content;
+    content.method = method.id;
+    if (method.id == AMQP_BASIC_DELIVER_METHOD)
+    {
+        const auto& deliver = *static_cast<const amqp_basic_deliver_t*>(method.decoded);
+        content.deliveryTag = deliver.delivery_tag;
+        content.redelivered = deliver.redelivered != 0;
+        content.exchange = FromAmqp(deliver.exchange);
+        content.routingKey = FromAmqp(deliver.routing_key);
+    }
+    else
+    {
+        const auto& returned = *static_cast<const amqp_basic_return_t*>(method.decoded);
+        content.exchange = FromAmqp(returned.exchange);
+        content.routingKey = FromAmqp(returned.routing_key);
+    }
+    return content;
+}
+
+void AddHeader(AmqpContent& content, std::string_view payload, AmqpPool& pool, std::size_t maxBody)
+{
+    if (payload.size() < CONTENT_HEADER || content.hasHeader)
+    {
+        throw RmqConnectionException("received a content header out of place");
+    }
+    content.hasHeader = true;
+    content.declaredSize = ReadNumber(payload.substr(4, 8));
+    content.properties = boost::make_shared<RmqProperties>();
+    const std::string_view encoded = payload.substr(CONTENT_HEADER);
+    content.refused = RefuseHeaders(encoded);
+    if (content.refused.empty())
+    {
+        void* decoded = nullptr;
+        if (amqp_decode_properties(AMQP_BASIC_CLASS, pool.Get(), ToAmqp(encoded), &decoded) < 0)
+        {
+            content.refused = "malformed message properties";
+        }
+        else
+        {
+            *content.properties = FromAmqp(*static_cast<const amqp_basic_properties_t*>(decoded));
+        }
+    }
+    if (content.refused.empty() && content.declaredSize > maxBody)
+    {
+        content.refused = "body of " + std::to_string(content.declaredSize) + " bytes is over the limit of " +
+                          std::to_string(maxBody);
+    }
+}
+
+void AddBody(AmqpContent& content, std::string_view payload)
+{
+    content.receivedSize += payload.size();
+    if (!content.hasHeader || content.receivedSize > content.declaredSize)
+    {
+        throw RmqConnectionException("received body bytes that were not declared");
+    }
+    if (content.refused.empty())
+    {
+        content.body.append(payload);
+    }
+}
+
+bool IsComplete(const AmqpContent& content)
+{
+    return content.hasHeader && content.receivedSize == content.declaredSize;
+}
+
+} // namespace VtxQel

@@ -1,0 +1,421 @@
+#include "broker/BrokerLink.h"
+
+#include "broker/ConnectionSource.h"
+#include "broker/ConsumeLink.h"
+#include "broker/LinkState.h"
+#include "broker/PublishLink.h"
+#include "broker/TopologyRequest.h"
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/thread/thread.hpp>
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace asio = boost::asio;
+using Kind = TopologyRequest::Kind;
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+namespace
+{
+
+/** The library's decoder recurses over what others send; its depth is bounded, with a wide margin to this. */
+constexpr std::size_t STACK_SIZE = std::size_t{8} << 20U;
+
+std::shared_ptr<TopologyRequest> Request(Kind kind, const std::string& queue)
+{
+    auto request = std::make_shared<TopologyRequest>();
+    request->kind = kind;
+    request->queue.name = queue;
+    return request;
+}
+
+std::shared_ptr<TopologyRequest> Request(Kind kind, const Binding& binding)
+{
+    auto request = std::make_shared<TopologyRequest>();
+    request->kind = kind;
+    request->binding = binding;
+    return request;
+}
+
+} // namespace
+
+/** Brings the calls of other threads to the I/O thread and owns what lives there. */
+class BrokerLink::Impl
+{
+  public:
+    Impl(LinkSettings settings, LinkListener& listener) : m_settings(std::move(settings)), m_listener(listener) {}
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+    ~Impl() { Stop(Milliseconds(0)); }
+
+    void Start();
+    void Stop(Milliseconds budget);
+    RequestResult Call(
+        const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, std::uint32_t* messages = nullptr);
+    void Settle(const DeliveryTag& tag, SettleAs as);
+    void Publish(OutgoingMessage message, PublishCompletion done);
+    /** Runs the task on the I/O thread; when that is not there, not at all: false. */
+    bool Post(std::function<void()> task);
+    void MoveTo(std::size_t urlIndex);
+
+    ConsumeLink& Consuming() { return *m_consume; }
+    ConnectionSource& Source() { return *m_source; }
+    LinkStatus Status() const { return m_state.Get(); }
+
+  private:
+    struct Settlement
+    {
+        DeliveryTag tag;
+        SettleAs as = SettleAs::ack;
+    };
+    struct NewPublication
+    {
+        OutgoingMessage message;
+        PublishCompletion done;
+        Clock::time_point deadline;
+        bool overloaded = false;
+    };
+
+    void Run();
+    bool HasRoom(std::size_t bytes);
+    void OnPublicationEnded(std::size_t bytes);
+    void DrainSettlements();
+    void DrainPublications();
+    void Close(Milliseconds budget);
+    void CloseBoth();
+
+    const LinkSettings m_settings;
+    LinkListener& m_listener;
+    LinkState m_state;
+    asio::io_context m_io{1};
+    asio::executor_work_guard<asio::io_context::executor_type> m_work = asio::make_work_guard(m_io);
+    asio::steady_timer m_stopTimer{m_io};
+    std::unique_ptr<ConnectionSource> m_source;
+    std::unique_ptr<ConsumeLink> m_consume;
+    std::unique_ptr<PublishLink> m_publish;
+    boost::thread m_thread;
+    int m_openLinks = 2;
+    bool m_closing = false;
+
+    std::atomic<std::size_t> m_unconfirmed{0};
+    std::atomic<std::size_t> m_unconfirmedBytes{0};
+
+    std::mutex m_mutex;
+    /** Guarded by m_mutex, like everything below. */
+    bool m_running = false;
+    std::vector<Settlement> m_settlements;
+    std::vector<NewPublication> m_publications;
+    /** Held while stopping: a second caller waits until the first is done. */
+    std::mutex m_stopMutex;
+};
+
+void BrokerLink::Impl::Start()
+{
+    m_source = std::make_unique<ConnectionSource>(m_io, m_settings);
+    m_consume = std::make_unique<ConsumeLink>(m_io, *m_source, m_listener, m_state);
+    m_publish = std::make_unique<PublishLink>(
+        m_io, *m_source, m_state, [this](std::size_t bytes) { OnPublicationEnded(bytes); });
+    m_publish->SetPreferredUrl([this] { return m_consume->UrlIndex(); });
+    m_consume->SetTurnEnd([this] { DrainSettlements(); });
+    asio::post(m_io, [this] { m_consume->Start(); });
+    {
+        const std::lock_guard lock(m_mutex);
+        m_running = true;
+    }
+    boost::thread::attributes attributes;
+    attributes.set_stack_size(STACK_SIZE);
+    m_thread = boost::thread(attributes, [this] { Run(); });
+}
+
+void BrokerLink::Impl::Run()
+{
+    m_io.run();
+    // Nobody posts any more from here on; what was posted before is answered.
+    {
+        const std::lock_guard lock(m_mutex);
+        m_running = false;
+    }
+    m_io.restart();
+    m_io.poll();
+}
+
+bool BrokerLink::Impl::Post(std::function<void()> task)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_running)
+    {
+        asio::post(m_io, std::move(task));
+    }
+    return m_running;
+}
+
+RequestResult BrokerLink::Impl::Call(
+    const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, std::uint32_t* messages)
+{
+    std::promise<std::pair<RequestResult, std::uint32_t>> promise;
+    auto answer = promise.get_future();
+    request->deadline = Clock::now() + deadline;
+    request->done = [&promise](const RequestResult& result, std::uint32_t count) {
+        promise.set_value({result, count});
+    };
+    if (!Post([this, request] { m_consume->Submit(request); }))
+    {
+        return {Answer::unanswered, 0, "the connection to the broker is closed"};
+    }
+    const auto [result, count] = answer.get();
+    if (messages != nullptr && result.answer == Answer::ok)
+    {
+        *messages = count;
+    }
+    return result;
+}
+
+void BrokerLink::Impl::Settle(const DeliveryTag& tag, SettleAs as)
+{
+    const std::lock_guard lock(m_mutex);
+    m_settlements.push_back({tag, as});
+    if (m_settlements.size() == 1 && m_running)
+    {
+        asio::post(
+            m_io,
+            [this]
+            {
+                DrainSettlements();
+                m_consume->FlushSettlements();
+            });
+    }
+}
+
+void BrokerLink::Impl::DrainSettlements()
+{
+    std::vector<Settlement> settlements;
+    {
+        const std::lock_guard lock(m_mutex);
+        settlements.swap(m_settlements);
+    }
+    for (const Settlement& settlement : settlements)
+    {
+        m_consume->Settle(settlement.tag, settlement.as);
+    }
+}
+
+bool BrokerLink::Impl::HasRoom(std::size_t bytes)
+{
+    const std::size_t count = m_unconfirmed.fetch_add(1);
+    const std::size_t total = m_unconfirmedBytes.fetch_add(bytes);
+    // One message of any size always fits, or a large one could never be sent.
+    if (count < m_settings.maxUnconfirmed && (count == 0 || total + bytes <= m_settings.maxUnconfirmedBytes))
+    {
+        return true;
+    }
+    OnPublicationEnded(bytes);
+    return false;
+}
+
+void BrokerLink::Impl::OnPublicationEnded(std::size_t bytes)
+{
+    m_unconfirmed.fetch_sub(1);
+    m_unconfirmedBytes.fetch_sub(bytes);
+}
+
+void BrokerLink::Impl::Publish(OutgoingMessage message, PublishCompletion done)
+{
+    const bool overloaded = !HasRoom(PublishLink::SizeOf(message));
+    const auto deadline = Clock::now() + message.deadline;
+    if (overloaded)
+    {
+        message = {};
+    }
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_running)
+        {
+            m_publications.push_back({std::move(message), std::move(done), deadline, overloaded});
+            if (m_publications.size() == 1)
+            {
+                asio::post(m_io, [this] { DrainPublications(); });
+            }
+            return;
+        }
+    }
+    // There is no I/O thread, before the start or after the end.
+    if (!overloaded)
+    {
+        OnPublicationEnded(PublishLink::SizeOf(message));
+    }
+    done(PublishResult::timedOut, "the connection to the broker is closed");
+}
+
+void BrokerLink::Impl::DrainPublications()
+{
+    std::vector<NewPublication> publications;
+    {
+        const std::lock_guard lock(m_mutex);
+        publications.swap(m_publications);
+    }
+    for (NewPublication& each : publications)
+    {
+        if (each.overloaded)
+        {
+            each.done(PublishResult::overloaded, "too many messages wait for the broker");
+        }
+        else
+        {
+            m_publish->Publish(std::move(each.message), std::move(each.done), each.deadline);
+        }
+    }
+}
+
+void BrokerLink::Impl::MoveTo(std::size_t urlIndex)
+{
+    Post(
+        [this, urlIndex]
+        {
+            DrainSettlements();
+            m_consume->MoveTo(urlIndex);
+            m_publish->Move();
+        });
+}
+
+void BrokerLink::Impl::Stop(Milliseconds budget)
+{
+    const std::lock_guard stopping(m_stopMutex);
+    if (Post([this, budget] { Close(budget); }))
+    {
+        m_thread.join();
+    }
+    else if (m_thread.joinable())
+    {
+        m_thread.join();
+    }
+}
+
+/** Waits for what is on its way at most for the budget, then closes both connections. */
+void BrokerLink::Impl::Close(Milliseconds budget)
+{
+    DrainSettlements();
+    m_consume->FlushSettlements();
+    DrainPublications();
+    m_stopTimer.expires_after(budget);
+    m_stopTimer.async_wait([this](const boost::system::error_code&) { CloseBoth(); });
+    m_publish->WhenIdle([this] { m_stopTimer.cancel(); });
+}
+
+void BrokerLink::Impl::CloseBoth()
+{
+    DrainSettlements();
+    DrainPublications();
+    const auto closed = [this]
+    {
+        if (--m_openLinks == 0)
+        {
+            m_work.reset();
+            m_io.stop();
+        }
+    };
+    m_consume->Stop(closed);
+    m_publish->Stop(closed);
+}
+
+BrokerLink::BrokerLink(LinkSettings settings, LinkListener& listener)
+    : m_impl(std::make_unique<Impl>(std::move(settings), listener))
+{
+}
+
+BrokerLink::~BrokerLink() = default;
+
+void BrokerLink::Start()
+{
+    m_impl->Start();
+}
+
+void BrokerLink::StopConsuming()
+{
+    m_impl->Post([this] { m_impl->Consuming().StopConsuming(); });
+}
+
+void BrokerLink::Stop(std::chrono::milliseconds budget)
+{
+    m_impl->Stop(budget);
+}
+
+RequestResult BrokerLink::Bind(const Binding& binding, std::chrono::milliseconds deadline)
+{
+    return m_impl->Call(Request(Kind::bind, binding), deadline);
+}
+
+RequestResult BrokerLink::Unbind(const Binding& binding, std::chrono::milliseconds deadline)
+{
+    return m_impl->Call(Request(Kind::unbind, binding), deadline);
+}
+
+RequestResult BrokerLink::DeclareQueue(const QueueSpec& queue, std::chrono::milliseconds deadline)
+{
+    const auto request = Request(Kind::declareQueue, queue.name);
+    request->queue = queue;
+    return m_impl->Call(request, deadline);
+}
+
+RequestResult BrokerLink::CancelQueue(const std::string& queue, std::chrono::milliseconds deadline)
+{
+    return m_impl->Call(Request(Kind::cancelQueue, queue), deadline);
+}
+
+RequestResult BrokerLink::ReleaseQueue(const std::string& queue, std::chrono::milliseconds deadline)
+{
+    return m_impl->Call(Request(Kind::releaseQueue, queue), deadline);
+}
+
+RequestResult BrokerLink::DeleteEmptyQueue(const std::string& queue, std::chrono::milliseconds deadline)
+{
+    return m_impl->Call(Request(Kind::deleteQueue, queue), deadline);
+}
+
+RequestResult BrokerLink::CountMessages(
+    const std::string& queue, std::chrono::milliseconds deadline, std::uint32_t& messages)
+{
+    return m_impl->Call(Request(Kind::countMessages, queue), deadline, &messages);
+}
+
+void BrokerLink::Settle(const DeliveryTag& tag, SettleAs as)
+{
+    m_impl->Settle(tag, as);
+}
+
+void BrokerLink::Publish(OutgoingMessage message, PublishCompletion completion)
+{
+    m_impl->Publish(std::move(message), std::move(completion));
+}
+
+void BrokerLink::PauseReading(bool paused)
+{
+    m_impl->Post([this, paused] { m_impl->Consuming().PauseReading(paused); });
+}
+
+void BrokerLink::MoveTo(std::size_t urlIndex)
+{
+    m_impl->MoveTo(urlIndex);
+}
+
+void BrokerLink::ReloadTls()
+{
+    m_impl->Post([this] { m_impl->Source().ForgetTls(); });
+}
+
+LinkStatus BrokerLink::Status() const
+{
+    return m_impl->Status();
+}
+
+} // namespace VtxQel

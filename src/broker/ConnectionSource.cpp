@@ -1,0 +1,56 @@
+#include "broker/ConnectionSource.h"
+
+#include "common/QelException.h"
+#include "logging/Log.h"
+
+namespace VtxQel
+{
+
+ConnectionSource::ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings)
+    : m_io(io), m_settings(settings)
+{
+    if (settings.urls.empty())
+    {
+        throw RmqConnectionException("no broker URL");
+    }
+    for (const std::string& url : settings.urls)
+    {
+        BrokerUrl parsed = BrokerUrl::Parse(url);
+        parsed.user = settings.user.empty() ? parsed.user : settings.user;
+        parsed.password = settings.password.empty() ? parsed.password : settings.password;
+        m_urls.push_back(std::move(parsed));
+    }
+}
+
+std::shared_ptr<AmqpConnection> ConnectionSource::Make(
+    std::size_t urlIndex, bool publishing, AmqpConnectionHandler& handler)
+{
+    AmqpConnectionOptions options;
+    options.url = m_urls[urlIndex];
+    if (options.url.tls)
+    {
+        m_tls = m_tls ? m_tls : MakeTlsContext(m_settings.tls);
+        options.tls = m_tls;
+        options.external = !m_settings.tls.certificateFile.empty();
+    }
+    options.connectionName = m_settings.connectionName + (publishing ? " publishing" : "");
+    options.heartbeat = m_settings.heartbeat;
+    options.userTimeout = !publishing;
+    options.maxBody = m_settings.maxBodyBytes;
+    return std::make_shared<AmqpConnection>(m_io, std::move(options), handler);
+}
+
+void ConnectErrorLog::Write(const std::string& url, const std::string& why)
+{
+    const auto now = std::chrono::steady_clock::now();
+    const std::string line = url + ": " + why;
+    if (line == m_last && now - m_written < std::chrono::seconds(30))
+    {
+        return;
+    }
+    m_last = line;
+    m_written = now;
+    QEL_LOG(vtx::LevelWarning, "Cannot connect to the broker %s: %s", url.c_str(), why.c_str());
+}
+
+} // namespace VtxQel

@@ -1,0 +1,61 @@
+#pragma once
+
+#include "broker/AmqpConnection.h"
+#include "broker/BackOff.h"
+#include "broker/BrokerLink.h"
+#include "broker/BrokerUrl.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+
+/**
+ * ConnectionSource knows where the broker is: it makes connections to the configured URLs, with the TLS context that
+ * they share. Lives on the I/O thread.
+ */
+class ConnectionSource
+{
+  public:
+    /** @throws RmqConnectionException for a malformed URL */
+    ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings);
+
+    std::size_t UrlCount() const { return m_urls.size(); }
+    const BrokerUrl& Url(std::size_t index) const { return m_urls[index]; }
+    /** The name that we log in with at this URL. */
+    const LinkSettings& Settings() const { return m_settings; }
+
+    /**
+     * A connection that is still to be opened.
+     * @throws RmqConnectionException when the TLS files cannot be used
+     */
+    std::shared_ptr<AmqpConnection> Make(std::size_t urlIndex, bool publishing, AmqpConnectionHandler& handler);
+    /** Reads the TLS files again for the next connection. */
+    void ForgetTls() { m_tls.reset(); }
+
+  private:
+    boost::asio::io_context& m_io;
+    const LinkSettings& m_settings;
+    std::vector<BrokerUrl> m_urls;
+    std::shared_ptr<boost::asio::ssl::context> m_tls;
+};
+
+/**
+ * Writes connect errors to the log: the same one at most twice a minute, however often it occurs.
+ */
+class ConnectErrorLog
+{
+  public:
+    void Write(const std::string& url, const std::string& why);
+    /** The trouble is over: the next error is news. */
+    void Reset() { m_last.clear(); }
+
+  private:
+    std::string m_last;
+    std::chrono::steady_clock::time_point m_written;
+};
+
+} // namespace VtxQel

@@ -1,0 +1,740 @@
+#include "broker/ConsumeLink.h"
+
+#include "common/QelException.h"
+#include "logging/Log.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace VtxQel
+{
+
+using boost::system::error_code;
+using Kind = TopologyRequest::Kind;
+using Milliseconds = std::chrono::milliseconds;
+
+namespace
+{
+
+constexpr std::uint16_t RPC_CHANNEL = 1;
+constexpr std::chrono::seconds HEALTHY{60};
+constexpr Milliseconds REQUEST_RETRY{250};
+constexpr Milliseconds REQUEST_RETRY_CAP{4000};
+constexpr Milliseconds RESTORE_RETRY{1000};
+constexpr Milliseconds RESTORE_RETRY_CAP{30000};
+
+Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
+{
+    return std::min(first * (1 << std::min(times, 10U)), cap);
+}
+
+} // namespace
+
+ConsumeLink::ConsumeLink(
+    boost::asio::io_context& io, ConnectionSource& source, LinkListener& listener, LinkState& state)
+    : m_io(io), m_source(source), m_listener(listener), m_state(state), m_connectTimer(io), m_firstDeadline(io)
+{
+}
+
+void ConsumeLink::Start()
+{
+    const Milliseconds limit = m_source.Settings().firstConnectDeadline;
+    if (limit.count() > 0)
+    {
+        m_firstDeadline.expires_after(limit);
+        m_firstDeadline.async_wait(
+            [this](const error_code& error)
+            {
+                if (!error && !m_everOpen)
+                {
+                    GiveUp();
+                }
+            });
+    }
+    Connect();
+}
+
+void ConsumeLink::GiveUp()
+{
+    m_gaveUp = true;
+    m_connectTimer.cancel();
+    if (m_connection)
+    {
+        std::exchange(m_connection, nullptr)->Drop();
+    }
+    m_listener.OnGaveUp(m_lastError.empty() ? "no connection to the broker yet" : m_lastError);
+}
+
+void ConsumeLink::Connect()
+{
+    if (m_stopping || m_gaveUp)
+    {
+        return;
+    }
+    const std::string url = m_source.Url(m_urlIndex).Printable();
+    m_state.Update(
+        [&](LinkStatus& status)
+        {
+            status.url = url;
+            status.urlIndex = m_urlIndex;
+        });
+    try
+    {
+        m_connection = m_source.Make(m_urlIndex, false, *this);
+        m_connection->Open();
+    }
+    catch (const RmqException& e)
+    {
+        OnClosed(e.what());
+    }
+}
+
+void ConsumeLink::ConnectLater()
+{
+    if (m_everOpen && m_openedAt.time_since_epoch().count() != 0 &&
+        std::chrono::steady_clock::now() - m_openedAt > HEALTHY)
+    {
+        m_backOff.Reset();
+    }
+    m_connectTimer.expires_after(m_backOff.Next());
+    m_connectTimer.async_wait(
+        [this](const error_code& error)
+        {
+            if (!error)
+            {
+                Connect();
+            }
+        });
+}
+
+void ConsumeLink::OnOpen()
+{
+    m_firstDeadline.cancel();
+    m_errors.Reset();
+    m_openedAt = std::chrono::steady_clock::now();
+    m_state.Update(
+        [&](LinkStatus& status)
+        {
+            status.connected = true;
+            status.reconnects += m_everOpen ? 1 : 0;
+            status.lastError.clear();
+        });
+    m_everOpen = true;
+    QEL_LOG(vtx::LevelStatus, "Connected to the broker %s", m_source.Url(m_urlIndex).Printable().c_str());
+    m_connection->PauseReading(m_paused);
+    m_rpc = std::make_unique<RpcChannel>(*m_connection, RPC_CHANNEL);
+    m_consumers = std::make_unique<Consumers>(
+        *m_connection, static_cast<std::uint16_t>(RPC_CHANNEL + 1), m_generation, m_listener,
+        [this](const std::string& queue, bool deleted, const std::string& why)
+        { OnConsumerLost(queue, deleted, why); });
+    DesiredTopology desired = m_listener.OnConnected();
+    m_restoration.Begin(desired);
+    m_base = DesiredTopology{std::move(desired.exchanges), std::move(desired.ownQueues), {}, {}};
+    Pump();
+}
+
+void ConsumeLink::OnMethod(std::uint16_t channel, const amqp_method_t& method)
+{
+    if (channel == RPC_CHANNEL)
+    {
+        m_rpc->OnMethod(method);
+    }
+    else
+    {
+        m_consumers->OnMethod(channel, method);
+    }
+}
+
+void ConsumeLink::OnContent(std::uint16_t channel, AmqpContent&& content)
+{
+    m_consumers->OnContent(channel, std::move(content));
+}
+
+void ConsumeLink::OnBlocked(bool, const std::string&)
+{
+    // Nothing is published here, so nothing waits.
+}
+
+void ConsumeLink::OnTurnEnd()
+{
+    if (m_turnEnd)
+    {
+        m_turnEnd();
+    }
+    FlushSettlements();
+}
+
+void ConsumeLink::OnClosed(const std::string& why)
+{
+    // Kept until the end of the call, which comes from them.
+    const auto connection = std::exchange(m_connection, nullptr);
+    const auto rpc = std::exchange(m_rpc, nullptr);
+    const auto consumers = std::exchange(m_consumers, nullptr);
+    ++m_connectionNumber;
+    m_lastError = why;
+    m_state.Update(
+        [&](LinkStatus& status)
+        {
+            status.connected = false;
+            status.restored = false;
+            status.lastError = why;
+        });
+    if (rpc)
+    {
+        rpc->Fail(why);
+        consumers->Fail(why);
+    }
+    m_restoration.Abandon();
+    m_restored = false;
+    m_consumerBackOff.clear();
+    m_recovering.clear();
+    if (rpc)
+    {
+        const std::string url = m_source.Url(m_urlIndex).Printable();
+        if (m_stopping)
+        {
+            QEL_LOG(vtx::LevelStatus, "Connection to the broker %s closed", url.c_str());
+        }
+        else
+        {
+            QEL_LOG(vtx::LevelWarning, "Connection to the broker %s ended: %s", url.c_str(), why.c_str());
+        }
+        m_listener.OnDisconnected(why);
+    }
+    else if (!m_stopping && !m_moving)
+    {
+        m_errors.Write(m_source.Url(m_urlIndex).Printable(), why);
+    }
+    if (m_stopping)
+    {
+        if (auto stopped = std::exchange(m_stopped, nullptr))
+        {
+            stopped();
+        }
+    }
+    else if (std::exchange(m_moving, false))
+    {
+        Connect();
+    }
+    else
+    {
+        m_urlIndex = (m_urlIndex + 1) % m_source.UrlCount();
+        ConnectLater();
+    }
+}
+
+void ConsumeLink::MoveTo(std::size_t urlIndex)
+{
+    if (m_stopping || m_gaveUp || urlIndex >= m_source.UrlCount())
+    {
+        return;
+    }
+    m_connectTimer.cancel();
+    FlushSettlements();
+    m_urlIndex = urlIndex;
+    m_moving = true;
+    if (const auto connection = m_connection)
+    {
+        connection->Close();
+    }
+    else
+    {
+        m_moving = false;
+        Connect();
+    }
+}
+
+void ConsumeLink::Stop(std::function<void()> stopped)
+{
+    m_stopping = true;
+    m_connectTimer.cancel();
+    m_firstDeadline.cancel();
+    for (const Request& request : std::set<Request>(m_requests))
+    {
+        Complete(request, {Answer::unanswered, 0, "the connection to the broker is being closed"});
+    }
+    if (const auto connection = m_connection)
+    {
+        FlushSettlements();
+        m_stopped = std::move(stopped);
+        connection->Close();
+    }
+    else
+    {
+        stopped();
+    }
+}
+
+void ConsumeLink::Abort()
+{
+    if (const auto connection = m_connection)
+    {
+        connection->Abort("closed");
+    }
+}
+
+void ConsumeLink::Settle(const DeliveryTag& tag, SettleAs as)
+{
+    if (m_consumers)
+    {
+        m_consumers->Settle(tag, as);
+    }
+}
+
+void ConsumeLink::FlushSettlements()
+{
+    if (m_consumers)
+    {
+        m_consumers->Flush();
+    }
+}
+
+void ConsumeLink::StopConsuming()
+{
+    m_consuming = false;
+    m_consumed.clear();
+    if (m_consumers)
+    {
+        m_consumers->CancelAll();
+    }
+}
+
+void ConsumeLink::PauseReading(bool paused)
+{
+    m_paused = paused;
+    if (m_rpc)
+    {
+        m_connection->PauseReading(paused);
+    }
+}
+
+void ConsumeLink::Submit(Request request)
+{
+    if (m_stopping)
+    {
+        Complete(request, {Answer::unanswered, 0, "the connection to the broker is being closed"});
+        return;
+    }
+    if (const auto answer = AnswerWithoutBroker(*request))
+    {
+        Complete(request, *answer);
+        return;
+    }
+    if (request->kind == Kind::bind)
+    {
+        m_restoration.Want(request->binding);
+    }
+    else if (request->kind == Kind::declareQueue)
+    {
+        m_restoration.WantQueue(request->queue.name);
+    }
+    auto timer = std::make_shared<boost::asio::steady_timer>(m_io, request->deadline);
+    timer->async_wait(
+        [this, weak = std::weak_ptr<TopologyRequest>(request)](const error_code& error)
+        {
+            const Request late = weak.lock();
+            if (!error && late && late->done)
+            {
+                const RequestResult& last = late->lastFailure;
+                const std::string why = last.text.empty() ? m_lastError : last.text;
+                Complete(
+                    late, {Answer::unanswered, last.code,
+                           "no answer within the deadline" + (why.empty() ? "" : "; last: " + why)});
+            }
+        });
+    request->timer = std::move(timer);
+    m_requests.insert(request);
+    if (request->kind == Kind::cancelQueue || request->kind == Kind::releaseQueue)
+    {
+        StopQueue(request);
+        return;
+    }
+    m_ready.push_back(std::move(request));
+    Pump();
+}
+
+void ConsumeLink::Complete(const Request& request, const RequestResult& result, std::uint32_t messages)
+{
+    request->timer.reset();
+    m_requests.erase(request);
+    if (const auto done = std::exchange(request->done, nullptr))
+    {
+        done(result, messages);
+    }
+}
+
+void ConsumeLink::Pump()
+{
+    if (m_pumping || !m_rpc)
+    {
+        return;
+    }
+    m_pumping = true;
+    while (m_rpc)
+    {
+        Request next;
+        if (m_restoration.IsBaseReady() && !m_ready.empty())
+        {
+            next = std::move(m_ready.front());
+            m_ready.pop_front();
+        }
+        else
+        {
+            next = m_restoration.Next();
+            if (!next && !(m_restoration.IsBaseReady() && !m_ready.empty()))
+            {
+                break;
+            }
+        }
+        if (next && (next->restoring || next->done))
+        {
+            Execute(next);
+        }
+    }
+    m_pumping = false;
+    CheckRestored();
+}
+
+void ConsumeLink::CheckRestored()
+{
+    if (m_rpc && m_restoration.IsDone() && m_recovering.empty() && !m_restored)
+    {
+        m_restored = true;
+        m_state.Update([](LinkStatus& status) { status.restored = true; });
+        QEL_LOG(vtx::LevelStatus, "Queues and bindings on the broker are in place");
+        m_listener.OnRestored();
+    }
+}
+
+void ConsumeLink::Call(const Request& request, std::uint32_t method, decltype(Rpc::send) send)
+{
+    m_rpc->Call({method, std::move(send), [this, request](const RpcReply& reply) { OnReply(request, reply); }});
+}
+
+void ConsumeLink::Execute(const Request& request)
+{
+    const Binding& binding = request->binding;
+    switch (request->kind)
+    {
+    case Kind::declareExchange:
+        DeclareExchange(request);
+        break;
+    case Kind::declareQueue:
+        DeclareQueue(request);
+        break;
+    case Kind::bind:
+        Call(
+            request, AMQP_QUEUE_BIND_METHOD,
+            [&binding, request](AmqpConnection& connection, std::uint16_t channel)
+            {
+                connection.Send(
+                    channel, AMQP_QUEUE_BIND_METHOD,
+                    amqp_queue_bind_t{
+                        0, ToAmqp(binding.queue), ToAmqp(binding.exchange), ToAmqp(binding.topic), 0,
+                        amqp_empty_table});
+            });
+        break;
+    case Kind::unbind:
+        if (!m_restoration.IsDone())
+        {
+            m_restoration.GiveUp(binding);
+        }
+        Call(
+            request, AMQP_QUEUE_UNBIND_METHOD,
+            [&binding, request](AmqpConnection& connection, std::uint16_t channel)
+            {
+                connection.Send(
+                    channel, AMQP_QUEUE_UNBIND_METHOD,
+                    amqp_queue_unbind_t{
+                        0, ToAmqp(binding.queue), ToAmqp(binding.exchange), ToAmqp(binding.topic), amqp_empty_table});
+            });
+        break;
+    case Kind::cancelQueue:
+    case Kind::releaseQueue:
+        StopQueue(request);
+        break;
+    case Kind::deleteQueue:
+        Call(
+            request, AMQP_QUEUE_DELETE_METHOD,
+            [request](AmqpConnection& connection, std::uint16_t channel) {
+                connection.Send(
+                    channel, AMQP_QUEUE_DELETE_METHOD, amqp_queue_delete_t{0, ToAmqp(request->queue.name), 1, 1, 0});
+            });
+        break;
+    case Kind::countMessages:
+        Call(
+            request, AMQP_QUEUE_DECLARE_METHOD,
+            [request](AmqpConnection& connection, std::uint16_t channel)
+            {
+                amqp_queue_declare_t declare{};
+                declare.queue = ToAmqp(request->queue.name);
+                declare.passive = 1;
+                connection.Send(channel, AMQP_QUEUE_DECLARE_METHOD, declare);
+            });
+        break;
+    }
+}
+
+namespace
+{
+
+void SendDeclareExchange(const ExchangeSpec& exchange, AmqpConnection& connection, std::uint16_t channel)
+{
+    amqp_exchange_declare_t declare{};
+    declare.exchange = ToAmqp(exchange.name);
+    declare.type = ToAmqp(exchange.type);
+    declare.passive = exchange.passive ? 1 : 0;
+    declare.durable = 1;
+    connection.Send(channel, AMQP_EXCHANGE_DECLARE_METHOD, declare);
+}
+
+void SendDeclareQueue(const QueueSpec& queue, AmqpConnection& connection, std::uint16_t channel)
+{
+    AmqpPool pool;
+    amqp_queue_declare_t declare{};
+    declare.queue = ToAmqp(queue.name);
+    declare.passive = queue.passive ? 1 : 0;
+    declare.durable = queue.durable ? 1 : 0;
+    declare.exclusive = queue.exclusive ? 1 : 0;
+    declare.auto_delete = queue.autoDelete ? 1 : 0;
+    declare.arguments = ToAmqp(queue.arguments, pool);
+    connection.Send(channel, AMQP_QUEUE_DECLARE_METHOD, declare);
+}
+
+} // namespace
+
+void ConsumeLink::DeclareExchange(const Request& request)
+{
+    Call(
+        request, AMQP_EXCHANGE_DECLARE_METHOD,
+        [request](AmqpConnection& connection, std::uint16_t channel)
+        { SendDeclareExchange(request->exchange, connection, channel); });
+}
+
+void ConsumeLink::DeclareQueue(const Request& request)
+{
+    m_rpc->Call(
+        {AMQP_QUEUE_DECLARE_METHOD,
+         [request](AmqpConnection& connection, std::uint16_t channel)
+         { SendDeclareQueue(request->queue, connection, channel); },
+         [this, request](const RpcReply& reply)
+         {
+             const bool wanted = request->restoring ? !m_restoration.IsGivenUp(*request) : request->done != nullptr;
+             if (!reply.ok || request->queue.prefetch == 0 || !m_consuming || !wanted)
+             {
+                 OnReply(request, reply);
+                 return;
+             }
+             m_consumed[request->queue.name] = request->queue;
+             m_consumers->Start(
+                 request->queue, [this, request](const RpcReply& started) { OnReply(request, started); });
+         }});
+}
+
+void ConsumeLink::DeclareBaseAgain()
+{
+    const auto ignore = [](const RpcReply&) {};
+    for (const ExchangeSpec& exchange : m_base.exchanges)
+    {
+        m_rpc->Call(
+            {AMQP_EXCHANGE_DECLARE_METHOD,
+             [exchange](AmqpConnection& connection, std::uint16_t channel)
+             { SendDeclareExchange(exchange, connection, channel); },
+             ignore});
+    }
+    for (const QueueSpec& queue : m_base.ownQueues)
+    {
+        m_rpc->Call(
+            {AMQP_QUEUE_DECLARE_METHOD,
+             [queue](AmqpConnection& connection, std::uint16_t channel)
+             { SendDeclareQueue(queue, connection, channel); },
+             ignore});
+    }
+}
+
+void ConsumeLink::StopQueue(const Request& request)
+{
+    const std::string& queue = request->queue.name;
+    m_consumed.erase(queue);
+    if (!m_restoration.IsDone())
+    {
+        m_restoration.GiveUpQueue(queue);
+    }
+    const auto done = [this, request](const RpcReply&) { Complete(request, {Answer::ok, 0, {}}); };
+    if (!m_consumers)
+    {
+        // The consumer died with the connection, and what was unsettled went back.
+        done({});
+    }
+    else if (request->kind == Kind::cancelQueue)
+    {
+        m_consumers->Cancel(queue, done);
+    }
+    else
+    {
+        m_consumers->Release(queue, done);
+    }
+}
+
+void ConsumeLink::OnReply(const Request& request, const RpcReply& reply)
+{
+    Outcome outcome = Classify(request->kind, reply);
+    if (outcome == Outcome::missing && m_rpc && !std::exchange(request->redeclared, true))
+    {
+        DeclareBaseAgain();
+        Execute(request);
+        return;
+    }
+    outcome = outcome == Outcome::missing ? Outcome::refused : outcome;
+    if (request->restoring)
+    {
+        OnRestoreReply(request, reply, outcome);
+        return;
+    }
+    if (!request->done)
+    {
+        return;
+    }
+    if (outcome == Outcome::inUse && !IsStillInUse(*request))
+    {
+        outcome = Outcome::refused;
+    }
+    if (outcome == Outcome::ok)
+    {
+        Complete(request, {Answer::ok, 0, {}}, reply.messageCount);
+    }
+    else if (outcome == Outcome::refused)
+    {
+        Complete(request, {Answer::refused, reply.code, reply.text});
+    }
+    else
+    {
+        Retry(request, reply);
+    }
+}
+
+/** Whether it is too early to believe that another consumer has the queue for good. */
+bool ConsumeLink::IsStillInUse(TopologyRequest& request) const
+{
+    const auto now = TopologyRequest::Clock::now();
+    request.inUseSince = request.inUseSince.value_or(now);
+    return now - *request.inUseSince < 3 * m_source.Settings().heartbeat + std::chrono::seconds(5);
+}
+
+void ConsumeLink::Retry(const Request& request, const RpcReply& reply)
+{
+    request->lastFailure = {Answer::unanswered, reply.code, reply.text};
+    if (reply.code == 0)
+    {
+        m_ready.push_back(request);
+        return;
+    }
+    auto timer = std::make_shared<boost::asio::steady_timer>(
+        m_io, Doubled(REQUEST_RETRY, request->failures++, REQUEST_RETRY_CAP));
+    timer->async_wait(
+        [this, request, timer](const error_code&)
+        {
+            m_ready.push_back(request);
+            Pump();
+        });
+}
+
+void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, Outcome outcome)
+{
+    if (!reply.ok && reply.code == 0)
+    {
+        // Lost with its connection: the next one starts over.
+        return;
+    }
+    if (outcome == Outcome::ok)
+    {
+        m_restoration.Finished();
+        if (const auto done = std::exchange(request->done, nullptr))
+        {
+            done({Answer::ok, 0, {}}, 0);
+        }
+        Pump();
+        return;
+    }
+    const bool refused = outcome == Outcome::refused;
+    const bool base = request->kind == Kind::declareExchange || IsOwnQueue(request->queue.name);
+    const std::string what = request->ToString();
+    if (!refused || request->failures == 0)
+    {
+        QEL_LOG(
+            vtx::LevelWarning, "Restoring %s failed: %u %s", what.c_str(), static_cast<unsigned>(reply.code),
+            reply.text.c_str());
+    }
+    m_listener.OnRestoreFailed(what, {refused ? Answer::refused : Answer::unanswered, reply.code, reply.text});
+    if (refused && !base)
+    {
+        m_restoration.Finished();
+        Pump();
+        return;
+    }
+    m_restoration.Delayed();
+    After(
+        Doubled(RESTORE_RETRY, request->failures++, RESTORE_RETRY_CAP),
+        [this, request]
+        {
+            m_restoration.Resume(request);
+            Pump();
+        });
+}
+
+bool ConsumeLink::IsOwnQueue(const std::string& queue) const
+{
+    return std::any_of(
+        m_base.ownQueues.begin(), m_base.ownQueues.end(), [&](const QueueSpec& own) { return own.name == queue; });
+}
+
+/** Runs the task later unless the connection has ended by then. */
+void ConsumeLink::After(Milliseconds delay, std::function<void()> task)
+{
+    auto timer = std::make_shared<boost::asio::steady_timer>(m_io, delay);
+    timer->async_wait(
+        [this, timer, task = std::move(task), number = m_connectionNumber](const error_code& error)
+        {
+            if (!error && number == m_connectionNumber)
+            {
+                task();
+            }
+        });
+}
+
+void ConsumeLink::OnConsumerLost(const std::string& queue, bool deleted, const std::string& why)
+{
+    QEL_LOG(
+        vtx::LevelWarning, "The broker ended our consumer of queue %s: %s", queue.c_str(),
+        deleted ? "the queue is gone" : why.c_str());
+    if (m_consumed.count(queue) > 0)
+    {
+        m_restored = false;
+        m_recovering.insert(queue);
+        m_state.Update([](LinkStatus& status) { status.restored = false; });
+        After(m_consumerBackOff[queue].Next(), [this, queue, deleted] { ConsumeAgain(queue, deleted); });
+    }
+    m_listener.OnConsumerCancelled(queue);
+}
+
+void ConsumeLink::ConsumeAgain(const std::string& queue, bool rebind)
+{
+    m_recovering.erase(queue);
+    const auto found = m_consumed.find(queue);
+    if (found != m_consumed.end())
+    {
+        auto request = std::make_shared<TopologyRequest>();
+        request->kind = Kind::declareQueue;
+        request->restoring = true;
+        request->queue = found->second;
+        if (rebind)
+        {
+            request->done = [this, queue](const RequestResult&, std::uint32_t)
+            { m_restoration.AddBindings(m_listener.OnConnected(), queue); };
+        }
+        m_restoration.Add(std::move(request));
+    }
+    Pump();
+}
+
+} // namespace VtxQel

@@ -1,0 +1,131 @@
+#pragma once
+
+#include "broker/AmqpConnection.h"
+#include "broker/BackOff.h"
+#include "broker/BrokerLink.h"
+#include "broker/ConnectionSource.h"
+#include "broker/Consumers.h"
+#include "broker/LinkState.h"
+#include "broker/Restoration.h"
+#include "broker/RpcChannel.h"
+#include "broker/TopologyRequest.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace VtxQel
+{
+
+/**
+ * ConsumeLink keeps the consuming connection: it connects again whenever it is lost, restores the desired topology, and
+ * carries out requests, across connections if need be. Lives on the I/O thread.
+ */
+class ConsumeLink : private AmqpConnectionHandler
+{
+  public:
+    using Request = std::shared_ptr<TopologyRequest>;
+
+    ConsumeLink(boost::asio::io_context& io, ConnectionSource& source, LinkListener& listener, LinkState& state);
+
+    /** Called when all frames that were read together are handled, to settle what came in meanwhile. */
+    void SetTurnEnd(std::function<void()> turnEnd) { m_turnEnd = std::move(turnEnd); }
+
+    void Start();
+    /** Carries the request out or answers it when its deadline has passed. */
+    void Submit(Request request);
+    void Settle(const DeliveryTag& tag, SettleAs as);
+    void FlushSettlements();
+    void StopConsuming();
+    void PauseReading(bool paused);
+    void MoveTo(std::size_t urlIndex);
+    std::size_t UrlIndex() const { return m_urlIndex; }
+
+    /** Makes no more connections, answers every request, and closes the connection in order. */
+    void Stop(std::function<void()> stopped);
+    /** Ends the connection at once. */
+    void Abort();
+
+  private:
+    void OnOpen() override;
+    void OnMethod(std::uint16_t channel, const amqp_method_t& method) override;
+    void OnContent(std::uint16_t channel, AmqpContent&& content) override;
+    void OnBlocked(bool blocked, const std::string& reason) override;
+    void OnTurnEnd() override;
+    void OnWritten() override {}
+    void OnClosed(const std::string& why) override;
+
+    void Connect();
+    void ConnectLater();
+    void GiveUp();
+
+    void Pump();
+    void Execute(const Request& request);
+    void Call(const Request& request, std::uint32_t method, decltype(Rpc::send) send);
+    void DeclareExchange(const Request& request);
+    void DeclareQueue(const Request& request);
+    void StopQueue(const Request& request);
+    void DeclareBaseAgain();
+    void OnReply(const Request& request, const RpcReply& reply);
+    void OnRestoreReply(const Request& request, const RpcReply& reply, Outcome outcome);
+    void Retry(const Request& request, const RpcReply& reply);
+    void Complete(const Request& request, const RequestResult& result, std::uint32_t messages = 0);
+    void After(std::chrono::milliseconds delay, std::function<void()> task);
+    void OnConsumerLost(const std::string& queue, bool deleted, const std::string& why);
+    void ConsumeAgain(const std::string& queue, bool rebind);
+    bool IsOwnQueue(const std::string& queue) const;
+    bool IsStillInUse(TopologyRequest& request) const;
+    void CheckRestored();
+
+    boost::asio::io_context& m_io;
+    ConnectionSource& m_source;
+    LinkListener& m_listener;
+    LinkState& m_state;
+    std::function<void()> m_turnEnd;
+
+    std::shared_ptr<AmqpConnection> m_connection;
+    std::unique_ptr<RpcChannel> m_rpc;
+    std::unique_ptr<Consumers> m_consumers;
+    /** Tells a task that was meant for an earlier connection. */
+    std::uint64_t m_connectionNumber = 0;
+    std::uint64_t m_generation = 0;
+
+    BackOff m_backOff;
+    ConnectErrorLog m_errors;
+    boost::asio::steady_timer m_connectTimer;
+    boost::asio::steady_timer m_firstDeadline;
+    std::chrono::steady_clock::time_point m_openedAt;
+    std::string m_lastError;
+    std::size_t m_urlIndex = 0;
+    /** The next connection goes to m_urlIndex at once. */
+    bool m_moving = false;
+    bool m_everOpen = false;
+    bool m_gaveUp = false;
+    bool m_stopping = false;
+    bool m_consuming = true;
+    bool m_paused = false;
+    std::function<void()> m_stopped;
+
+    DesiredTopology m_base;
+    Restoration m_restoration;
+    bool m_restored = false;
+    bool m_pumping = false;
+    /** The queues that are to be consumed, by name. */
+    std::map<std::string, QueueSpec> m_consumed;
+    std::map<std::string, BackOff> m_consumerBackOff;
+    /** Queues whose consumer was lost and is not being made again yet. */
+    std::set<std::string> m_recovering;
+    /** Every request that is not answered yet. */
+    std::set<Request> m_requests;
+    /** Those that can be carried out as soon as the connection is ready for them. */
+    std::deque<Request> m_ready;
+};
+
+} // namespace VtxQel

@@ -1,0 +1,207 @@
+#include "broker/Consumers.h"
+
+#include "common/QelException.h"
+
+#include <utility>
+#include <vector>
+
+namespace VtxQel
+{
+
+using State = DeliveryChannel::State;
+
+Consumers::Consumers(
+    AmqpConnection& connection, std::uint16_t firstChannel, std::uint64_t& generation, LinkListener& listener,
+    OnLost onLost)
+    : m_connection(connection), m_nextChannel(firstChannel), m_generation(generation), m_listener(listener),
+      m_onLost(std::move(onLost))
+{
+}
+
+void Consumers::Start(const QueueSpec& queue, Done done)
+{
+    if (const auto found = m_byQueue.find(queue.name); found != m_byQueue.end())
+    {
+        found->second->WhenStarted(std::move(done));
+        return;
+    }
+    const std::uint16_t number = FreeChannel();
+    if (number == 0)
+    {
+        done({false, AMQP_RESOURCE_ERROR, "the broker allows no more channels on a connection", 0});
+        return;
+    }
+    auto channel = std::make_unique<DeliveryChannel>(m_connection, number, ++m_generation, queue);
+    m_byQueue[queue.name] = channel.get();
+    m_byGeneration[channel->Generation()] = channel.get();
+    channel->WhenStarted(std::move(done));
+    m_channels[number] = std::move(channel);
+}
+
+std::uint16_t Consumers::FreeChannel()
+{
+    if (!m_freeChannels.empty())
+    {
+        return m_freeChannels.extract(m_freeChannels.begin()).value();
+    }
+    return m_nextChannel > m_connection.ChannelMax() || m_nextChannel == 0 ? std::uint16_t{0} : m_nextChannel++;
+}
+
+void Consumers::Cancel(const std::string& queue, Done done)
+{
+    const auto found = m_byQueue.find(queue);
+    if (found == m_byQueue.end())
+    {
+        done({true, 0, {}, 0});
+        return;
+    }
+    DeliveryChannel& channel = *found->second;
+    m_byQueue.erase(found);
+    channel.Cancel(std::move(done));
+}
+
+void Consumers::CancelAll()
+{
+    while (!m_byQueue.empty())
+    {
+        Cancel(std::string(m_byQueue.begin()->first), [](const RpcReply&) {});
+    }
+}
+
+void Consumers::Release(const std::string& queue, Done done)
+{
+    Flush();
+    m_byQueue.erase(queue);
+    std::vector<DeliveryChannel*> all;
+    for (const auto& [number, channel] : m_channels)
+    {
+        if (channel->Queue() == queue)
+        {
+            all.push_back(channel.get());
+        }
+    }
+    if (all.empty())
+    {
+        done({true, 0, {}, 0});
+        return;
+    }
+    // Told when the last one is closed.
+    const std::shared_ptr<void> last(nullptr, [done = std::move(done)](void*) { done({true, 0, {}, 0}); });
+    for (DeliveryChannel* channel : all)
+    {
+        channel->Release([last](const RpcReply&) {});
+    }
+}
+
+void Consumers::Settle(const DeliveryTag& tag, SettleAs as)
+{
+    if (m_lastSettled == nullptr || m_lastSettled->Generation() != tag.generation)
+    {
+        const auto found = m_byGeneration.find(tag.generation);
+        if (found == m_byGeneration.end())
+        {
+            return;
+        }
+        m_lastSettled = found->second;
+        m_toFlush.insert(m_lastSettled);
+    }
+    m_lastSettled->Settle(tag.tag, as);
+}
+
+void Consumers::Flush()
+{
+    m_lastSettled = nullptr;
+    for (DeliveryChannel* channel : std::exchange(m_toFlush, {}))
+    {
+        channel->Flush();
+    }
+}
+
+DeliveryChannel& Consumers::At(std::uint16_t channel)
+{
+    const auto found = m_channels.find(channel);
+    if (found == m_channels.end())
+    {
+        throw RmqConnectionException("received a frame on channel " + std::to_string(channel) + ", which is not open");
+    }
+    return *found->second;
+}
+
+void Consumers::ForgetQueue(const DeliveryChannel& channel)
+{
+    const auto found = m_byQueue.find(channel.Queue());
+    if (found != m_byQueue.end() && found->second == &channel)
+    {
+        m_byQueue.erase(found);
+    }
+}
+
+void Consumers::Forget(std::uint16_t channel)
+{
+    DeliveryChannel& gone = At(channel);
+    ForgetQueue(gone);
+    m_byGeneration.erase(gone.Generation());
+    m_toFlush.erase(&gone);
+    m_lastSettled = nullptr;
+    m_channels.erase(channel);
+    m_freeChannels.insert(channel);
+}
+
+void Consumers::OnMethod(std::uint16_t channel, const amqp_method_t& method)
+{
+    DeliveryChannel& target = At(channel);
+    const std::string queue = target.Queue();
+    const auto event = target.OnMethod(method);
+    if (event != DeliveryChannel::Event::none)
+    {
+        ForgetQueue(target);
+    }
+    const std::string why = target.CloseReason().text;
+    if (target.GetState() == State::closed)
+    {
+        Forget(channel);
+    }
+    if (event != DeliveryChannel::Event::none)
+    {
+        m_onLost(queue, event == DeliveryChannel::Event::consumerCancelled, why);
+    }
+}
+
+void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
+{
+    DeliveryChannel& target = At(channel);
+    if (content.method != AMQP_BASIC_DELIVER_METHOD || !target.Accept(content.deliveryTag))
+    {
+        return;
+    }
+    const DeliveryTag tag{target.Generation(), content.deliveryTag};
+    if (!content.refused.empty())
+    {
+        Settle(tag, SettleAs::reject);
+        m_listener.OnRefusedDelivery(target.Queue(), content.refused);
+        return;
+    }
+    IncomingMessage message;
+    message.tag = tag;
+    message.queue = target.Queue();
+    message.exchange = std::move(content.exchange);
+    message.routingKey = std::move(content.routingKey);
+    message.redelivered = content.redelivered;
+    message.properties = std::move(content.properties);
+    message.body = std::move(content.body);
+    m_listener.OnDelivery(std::move(message));
+}
+
+void Consumers::Fail(const std::string& why)
+{
+    m_byQueue.clear();
+    m_byGeneration.clear();
+    m_toFlush.clear();
+    m_lastSettled = nullptr;
+    for (const auto& [number, channel] : m_channels)
+    {
+        channel->Fail(why);
+    }
+}
+
+} // namespace VtxQel

@@ -1,0 +1,72 @@
+#pragma once
+
+#include "broker/AmqpConnection.h"
+#include "broker/BrokerLink.h"
+#include "broker/DeliveryChannel.h"
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <unordered_map>
+
+namespace VtxQel
+{
+
+/**
+ * Consumers are the delivery channels of one connection: at most one that consumes for each queue, and those of
+ * cancelled consumers whose deliveries are still to be settled. Lives on the I/O thread, at most as long as its
+ * connection.
+ */
+class Consumers
+{
+  public:
+    using Done = DeliveryChannel::Done;
+    /** A consumer ended though nobody asked for it. @param deleted whether its queue is gone, with its bindings. */
+    using OnLost = std::function<void(const std::string& queue, bool deleted, const std::string& why)>;
+
+    /** Channels are numbered from `firstChannel` on; `generation` counts channels over all connections. */
+    Consumers(
+        AmqpConnection& connection, std::uint16_t firstChannel, std::uint64_t& generation, LinkListener& listener,
+        OnLost onLost);
+
+    /** Consumes the queue, or joins the consumer that there is already. */
+    void Start(const QueueSpec& queue, Done done);
+    void Cancel(const std::string& queue, Done done);
+    void Release(const std::string& queue, Done done);
+    void CancelAll();
+
+    void Settle(const DeliveryTag& tag, SettleAs as);
+    /** Sends all settlements. */
+    void Flush();
+
+    /** @throws RmqConnectionException for a channel that is not known */
+    void OnMethod(std::uint16_t channel, const amqp_method_t& method);
+    void OnContent(std::uint16_t channel, AmqpContent&& content);
+    /** The connection ended. */
+    void Fail(const std::string& why);
+
+  private:
+    DeliveryChannel& At(std::uint16_t channel);
+    std::uint16_t FreeChannel();
+    void Forget(std::uint16_t channel);
+    void ForgetQueue(const DeliveryChannel& channel);
+
+    AmqpConnection& m_connection;
+    std::uint16_t m_nextChannel;
+    std::uint64_t& m_generation;
+    LinkListener& m_listener;
+    OnLost m_onLost;
+    std::set<std::uint16_t> m_freeChannels;
+    std::unordered_map<std::uint16_t, std::unique_ptr<DeliveryChannel>> m_channels;
+    /** Those that consume or are about to. */
+    std::map<std::string, DeliveryChannel*> m_byQueue;
+    std::unordered_map<std::uint64_t, DeliveryChannel*> m_byGeneration;
+    /** Where the last settlement went: the next one most often goes there too. */
+    DeliveryChannel* m_lastSettled = nullptr;
+    std::set<DeliveryChannel*> m_toFlush;
+};
+
+} // namespace VtxQel

@@ -1,0 +1,92 @@
+#pragma once
+
+#include "broker/AmqpConnection.h"
+#include "broker/BrokerLink.h"
+#include "broker/RpcChannel.h"
+#include "broker/UnsettledTags.h"
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+
+/**
+ * DeliveryChannel consumes one queue on a channel of its own and settles what came from it.
+ *
+ * It ends in one of two ways: Cancel() stops consuming and the channel stays until everything delivered is settled,
+ * Release() closes it at once so that the broker puts everything unsettled back in its order. After either, or when the
+ * broker cancels the consumer or closes the channel, it is of no use for consuming again: make another one. Lives on
+ * the I/O thread, at most as long as its connection.
+ */
+class DeliveryChannel
+{
+  public:
+    using Done = std::function<void(const RpcReply& reply)>;
+
+    enum class State
+    {
+        starting,
+        consuming,
+        cancelling,
+        /** Not consuming any more; deliveries are still to be settled. */
+        draining,
+        closing,
+        closed
+    };
+
+    /** Opens the channel and consumes. */
+    DeliveryChannel(
+        AmqpConnection& connection, std::uint16_t channel, std::uint64_t generation, const QueueSpec& queue);
+
+    const std::string& Queue() const { return m_queue; }
+    std::uint64_t Generation() const { return m_generation; }
+    State GetState() const { return m_state; }
+    std::size_t Unsettled() const { return m_tags.Unsettled(); }
+
+    /** Adds somebody who wants to hear how the start went; at once when it is over. */
+    void WhenStarted(Done done);
+    void Cancel(Done done);
+    void Release(Done done);
+
+    /** Notes the delivery. @return whether it is for the application; not when the channel is being closed. */
+    bool Accept(std::uint64_t tag);
+    void Settle(std::uint64_t tag, SettleAs as) { m_tags.Settle(tag, as); }
+    bool HasNews() const { return m_tags.HasNews(); }
+    /** Sends the settlements; closes a draining channel when nothing is left. */
+    void Flush();
+
+    /** @return what the broker did on its own: `consumerCancelled` asks for another channel. */
+    enum class Event
+    {
+        none,
+        consumerCancelled,
+        /** The broker closed the channel; what was unsettled is with the broker again. */
+        channelClosed
+    };
+    Event OnMethod(const amqp_method_t& method);
+    /** The text of the broker's channel.close. */
+    const RpcReply& CloseReason() const { return m_closeReason; }
+    /** The connection ended. */
+    void Fail(const std::string& why);
+
+  private:
+    void Close();
+    void DrainOrClose();
+    static void Tell(std::vector<Done>& all, const RpcReply& reply);
+
+    AmqpConnection& m_connection;
+    std::uint16_t m_channel;
+    std::uint64_t m_generation;
+    std::string m_queue;
+    std::string m_consumerTag;
+    State m_state = State::starting;
+    UnsettledTags m_tags;
+    std::vector<Done> m_started;
+    std::vector<Done> m_stopped;
+    RpcReply m_closeReason;
+};
+
+} // namespace VtxQel

@@ -1,0 +1,529 @@
+#include "broker/PublishLink.h"
+
+#include "common/QelException.h"
+#include "logging/Log.h"
+
+#include <utility>
+#include <vector>
+
+namespace VtxQel
+{
+
+using boost::system::error_code;
+using Clock = std::chrono::steady_clock;
+
+namespace
+{
+
+constexpr std::uint16_t CHANNEL = 1;
+constexpr std::size_t BACKLOG = 1048576;
+constexpr std::chrono::milliseconds TICK{100};
+constexpr std::chrono::seconds ONLY_NACKS{1};
+constexpr std::chrono::seconds HEALTHY{60};
+
+} // namespace
+
+PublishLink::PublishLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state, OnEnded onEnded)
+    : m_io(io), m_source(source), m_state(state), m_onEnded(std::move(onEnded)), m_connectTimer(io), m_tick(io)
+{
+}
+
+void PublishLink::Publish(OutgoingMessage message, PublishCompletion done, Clock::time_point deadline)
+{
+    auto publication = std::make_unique<Publication>();
+    publication->message = std::move(message);
+    publication->done = std::move(done);
+    publication->deadline = deadline;
+    const OutgoingMessage& published = publication->message;
+    if (m_stopping)
+    {
+        End(*publication, PublishResult::timedOut, "the connection to the broker is being closed");
+    }
+    else if (published.exchange.size() > 255 || published.routingKey.size() > 255)
+    {
+        End(*publication, PublishResult::refused, "exchange or routing key longer than 255 bytes");
+    }
+    else if (published.body.size() > m_source.Settings().maxBodyBytes)
+    {
+        End(*publication, PublishResult::refused,
+            "body of " + std::to_string(published.body.size()) + " bytes is over the limit");
+    }
+    else
+    {
+        m_waiting.push_back(std::move(publication));
+        StartTick();
+        if (!m_connection && m_failures == 0 && m_openedAt == Clock::time_point{})
+        {
+            m_openedAt = Clock::now();
+            Connect();
+        }
+        Pump();
+    }
+}
+
+void PublishLink::End(Publication& publication, PublishResult result, const std::string& why)
+{
+    if (const PublishCompletion done = std::exchange(publication.done, nullptr))
+    {
+        m_onEnded(SizeOf(publication.message));
+        done(result, why);
+    }
+}
+
+void PublishLink::Connect()
+{
+    if (m_stopping)
+    {
+        return;
+    }
+    m_urlIndex = (m_preferredUrl() + m_failures) % m_source.UrlCount();
+    try
+    {
+        m_connection = m_source.Make(m_urlIndex, true, *this);
+        m_connection->Open();
+    }
+    catch (const RmqException& e)
+    {
+        OnClosed(e.what());
+    }
+}
+
+void PublishLink::ConnectLater()
+{
+    m_connectTimer.expires_after(m_backOff.Next());
+    m_connectTimer.async_wait(
+        [this](const error_code& error)
+        {
+            if (!error)
+            {
+                Connect();
+            }
+        });
+}
+
+void PublishLink::OnOpen()
+{
+    m_failures = 0;
+    m_errors.Reset();
+    m_openedAt = Clock::now();
+    QEL_LOG(
+        vtx::LevelStatus, "Connected to the broker %s for publishing", m_source.Url(m_urlIndex).Printable().c_str());
+    OpenChannel();
+}
+
+void PublishLink::OpenChannel()
+{
+    m_ready = false;
+    m_nacksSince = {};
+    m_connection->Send(CHANNEL, AMQP_CHANNEL_OPEN_METHOD, amqp_channel_open_t{amqp_empty_bytes});
+    m_connection->Send(CHANNEL, AMQP_CONFIRM_SELECT_METHOD, amqp_confirm_select_t{0});
+}
+
+void PublishLink::OnMethod(std::uint16_t channel, const amqp_method_t& method)
+{
+    if (channel != CHANNEL)
+    {
+        throw RmqConnectionException("received a frame on channel " + std::to_string(channel) + ", which is not open");
+    }
+    switch (method.id)
+    {
+    case AMQP_CHANNEL_OPEN_OK_METHOD:
+        break;
+    case AMQP_CONFIRM_SELECT_OK_METHOD:
+        m_ready = true;
+        m_firstTag = 1;
+        Pump();
+        break;
+    case AMQP_BASIC_ACK_METHOD:
+    {
+        const auto& ack = *static_cast<const amqp_basic_ack_t*>(method.decoded);
+        OnConfirm(ack.delivery_tag, ack.multiple != 0, true);
+        break;
+    }
+    case AMQP_BASIC_NACK_METHOD:
+    {
+        const auto& nack = *static_cast<const amqp_basic_nack_t*>(method.decoded);
+        OnConfirm(nack.delivery_tag, nack.multiple != 0, false);
+        break;
+    }
+    case AMQP_CHANNEL_CLOSE_METHOD:
+        OnChannelClose(*static_cast<const amqp_channel_close_t*>(method.decoded));
+        break;
+    case AMQP_CHANNEL_CLOSE_OK_METHOD:
+        m_reopening = false;
+        TakeBack(false);
+        OpenChannel();
+        break;
+    default:
+        throw RmqConnectionException(
+            std::string("received ") + amqp_method_name(method.id) + " on the publishing channel");
+    }
+}
+
+void PublishLink::Pump()
+{
+    while (m_ready && !m_blocked && !m_waiting.empty() && m_connection && m_connection->Backlog() < BACKLOG)
+    {
+        const bool suspect = m_waiting.front()->suspect;
+        if (m_suspectOnItsWay || (suspect && m_unconfirmed > 0))
+        {
+            return;
+        }
+        PublicationPtr publication = std::move(m_waiting.front());
+        m_waiting.pop_front();
+        if (publication->done && Send(publication))
+        {
+            m_suspectOnItsWay = suspect;
+            ++m_unconfirmed;
+            m_sent.push_back(std::move(publication));
+        }
+    }
+}
+
+bool PublishLink::Send(PublicationPtr& publication)
+{
+    const OutgoingMessage& message = publication->message;
+    try
+    {
+        AmqpPool pool;
+        amqp_basic_publish_t publish{};
+        publish.exchange = ToAmqp(message.exchange);
+        publish.routing_key = ToAmqp(message.routingKey);
+        publish.mandatory = message.mandatory ? 1 : 0;
+        amqp_basic_properties_t properties = ToAmqp(message.properties, pool);
+        m_connection->SendPublish(CHANNEL, publish, properties, message.body);
+        return true;
+    }
+    catch (const RmqMessageException& e)
+    {
+        End(*publication, PublishResult::refused, e.what());
+        return false;
+    }
+}
+
+void PublishLink::OnConfirm(std::uint64_t tag, bool multiple, bool ack)
+{
+    if (tag >= m_firstTag + m_sent.size())
+    {
+        throw RmqConnectionException("received a confirm of something that was not published");
+    }
+    if (m_reopening)
+    {
+        return;
+    }
+    if (ack)
+    {
+        m_nacksSince = {};
+    }
+    else if (m_nacksSince == Clock::time_point{})
+    {
+        m_nacksSince = Clock::now();
+    }
+    for (std::uint64_t each = multiple ? m_firstTag : tag; each <= tag; ++each)
+    {
+        if (each >= m_firstTag)
+        {
+            if (PublicationPtr publication = std::move(m_sent[static_cast<std::size_t>(each - m_firstTag)]))
+            {
+                --m_unconfirmed;
+                Confirm(std::move(publication), ack);
+            }
+        }
+    }
+    while (!m_sent.empty() && !m_sent.front())
+    {
+        m_sent.pop_front();
+        ++m_firstTag;
+    }
+    if (m_unconfirmed == 0)
+    {
+        m_suspectOnItsWay = false;
+    }
+}
+
+void PublishLink::Confirm(PublicationPtr publication, bool ack)
+{
+    if (!publication->done)
+    {
+        return;
+    }
+    if (!ack)
+    {
+        // The broker could not take it now; the next tick sends it again.
+        publication->returned = false;
+        m_nacked.push_back(std::move(publication));
+    }
+    else if (publication->returned && publication->suspect)
+    {
+        End(*publication, PublishResult::noRoute, "no queue takes the message");
+    }
+    else if (publication->returned)
+    {
+        publication->returned = false;
+        publication->suspect = true;
+        m_waiting.push_back(std::move(publication));
+    }
+    else
+    {
+        End(*publication, PublishResult::confirmed, {});
+    }
+}
+
+void PublishLink::OnContent(std::uint16_t, AmqpContent&& content)
+{
+    // A return does not say which publication it is about. When there is but one candidate it is that one; otherwise
+    // all of them are sent again one by one.
+    std::vector<Publication*> candidates;
+    for (const PublicationPtr& sent : m_sent)
+    {
+        if (sent && sent->message.mandatory && sent->message.routingKey == content.routingKey &&
+            sent->message.exchange == content.exchange)
+        {
+            candidates.push_back(sent.get());
+        }
+    }
+    for (Publication* candidate : candidates)
+    {
+        candidate->returned = true;
+        candidate->suspect = candidate->suspect || candidates.size() == 1;
+    }
+}
+
+void PublishLink::OnChannelClose(const amqp_channel_close_t& close)
+{
+    const std::string text = FromAmqp(close.reply_text);
+    m_connection->Send(CHANNEL, AMQP_CHANNEL_CLOSE_OK_METHOD, amqp_channel_close_ok_t{});
+    if (m_reopening)
+    {
+        return;
+    }
+    const bool refusal = close.reply_code == AMQP_ACCESS_REFUSED || close.reply_code == AMQP_NOT_FOUND ||
+                         close.reply_code == AMQP_PRECONDITION_FAILED;
+    if (refusal && m_unconfirmed == 1)
+    {
+        for (const PublicationPtr& sent : m_sent)
+        {
+            if (sent)
+            {
+                End(*sent, PublishResult::refused, text);
+            }
+        }
+    }
+    TakeBack(refusal);
+    OpenChannel();
+}
+
+void PublishLink::TakeBack(bool suspect)
+{
+    m_ready = false;
+    m_suspectOnItsWay = false;
+    m_unconfirmed = 0;
+    m_firstTag = 1;
+    while (!m_sent.empty())
+    {
+        if (m_sent.back() && m_sent.back()->done)
+        {
+            m_sent.back()->returned = false;
+            m_sent.back()->suspect = m_sent.back()->suspect || suspect;
+            m_waiting.push_front(std::move(m_sent.back()));
+        }
+        m_sent.pop_back();
+    }
+}
+
+void PublishLink::OnBlocked(bool blocked, const std::string& reason)
+{
+    m_blocked = blocked;
+    m_state.Update([&](LinkStatus& status) { status.blocked = blocked; });
+    if (blocked)
+    {
+        QEL_LOG(vtx::LevelWarning, "The broker takes no messages: %s", reason.c_str());
+    }
+    else
+    {
+        QEL_LOG(vtx::LevelStatus, "The broker takes messages again");
+        Pump();
+    }
+}
+
+void PublishLink::OnTurnEnd()
+{
+    Pump();
+    CheckIdle();
+}
+
+void PublishLink::OnWritten()
+{
+    Pump();
+}
+
+void PublishLink::OnClosed(const std::string& why)
+{
+    const auto connection = std::exchange(m_connection, nullptr);
+    const bool wasOpen = connection && connection->ChannelMax() > 0;
+    m_lastError = why;
+    TakeBack(false);
+    m_reopening = false;
+    m_blocked = false;
+    m_state.Update([](LinkStatus& status) { status.blocked = false; });
+    const std::string url = m_source.Url(m_urlIndex).Printable();
+    if (m_stopping)
+    {
+        if (const auto stopped = std::exchange(m_stopped, nullptr))
+        {
+            stopped();
+        }
+        return;
+    }
+    if (std::exchange(m_moving, false))
+    {
+        Connect();
+        return;
+    }
+    if (wasOpen)
+    {
+        QEL_LOG(vtx::LevelWarning, "Publishing connection to the broker %s ended: %s", url.c_str(), why.c_str());
+        if (Clock::now() - m_openedAt > HEALTHY)
+        {
+            m_backOff.Reset();
+        }
+    }
+    else
+    {
+        m_errors.Write(url, why);
+    }
+    ++m_failures;
+    ConnectLater();
+}
+
+void PublishLink::Move()
+{
+    if (m_stopping || m_openedAt == Clock::time_point{})
+    {
+        return;
+    }
+    m_failures = 0;
+    m_connectTimer.cancel();
+    if (const auto connection = m_connection)
+    {
+        m_moving = true;
+        connection->Close();
+    }
+    else
+    {
+        Connect();
+    }
+}
+
+void PublishLink::StartTick()
+{
+    if (m_ticking)
+    {
+        return;
+    }
+    m_ticking = true;
+    m_tick.expires_after(TICK);
+    m_tick.async_wait(
+        [this](const error_code& error)
+        {
+            m_ticking = false;
+            if (!error)
+            {
+                OnTick();
+            }
+        });
+}
+
+void PublishLink::OnTick()
+{
+    const auto now = Clock::now();
+    const std::string why =
+        "no confirm within the deadline" + (m_blocked             ? std::string(": the broker takes no messages")
+                                            : m_connection        ? std::string()
+                                            : m_lastError.empty() ? std::string(": not connected")
+                                                                  : ": " + m_lastError);
+    for (auto* list : {&m_nacked, &m_waiting, &m_sent})
+    {
+        for (const PublicationPtr& publication : *list)
+        {
+            if (publication && publication->done && publication->deadline <= now)
+            {
+                End(*publication, PublishResult::timedOut, why);
+            }
+        }
+    }
+    while (!m_nacked.empty())
+    {
+        m_waiting.push_front(std::move(m_nacked.back()));
+        m_nacked.pop_back();
+    }
+    while (!m_waiting.empty() && !m_waiting.front()->done)
+    {
+        m_waiting.pop_front();
+    }
+    if (m_ready && m_nacksSince != Clock::time_point{} && now - m_nacksSince >= ONLY_NACKS)
+    {
+        // A quorum queue without a leader nacks on a channel even after there is one again.
+        m_nacksSince = {};
+        m_ready = false;
+        m_reopening = true;
+        m_connection->Send(
+            CHANNEL, AMQP_CHANNEL_CLOSE_METHOD, amqp_channel_close_t{AMQP_REPLY_SUCCESS, ToAmqp("nacks"), 0, 0});
+    }
+    Pump();
+    CheckIdle();
+    if (!IsIdle())
+    {
+        StartTick();
+    }
+}
+
+void PublishLink::CheckIdle()
+{
+    if (m_idle && IsIdle())
+    {
+        std::exchange(m_idle, nullptr)();
+    }
+}
+
+void PublishLink::WhenIdle(std::function<void()> idle)
+{
+    m_idle = std::move(idle);
+    CheckIdle();
+}
+
+void PublishLink::Stop(std::function<void()> stopped)
+{
+    m_stopping = true;
+    m_connectTimer.cancel();
+    m_tick.cancel();
+    for (auto* list : {&m_nacked, &m_waiting, &m_sent})
+    {
+        for (const PublicationPtr& publication : *list)
+        {
+            if (publication)
+            {
+                End(*publication, PublishResult::timedOut, "the connection to the broker is being closed");
+            }
+        }
+    }
+    if (const auto connection = m_connection)
+    {
+        m_stopped = std::move(stopped);
+        connection->Close();
+    }
+    else
+    {
+        stopped();
+    }
+}
+
+void PublishLink::Abort()
+{
+    if (const auto connection = m_connection)
+    {
+        connection->Abort("closed");
+    }
+}
+
+} // namespace VtxQel

@@ -1,0 +1,135 @@
+#pragma once
+
+#include "broker/AmqpConnection.h"
+#include "broker/BackOff.h"
+#include "broker/ConnectionSource.h"
+#include "broker/LinkState.h"
+#include "common/Publisher.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace VtxQel
+{
+
+/** A message on its way to the broker's confirm. */
+struct Publication
+{
+    OutgoingMessage message;
+    /** Called once; afterwards empty, which also says that the publication is over. */
+    PublishCompletion done;
+    std::chrono::steady_clock::time_point deadline;
+    /** The broker returned it: no queue takes it. */
+    bool returned = false;
+    /**
+     * It may be the one that the broker refused, or the one that it returned: sent again with nothing else on its way,
+     * so that the broker's answer is about it.
+     */
+    bool suspect = false;
+};
+
+/**
+ * PublishLink publishes with confirms over a connection of its own, opened at the first message and made again when it
+ * is lost.
+ *
+ * Every publication ends once: confirmed, returned, refused, or at its deadline. What was sent and not confirmed is
+ * sent again on the next connection (the broker may see it twice). The broker closes the channel at a message that it
+ * refuses without saying at which; those in question are then sent one by one. Lives on the I/O thread.
+ */
+class PublishLink : private AmqpConnectionHandler
+{
+  public:
+    /** Told for every publication that ended, with the size that it was counted with. */
+    using OnEnded = std::function<void(std::size_t bytes)>;
+
+    PublishLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state, OnEnded onEnded);
+
+    /** @param preferredUrl where to connect first, asked for whenever a connection is made. */
+    void SetPreferredUrl(std::function<std::size_t()> preferredUrl) { m_preferredUrl = std::move(preferredUrl); }
+    void Publish(OutgoingMessage message, PublishCompletion done, std::chrono::steady_clock::time_point deadline);
+    bool IsIdle() const { return m_waiting.empty() && m_nacked.empty() && m_unconfirmed == 0; }
+    /** Leaves the current broker in order; the next connection goes to the preferred URL. */
+    void Move();
+    /** Calls back when nothing waits to be confirmed any more. */
+    void WhenIdle(std::function<void()> idle);
+    /** Ends everything that waits as timed out, makes no more connections, closes in order. */
+    void Stop(std::function<void()> stopped);
+    /** Ends the connection at once. */
+    void Abort();
+
+    /** The size that a message counts with against the limit. */
+    static std::size_t SizeOf(const OutgoingMessage& message) { return message.body.size() + 512; }
+
+  private:
+    using PublicationPtr = std::unique_ptr<Publication>;
+
+    void OnOpen() override;
+    void OnMethod(std::uint16_t channel, const amqp_method_t& method) override;
+    void OnContent(std::uint16_t channel, AmqpContent&& content) override;
+    void OnBlocked(bool blocked, const std::string& reason) override;
+    void OnTurnEnd() override;
+    void OnWritten() override;
+    void OnClosed(const std::string& why) override;
+
+    void Connect();
+    void ConnectLater();
+    void OpenChannel();
+    void Pump();
+    bool Send(PublicationPtr& publication);
+    void OnConfirm(std::uint64_t tag, bool multiple, bool ack);
+    void Confirm(PublicationPtr publication, bool ack);
+    void OnChannelClose(const amqp_channel_close_t& close);
+    /** Everything on its way goes back to the front of what waits, in its order. */
+    void TakeBack(bool suspect);
+    void End(Publication& publication, PublishResult result, const std::string& why);
+    void StartTick();
+    void OnTick();
+    void CheckIdle();
+
+    boost::asio::io_context& m_io;
+    ConnectionSource& m_source;
+    LinkState& m_state;
+    OnEnded m_onEnded;
+    std::function<std::size_t()> m_preferredUrl;
+
+    std::shared_ptr<AmqpConnection> m_connection;
+    BackOff m_backOff;
+    ConnectErrorLog m_errors;
+    boost::asio::steady_timer m_connectTimer;
+    std::chrono::steady_clock::time_point m_openedAt;
+    std::size_t m_urlIndex = 0;
+    /** How many connects have failed since the last success. */
+    std::size_t m_failures = 0;
+    std::string m_lastError;
+    bool m_moving = false;
+    bool m_stopping = false;
+    std::function<void()> m_stopped;
+    std::function<void()> m_idle;
+
+    /** The channel can be published on. */
+    bool m_ready = false;
+    bool m_blocked = false;
+    bool m_reopening = false;
+    std::deque<PublicationPtr> m_waiting;
+    /** What the broker could not take; sent again at the next tick. */
+    std::deque<PublicationPtr> m_nacked;
+    /** What is on its way, by its number on the channel from m_firstTag on; those that ended leave a gap. */
+    std::deque<PublicationPtr> m_sent;
+    std::uint64_t m_firstTag = 1;
+    std::size_t m_unconfirmed = 0;
+    bool m_suspectOnItsWay = false;
+    /** Since when the channel has seen nothing but nacks. */
+    std::chrono::steady_clock::time_point m_nacksSince;
+    boost::asio::steady_timer m_tick;
+    bool m_ticking = false;
+};
+
+} // namespace VtxQel

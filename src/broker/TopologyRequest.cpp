@@ -1,0 +1,165 @@
+#include "broker/TopologyRequest.h"
+
+#include <amqp.h>
+
+#include <string_view>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+using Kind = TopologyRequest::Kind;
+
+constexpr std::size_t LONGEST_NAME = 255;
+
+bool Mentions(const RpcReply& reply, const char* words)
+{
+    return reply.text.find(words) != std::string::npos;
+}
+
+bool CanBeSent(const std::string& name)
+{
+    return name.size() <= LONGEST_NAME && IsUtf8(name);
+}
+
+/** How many octets a UTF-8 character with this first octet has; 0 when no character starts so. */
+std::size_t LengthOfCharacter(unsigned char first)
+{
+    if (first < 0x80)
+    {
+        return 1;
+    }
+    if (first >= 0xC2 && first < 0xE0)
+    {
+        return 2;
+    }
+    if (first >= 0xE0 && first < 0xF0)
+    {
+        return 3;
+    }
+    return first >= 0xF0 && first < 0xF5 ? 4 : 0;
+}
+
+/** Encodings that are too long, surrogates and what is beyond Unicode show in the second octet. */
+bool IsSecondOctetAllowed(unsigned char first, unsigned char second)
+{
+    switch (first)
+    {
+    case 0xE0:
+        return second >= 0xA0;
+    case 0xED:
+        return second < 0xA0;
+    case 0xF0:
+        return second >= 0x90;
+    case 0xF4:
+        return second < 0x90;
+    default:
+        return true;
+    }
+}
+
+} // namespace
+
+bool IsUtf8(const std::string& text)
+{
+    for (std::size_t at = 0; at < text.size();)
+    {
+        const auto first = static_cast<unsigned char>(text[at]);
+        const std::size_t length = LengthOfCharacter(first);
+        if (length == 0 || text.size() - at < length)
+        {
+            return false;
+        }
+        for (std::size_t i = 1; i < length; ++i)
+        {
+            if ((static_cast<unsigned char>(text[at + i]) & 0xC0U) != 0x80U)
+            {
+                return false;
+            }
+        }
+        if (length > 1 && !IsSecondOctetAllowed(first, static_cast<unsigned char>(text[at + 1])))
+        {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+std::string TopologyRequest::ToString() const
+{
+    switch (kind)
+    {
+    case Kind::declareExchange:
+        return "exchange '" + exchange.name + "'";
+    case Kind::declareQueue:
+        return "queue '" + queue.name + "'";
+    case Kind::bind:
+        return "binding of '" + binding.topic + "' on exchange '" + binding.exchange + "' to queue '" + binding.queue +
+               "'";
+    case Kind::unbind:
+        return "unbinding of '" + binding.topic + "' on exchange '" + binding.exchange + "' from queue '" +
+               binding.queue + "'";
+    case Kind::cancelQueue:
+        return "cancelling of queue '" + queue.name + "'";
+    case Kind::releaseQueue:
+        return "release of queue '" + queue.name + "'";
+    case Kind::deleteQueue:
+        return "deletion of queue '" + queue.name + "'";
+    case Kind::countMessages:
+        return "message count of queue '" + queue.name + "'";
+    }
+    return {};
+}
+
+Outcome Classify(Kind kind, const RpcReply& reply)
+{
+    if (reply.ok)
+    {
+        return Outcome::ok;
+    }
+    switch (reply.code)
+    {
+    case AMQP_ACCESS_REFUSED:
+        return kind == Kind::declareQueue && Mentions(reply, "in exclusive use") ? Outcome::inUse : Outcome::refused;
+    case AMQP_NOT_FOUND:
+        if (kind == Kind::unbind || Mentions(reply, "home node"))
+        {
+            return Outcome::transient;
+        }
+        return kind == Kind::bind ? Outcome::missing : Outcome::refused;
+    case AMQP_RESOURCE_LOCKED:
+        return kind == Kind::declareQueue ? Outcome::inUse : Outcome::refused;
+    case AMQP_PRECONDITION_FAILED:
+        return kind == Kind::unbind ? Outcome::transient : Outcome::refused;
+    case AMQP_SYNTAX_ERROR:
+        // Ours: the request could not be encoded.
+        return Outcome::refused;
+    default:
+        return Outcome::transient;
+    }
+}
+
+std::optional<RequestResult> AnswerWithoutBroker(const TopologyRequest& request)
+{
+    const Binding& binding = request.binding;
+    if (CanBeSent(request.queue.name) && CanBeSent(binding.queue) && CanBeSent(binding.exchange) &&
+        CanBeSent(binding.topic))
+    {
+        return std::nullopt;
+    }
+    switch (request.kind)
+    {
+    case Kind::unbind:
+    case Kind::cancelQueue:
+    case Kind::releaseQueue:
+    case Kind::deleteQueue:
+        return RequestResult{Answer::ok, 0, "such a name can never have existed"};
+    default:
+        return RequestResult{Answer::refused, 0, "a name is longer than 255 bytes or not UTF-8"};
+    }
+}
+
+} // namespace VtxQel
