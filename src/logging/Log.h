@@ -11,7 +11,7 @@
 #define QEL_LOG(level, ...)                                                                                            \
     do                                                                                                                 \
     {                                                                                                                  \
-        if (::vtx::Logger::logLevel > (level)-1)                                                                       \
+        if (::vtx::Logger::logLevel >= (level))                                                                        \
         {                                                                                                              \
             ::vtx::Logger(level).subcomp("qel").put(__VA_ARGS__);                                                      \
         }                                                                                                              \
@@ -20,7 +20,7 @@
 #define QEL_LOG_ERROR(errorTag, ...)                                                                                   \
     do                                                                                                                 \
     {                                                                                                                  \
-        if (::vtx::Logger::logLevel > ::vtx::LevelError - 1)                                                           \
+        if (::vtx::Logger::logLevel >= ::vtx::LevelError)                                                              \
         {                                                                                                              \
             ::vtx::Logger(::vtx::LevelError).subcomp("qel").tag(errorTag).put(__VA_ARGS__);                            \
         }                                                                                                              \
