@@ -19,7 +19,7 @@ constexpr std::size_t bodyBytesForPeople = 200;
 
 Json TextOrBase64(const std::string& bytes)
 {
-    return IsUtf8(bytes) ? Json(bytes) : Json{{"base64", ToBase64(bytes)}};
+    return IsText(bytes) ? Json(bytes) : Json{{"base64", ToBase64(bytes)}};
 }
 
 Json ToJson(const v1::HeaderTable& table);
@@ -93,7 +93,7 @@ Json ToJson(const v1::Delivery& delivery)
         {"queue", delivery.queue()},
         {"type", properties.type()},
         {"appId", properties.app_id()}};
-    if (IsUtf8(delivery.body()))
+    if (IsText(delivery.body()))
     {
         object["body"] = delivery.body();
     }
@@ -134,7 +134,7 @@ std::string List(const google::protobuf::RepeatedPtrField<std::string>& names)
     std::string text;
     for (const std::string& name : names)
     {
-        text += (text.empty() ? "" : ", ") + Printable(name);
+        text += (text.empty() ? "" : ", ") + ForTerminal(name);
     }
     return text.empty() ? "none" : text;
 }
@@ -144,7 +144,7 @@ std::string Describe(const v1::Configuration& configuration)
     std::string text = "configuration " + v1::Configuration::State_Name(configuration.state());
     if (!configuration.error().empty())
     {
-        text += " (" + Printable(configuration.error()) + ")";
+        text += " (" + ForTerminal(configuration.error()) + ")";
     }
     return text + ", topics: " + List(configuration.topics()) + ", queues: " + List(configuration.queues());
 }
@@ -153,21 +153,21 @@ std::string Describe(const v1::Delivery& delivery)
 {
     const v1::Properties& properties = delivery.properties();
     std::string text = "#" + std::to_string(delivery.delivery_id()) + " " +
-                       (delivery.exchange().empty() ? "(default exchange)" : Printable(delivery.exchange())) + " " +
-                       Printable(delivery.routing_key());
+                       (delivery.exchange().empty() ? "(default exchange)" : ForTerminal(delivery.exchange())) + " " +
+                       ForTerminal(delivery.routing_key());
     if (!properties.type().empty())
     {
-        text += " type=" + Printable(properties.type());
+        text += " type=" + ForTerminal(properties.type());
     }
     if (!properties.app_id().empty())
     {
-        text += " app-id=" + Printable(properties.app_id());
+        text += " app-id=" + ForTerminal(properties.app_id());
     }
     text += delivery.priority() ? " priority" : "";
     text += delivery.redelivered() ? " redelivered" : "";
     text += delivery.tries() > 0 ? " tries=" + std::to_string(delivery.tries()) : "";
     const std::string& body = delivery.body();
-    text += ": \"" + Printable(body.substr(0, bodyBytesForPeople)) + "\"";
+    text += ": \"" + ForTerminal(body.substr(0, bodyBytesForPeople)) + "\"";
     if (body.size() > bodyBytesForPeople)
     {
         text += "... (" + std::to_string(body.size()) + " bytes)";
@@ -190,7 +190,7 @@ void DeliveryPrinter::PrintWelcome(const v1::Welcome& welcome)
         m_out << Line(line) << std::endl;
         return;
     }
-    m_out << "attached as " << Printable(welcome.application()) << " (agent " << Printable(welcome.agent_version())
+    m_out << "attached as " << ForTerminal(welcome.application()) << " (agent " << ForTerminal(welcome.agent_version())
           << ", window " << welcome.window() << "), " << Describe(welcome.configuration()) << std::endl;
 }
 
@@ -218,7 +218,7 @@ void DeliveryPrinter::PrintDetached(const std::string& why)
         m_out << Line({{"event", "detached"}, {"error", why}}) << std::endl;
         return;
     }
-    m_out << "detached: " << Printable(why) << std::endl;
+    m_out << "detached: " << ForTerminal(why) << std::endl;
 }
 
 } // namespace VtxQel

@@ -108,8 +108,10 @@ void PublishCommand::Run(const GlobalOptions& options)
                                     ? "no queue takes it: check the exchange, the key and the bindings"
                                     : trouble.why;
         throw Failure(
-            std::to_string(confirmed) + " of " + std::to_string(m_count) + " messages to " + Target() +
-            " were confirmed; the next was not: " + why);
+            (m_count == 1 ? "the message to " + Target() + " was not confirmed: "
+                          : std::to_string(confirmed) + " of " + std::to_string(m_count) + " messages to " + Target() +
+                                " were confirmed, the next was not: ") +
+            why);
     }
     Report(confirmed, message.body.size(), options.json);
 }

@@ -8,7 +8,7 @@
 namespace VtxQel
 {
 
-bool IsUtf8(const std::string& bytes)
+bool IsText(const std::string& bytes)
 {
     try
     {
@@ -38,7 +38,7 @@ std::string ToBase64(const std::string& bytes)
     return text;
 }
 
-std::string Printable(const std::string& bytes)
+std::string ForTerminal(const std::string& bytes)
 {
     const std::string quoted = nlohmann::json(bytes).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     std::string text = quoted.substr(1, quoted.size() - 2);
