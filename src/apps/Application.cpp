@@ -94,6 +94,10 @@ std::optional<Application::SessionId> Application::Attach(
     {
         StartDraining();
     }
+    if (id == 1 && m_context.firstAttached)
+    {
+        m_context.firstAttached(m_name);
+    }
     Pump(effects);
     return id;
 }
@@ -150,6 +154,14 @@ std::uint32_t Application::EffectiveWindow(std::uint32_t wanted) const
 {
     const std::lock_guard lock(m_mutex);
     return WindowFor(wanted);
+}
+
+void Application::DropUnsent()
+{
+    const std::lock_guard lock(m_mutex);
+    MergeRetries();
+    DropUnanswered(m_pending, false);
+    DropUnanswered(m_behindMarker, false);
 }
 
 void Application::StopDelivering()

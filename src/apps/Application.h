@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -77,6 +78,8 @@ struct ApplicationContext
     Timers& timers;
     /** How long an application may hold more than its share before it counts as slow. */
     std::chrono::milliseconds slowAfter{250};
+    /** Told the name at an application's first attach. Called with its lock held: must only take a note. */
+    std::function<void(const std::string& application)> firstAttached;
 };
 
 /**
@@ -122,6 +125,9 @@ class Application : public boost::enable_shared_from_this<Application>
     void SetWindow(SessionId id, std::uint32_t window);
     /** The window that an instance which asks for `wanted` gets. */
     std::uint32_t EffectiveWindow(std::uint32_t wanted) const;
+
+    /** The connection to the broker is gone: what no instance has in its hands is dropped, the broker delivers it again. */
+    void DropUnsent();
 
     /** Hands out nothing more; verdicts are still taken. */
     void StopDelivering();

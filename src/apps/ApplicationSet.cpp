@@ -29,6 +29,14 @@ void ApplicationSet::Reload(const std::vector<ApplicationSettings>& applications
     }
 }
 
+void ApplicationSet::DropUnsent()
+{
+    for (const boost::shared_ptr<Application>& application : All())
+    {
+        application->DropUnsent();
+    }
+}
+
 boost::shared_ptr<Application> ApplicationSet::Find(const std::string& name) const
 {
     const std::shared_lock lock(m_mutex);

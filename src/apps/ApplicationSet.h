@@ -21,6 +21,8 @@ class ApplicationSet
 
     /** Adds, updates and removes so that exactly these applications remain; those that stay keep their messages. */
     void Reload(const std::vector<ApplicationSettings>& applications);
+    /** Application::DropUnsent for all of them. */
+    void DropUnsent();
     /** The application of this name; empty when there is none. */
     boost::shared_ptr<Application> Find(const std::string& name) const;
     /** All of them, by name. */

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "apps/ApplicationSettings.h"
+
+#include <string>
+#include <vector>
+
+namespace VtxQel
+{
+
+/** What a folder of drop-in files says. */
+struct DropIns
+{
+    /** The applications of the files that are sound, by name. */
+    std::vector<ApplicationSettings> applications;
+    /** A line for everything that is wrong, naming file, line and column. */
+    std::vector<std::string> problems;
+};
+
+/**
+ * Reads every NAME.toml of the folder, each of which makes the application NAME known. A file with a mistake is left
+ * out and reported; the others count. Files of other names are ignored. Any thread.
+ */
+DropIns LoadDropIns(const std::string& folder);
+
+} // namespace VtxQel
