@@ -18,6 +18,7 @@ namespace
 /** Together less than the 5 s that a stop may take. */
 constexpr std::chrono::milliseconds VERDICT_BUDGET{2500};
 constexpr std::chrono::milliseconds FLUSH_BUDGET{1500};
+constexpr std::chrono::milliseconds SLOW_AFTER{250};
 constexpr std::chrono::seconds FIRST_ORPHAN_DELAY{5};
 constexpr std::chrono::seconds LONGEST_ORPHAN_DELAY{300};
 
@@ -57,7 +58,9 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
           },
           BrokerEvents{[this] { OnDisconnected(); }, [this] { OnRestored(); }})),
       m_budget(m_config.broker.prefetch, m_config.broker.maxHeldBytes / 2), m_parking(*m_client),
-      m_applications(ApplicationContext{m_budget, m_parking, m_applicationTimers}),
+      m_applications(ApplicationContext{
+          m_budget, m_parking, m_applicationTimers, SLOW_AFTER,
+          [this](const std::string& application) { m_requests.Ask(application); }}),
       m_dispatcher(boost::make_shared<LocalAppDispatcher>(m_applications, m_subscriptions)),
       m_gateway(GatewayContext{
           m_config.runtimeDirectory, QEL_VERSION, m_applications, m_subscriptions, m_client->Publishing(),

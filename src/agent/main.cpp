@@ -44,11 +44,11 @@ int Check(const std::string& file)
     {
         std::printf("warning: %s\n", warning.c_str());
     }
-    for (const std::string& error : everything.applications.errors)
+    for (const std::string& error : everything.applications.problems)
     {
         std::fprintf(stderr, "%s\n", error.c_str());
     }
-    if (!everything.applications.errors.empty())
+    if (!everything.applications.problems.empty())
     {
         return EXIT_CONFIGURATION;
     }
@@ -62,7 +62,7 @@ void Report(const Everything& everything)
     {
         QEL_LOG(vtx::LevelWarning, "%s", warning.c_str());
     }
-    for (const std::string& error : everything.applications.errors)
+    for (const std::string& error : everything.applications.problems)
     {
         QEL_LOG(vtx::LevelWarning, "%s; this application is left out", error.c_str());
     }
@@ -94,9 +94,9 @@ void Reload(Agent& agent, const std::string& file)
     try
     {
         const Everything everything = Load(file);
-        if (!everything.applications.errors.empty())
+        if (!everything.applications.problems.empty())
         {
-            throw ConfigError(everything.applications.errors.front());
+            throw ConfigError(everything.applications.problems.front());
         }
         Report(everything);
         agent.Reload(everything.config, everything.applications.applications);

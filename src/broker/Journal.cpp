@@ -1,6 +1,6 @@
 #include "broker/Journal.h"
 
-#include "logging/Logger.h"
+#include "logging/Log.h"
 
 #include <sqlite3.h>
 
@@ -62,7 +62,7 @@ Journal::Journal(const std::string& file) : m_file(file)
     }
     catch (const JournalError& error)
     {
-        QEL_LOG(vtx::LOG_WARNING, "journal %s cannot be used: %s", file.c_str(), error.what());
+        QEL_LOG(vtx::LevelWarning, "journal %s cannot be used: %s", file.c_str(), error.what());
     }
     m_put.reset();
     m_erase.reset();
@@ -76,7 +76,7 @@ Journal::Journal(const std::string& file) : m_file(file)
     {
         Open();
         QEL_LOG(
-            vtx::LOG_WARNING, "journal begun anew; the old one is kept as %s.corrupt, the applications' configurations "
+            vtx::LevelWarning, "journal begun anew; the old one is kept as %s.corrupt, the applications' configurations "
                               "are asked for again",
             file.c_str());
     }
@@ -217,7 +217,7 @@ bool Journal::Replace(const std::vector<RouteRecord>& records)
     if (m_degraded)
     {
         m_degraded = false;
-        QEL_LOG(vtx::LOG_STATUS, "journal %s is complete again", m_file.c_str());
+        QEL_LOG(vtx::LevelStatus, "journal %s is complete again", m_file.c_str());
     }
     return true;
 }
@@ -271,7 +271,7 @@ void Journal::Degrade(const std::string& why)
     if (!m_degraded)
     {
         QEL_LOG(
-            vtx::LOG_WARNING, "journal %s cannot be written: %s. The agent goes on without it; after a restart the "
+            vtx::LevelWarning, "journal %s cannot be written: %s. The agent goes on without it; after a restart the "
                               "applications' configurations are needed again",
             m_file.c_str(), why.c_str());
     }
