@@ -188,15 +188,23 @@ class FakeTimers : public Timers
             m_now = std::max(m_now, m_tasks.begin()->first);
             const std::function<void()> task = std::move(m_tasks.begin()->second);
             m_tasks.erase(m_tasks.begin());
+            m_hasRun = true;
             lock.unlock();
             task();
             lock.lock();
         }
         m_now = end;
     }
+    /** Whether anything has been due so far. */
+    bool HasRun() const
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_hasRun;
+    }
 
   private:
     mutable std::mutex m_mutex;
+    bool m_hasRun = false;
     Clock::time_point m_now{std::chrono::hours(1000)};
     std::multimap<Clock::time_point, std::function<void()>> m_tasks;
 };
