@@ -62,7 +62,7 @@ class BrokerLink::Impl
     void Start();
     void Stop(Milliseconds budget);
     RequestResult Call(
-        const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, std::uint32_t* messages = nullptr);
+        const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, QueueCounts* counts = nullptr);
     void Settle(const DeliveryTag& tag, SettleAs as);
     void Publish(OutgoingMessage message, PublishCompletion done);
     /** Runs the task on the I/O thread; when that is not there, not at all: false. */
@@ -161,22 +161,22 @@ bool BrokerLink::Impl::Post(std::function<void()> task)
 }
 
 RequestResult BrokerLink::Impl::Call(
-    const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, std::uint32_t* messages)
+    const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, QueueCounts* counts)
 {
-    std::promise<std::pair<RequestResult, std::uint32_t>> promise;
+    std::promise<std::pair<RequestResult, QueueCounts>> promise;
     auto answer = promise.get_future();
     request->deadline = Clock::now() + deadline;
-    request->done = [&promise](const RequestResult& result, std::uint32_t count) {
-        promise.set_value({result, count});
+    request->done = [&promise](const RequestResult& result, const QueueCounts& found) {
+        promise.set_value({result, found});
     };
     if (!Post([this, request] { m_consume->Submit(request); }))
     {
         return {Answer::unanswered, 0, "the connection to the broker is closed"};
     }
-    const auto [result, count] = answer.get();
-    if (messages != nullptr && result.answer == Answer::ok)
+    const auto [result, found] = answer.get();
+    if (counts != nullptr && result.answer == Answer::ok)
     {
-        *messages = count;
+        *counts = found;
     }
     return result;
 }
@@ -383,9 +383,9 @@ RequestResult BrokerLink::DeleteEmptyQueue(const std::string& queue, std::chrono
 }
 
 RequestResult BrokerLink::CountMessages(
-    const std::string& queue, std::chrono::milliseconds deadline, std::uint32_t& messages)
+    const std::string& queue, std::chrono::milliseconds deadline, QueueCounts& counts)
 {
-    return m_impl->Call(Request(Kind::countMessages, queue), deadline, &messages);
+    return m_impl->Call(Request(Kind::countMessages, queue), deadline, &counts);
 }
 
 void BrokerLink::Settle(const DeliveryTag& tag, SettleAs as)

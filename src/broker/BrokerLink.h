@@ -39,6 +39,8 @@ struct LinkSettings
     std::chrono::seconds heartbeat{10};
     /** Bodies above this many bytes are refused as they arrive. */
     std::size_t maxBodyBytes = 134217728;
+    /** Reject, without requeue, a delivery that cannot be decoded or is over a limit; else it stays unsettled. */
+    bool rejectUnreadable = true;
     /** How much may wait to be published or confirmed before Publish answers `overloaded`. */
     std::size_t maxUnconfirmed = 10000;
     std::size_t maxUnconfirmedBytes = 67108864;
@@ -133,6 +135,14 @@ struct IncomingMessage
     std::string body;
 };
 
+/** What a queue has at one moment. */
+struct QueueCounts
+{
+    /** Messages that no consumer holds. */
+    std::uint32_t ready = 0;
+    std::uint32_t consumers = 0;
+};
+
 /** How settling one delivery is told to the broker. */
 enum class SettleAs
 {
@@ -187,7 +197,7 @@ class LinkListener
     virtual void OnConsumerCancelled(const std::string& queue) = 0;
     /** A delivery; move from it. */
     virtual void OnDelivery(IncomingMessage&& message) = 0;
-    /** A delivery that cannot be decoded or is over a limit was rejected without requeue. */
+    /** A delivery that cannot be decoded or is over a limit; see LinkSettings::rejectUnreadable. */
     virtual void OnRefusedDelivery(const std::string& queue, const std::string& why) = 0;
     /** LinkSettings::firstConnectDeadline passed. */
     virtual void OnGaveUp(const std::string& why) = 0;
@@ -239,8 +249,8 @@ class BrokerLink : public Publisher
     RequestResult ReleaseQueue(const std::string& queue, std::chrono::milliseconds deadline);
     /** Deletes the queue when it is empty and unused; ok also when it does not exist. */
     RequestResult DeleteEmptyQueue(const std::string& queue, std::chrono::milliseconds deadline);
-    /** How many messages are ready in the queue (passive declare); the count is in `messages` when ok. */
-    RequestResult CountMessages(const std::string& queue, std::chrono::milliseconds deadline, std::uint32_t& messages);
+    /** How many messages and consumers the queue has (passive declare); written to `counts` when ok. */
+    RequestResult CountMessages(const std::string& queue, std::chrono::milliseconds deadline, QueueCounts& counts);
 
     /** Settles one delivery; acks are collected and sent with `multiple` where they are contiguous. */
     void Settle(const DeliveryTag& tag, SettleAs as);

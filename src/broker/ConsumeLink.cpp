@@ -125,6 +125,7 @@ void ConsumeLink::OnOpen()
     m_rpc = std::make_unique<RpcChannel>(*m_connection, RPC_CHANNEL);
     m_consumers = std::make_unique<Consumers>(
         *m_connection, static_cast<std::uint16_t>(RPC_CHANNEL + 1), m_generation, m_listener,
+        m_source.Settings().rejectUnreadable,
         [this](const std::string& queue, bool deleted, const std::string& why)
         { OnConsumerLost(queue, deleted, why); });
     DesiredTopology desired = m_listener.OnConnected();
@@ -353,13 +354,13 @@ void ConsumeLink::Submit(Request request)
     Pump();
 }
 
-void ConsumeLink::Complete(const Request& request, const RequestResult& result, std::uint32_t messages)
+void ConsumeLink::Complete(const Request& request, const RequestResult& result, const QueueCounts& counts)
 {
     request->timer.reset();
     m_requests.erase(request);
     if (const auto done = std::exchange(request->done, nullptr))
     {
-        done(result, messages);
+        done(result, counts);
     }
 }
 
@@ -601,7 +602,7 @@ void ConsumeLink::OnReply(const Request& request, const RpcReply& reply)
     }
     if (outcome == Outcome::ok)
     {
-        Complete(request, {Answer::ok, 0, {}}, reply.messageCount);
+        Complete(request, {Answer::ok, 0, {}}, {reply.messageCount, reply.consumerCount});
     }
     else if (outcome == Outcome::refused)
     {
@@ -651,7 +652,7 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
         m_restoration.Finished();
         if (const auto done = std::exchange(request->done, nullptr))
         {
-            done({Answer::ok, 0, {}}, 0);
+            done({Answer::ok, 0, {}}, {});
         }
         Pump();
         return;
@@ -729,7 +730,7 @@ void ConsumeLink::ConsumeAgain(const std::string& queue, bool rebind)
         request->queue = found->second;
         if (rebind)
         {
-            request->done = [this, queue](const RequestResult&, std::uint32_t)
+            request->done = [this, queue](const RequestResult&, const QueueCounts&)
             { m_restoration.AddBindings(m_listener.OnConnected(), queue); };
         }
         m_restoration.Add(std::move(request));

@@ -76,7 +76,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void OnReply(const Request& request, const RpcReply& reply);
     void OnRestoreReply(const Request& request, const RpcReply& reply, Outcome outcome);
     void Retry(const Request& request, const RpcReply& reply);
-    void Complete(const Request& request, const RequestResult& result, std::uint32_t messages = 0);
+    void Complete(const Request& request, const RequestResult& result, const QueueCounts& counts = {});
     void After(std::chrono::milliseconds delay, std::function<void()> task);
     void OnConsumerLost(const std::string& queue, bool deleted, const std::string& why);
     void ConsumeAgain(const std::string& queue, bool rebind);

@@ -12,9 +12,9 @@ using State = DeliveryChannel::State;
 
 Consumers::Consumers(
     AmqpConnection& connection, std::uint16_t firstChannel, std::uint64_t& generation, LinkListener& listener,
-    OnLost onLost)
+    bool rejectUnreadable, OnLost onLost)
     : m_connection(connection), m_nextChannel(firstChannel), m_generation(generation), m_listener(listener),
-      m_onLost(std::move(onLost))
+      m_rejectUnreadable(rejectUnreadable), m_onLost(std::move(onLost))
 {
 }
 
@@ -177,7 +177,10 @@ void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
     const DeliveryTag tag{target.Generation(), content.deliveryTag};
     if (!content.refused.empty())
     {
-        Settle(tag, SettleAs::reject);
+        if (m_rejectUnreadable)
+        {
+            Settle(tag, SettleAs::reject);
+        }
         m_listener.OnRefusedDelivery(target.Queue(), content.refused);
         return;
     }

@@ -30,7 +30,7 @@ class Consumers
     /** Channels are numbered from `firstChannel` on; `generation` counts channels over all connections. */
     Consumers(
         AmqpConnection& connection, std::uint16_t firstChannel, std::uint64_t& generation, LinkListener& listener,
-        OnLost onLost);
+        bool rejectUnreadable, OnLost onLost);
 
     /** Consumes the queue, or joins the consumer that there is already. */
     void Start(const QueueSpec& queue, Done done);
@@ -58,6 +58,7 @@ class Consumers
     std::uint16_t m_nextChannel;
     std::uint64_t& m_generation;
     LinkListener& m_listener;
+    const bool m_rejectUnreadable;
     OnLost m_onLost;
     std::set<std::uint16_t> m_freeChannels;
     std::unordered_map<std::uint16_t, std::unique_ptr<DeliveryChannel>> m_channels;

@@ -58,7 +58,9 @@ void RpcChannel::OnMethod(const amqp_method_t& method)
         RpcReply reply{true, 0, {}, 0};
         if (method.id == AMQP_QUEUE_DECLARE_OK_METHOD)
         {
-            reply.messageCount = static_cast<const amqp_queue_declare_ok_t*>(method.decoded)->message_count;
+            const auto& declared = *static_cast<const amqp_queue_declare_ok_t*>(method.decoded);
+            reply.messageCount = declared.message_count;
+            reply.consumerCount = declared.consumer_count;
         }
         const Rpc rpc = std::move(m_sent.front());
         m_sent.pop_front();

@@ -19,6 +19,7 @@ struct RpcReply
     std::string text;
     /** Of queue.declare-ok. */
     std::uint32_t messageCount = 0;
+    std::uint32_t consumerCount = 0;
 };
 
 /** One request that the broker answers with the method that follows it in the protocol's numbering. */

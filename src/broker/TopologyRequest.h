@@ -17,7 +17,7 @@ namespace VtxQel
 struct TopologyRequest
 {
     using Clock = std::chrono::steady_clock;
-    using Done = std::function<void(const RequestResult& result, std::uint32_t messages)>;
+    using Done = std::function<void(const RequestResult& result, const QueueCounts& counts)>;
 
     enum class Kind
     {
