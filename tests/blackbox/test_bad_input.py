@@ -44,7 +44,7 @@ def test_a_good_configuration_passes_the_check(tmp_path):
     ('id = "a1"', "id = 5", 2, "id"),
     ('urls = ["amqp://127.0.0.1:1/"]', 'urls = ["amqp://127.0.0.1:1/"]\nqueue_type = "quick"', 7, "quorum"),
     ('urls = ["amqp://127.0.0.1:1/"]', 'urls = ["http://127.0.0.1:1/"]', 6, "amqp"),
-    ('urls = ["amqp://127.0.0.1:1/"]', 'urls = ["amqp://127.0.0.1:1/"', 6, ""),
+    ('urls = ["amqp://127.0.0.1:1/"]', 'urls = ["amqp://127.0.0.1:1/"', 7, "array"),
     ('urls = ["amqp://127.0.0.1:1/"]', 'urls = ["amqp://127.0.0.1:1/"]\nprefetch = -1', 7, "prefetch"),
     ("[applications]", "[log]\nlevel = 8\n[applications]", 8, "level"),
 ])
@@ -71,21 +71,36 @@ def test_a_missing_file_is_named(tmp_path, verb):
     assert "absent.toml" in done.stderr
 
 
-@pytest.mark.parametrize("verb", ["run", "check"])
 @pytest.mark.parametrize("text, line, mention", [
     ("windw = 3\n", 1, "window"),
-    ('user = "no-such-user-here"\n', 1, "no-such-user-here"),
     ("window = 10\nack_timeout_seconds = 0\n", 2, "ack_timeout_seconds"),
     ('window = "many"\n', 1, "window"),
+    ("window = \n", 1, ""),
 ])
-def test_a_mistake_in_an_applications_file_is_named(tmp_path, verb, text, line, mention):
+def test_a_mistake_in_an_applications_file_is_named(tmp_path, text, line, mention):
     file = write_config(tmp_path)
     drop_in = tmp_path / "apps.d" / "alpha.toml"
     drop_in.write_text(text, encoding="utf-8")
-    done = run_agent(verb, file)
+    done = run_agent("check", file)
     assert done.returncode == 78
     assert f"{drop_in}:{line}" in done.stderr
     assert mention in done.stderr
+
+
+def test_an_application_with_a_mistake_is_left_out_and_the_others_are_served(world):
+    agent = world.agent(applications={"alpha": {}, "beta": {"windw": 3}})
+    assert agent.log_lines(r"beta\.toml:\d+.*windw")
+    assert not agent.socket("beta").exists()
+    plane = world.plane()
+    alpha = world.attach(agent, "alpha")
+    plane.publish("", agent.client_queue, b"served", app_id="alpha")
+    assert alpha.take() == [b"served"]
+
+
+def test_an_application_of_an_unknown_user_is_named(world):
+    agent = world.agent(applications={"alpha": {}, "beta": {"user": "no-such-user-here"}})
+    assert agent.log_lines("beta.*no-such-user-here|no-such-user-here.*beta")
+    world.attach(agent, "alpha")
 
 
 def test_a_wrong_command_line_is_explained():

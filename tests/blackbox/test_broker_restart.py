@@ -31,15 +31,11 @@ def check_traffic(world, agent, alpha, beta, queue):
     alpha.wait_for_state("APPLIED", ["a.three"])
 
 
-def consumers(node):
-    return {name: row["consumers"] for name, row in node.list_queues().items()}
-
-
 def test_an_orderly_restart(lonely_world):
     node, agent, alpha, beta, queue = populated(lonely_world)
-    bindings, before = node.list_bindings(), consumers(node)
+    bindings, before = node.list_bindings(), node.list_consumers()
     node.restart()
-    agent.wait_until(lambda: consumers(node) == before, "the consumers to be back", 60)
+    agent.wait_until(lambda: node.list_consumers() == before, "the consumers to be back", 60)
     assert node.list_bindings() == bindings
     check_traffic(lonely_world, agent, alpha, beta, queue)
     assert agent.stop() == 0
@@ -47,30 +43,30 @@ def test_an_orderly_restart(lonely_world):
 
 def test_a_crash(lonely_world):
     node, agent, alpha, beta, queue = populated(lonely_world)
-    bindings, before = node.list_bindings(), consumers(node)
+    bindings, before = node.list_bindings(), node.list_consumers()
     node.kill()
     node.start()
-    agent.wait_until(lambda: consumers(node) == before, "the consumers to be back", 60)
+    agent.wait_until(lambda: node.list_consumers() == before, "the consumers to be back", 60)
     assert node.list_bindings() == bindings
     check_traffic(lonely_world, agent, alpha, beta, queue)
 
 
 def test_a_broker_that_has_forgotten_everything(lonely_world):
     node, agent, alpha, beta, queue = populated(lonely_world)
-    bindings, before = node.list_bindings(), consumers(node)
+    bindings, before = node.list_bindings(), node.list_consumers()
     node.ctl("stop_app")
     node.ctl("force_reset")
     node.ctl("start_app")
-    agent.wait_until(lambda: consumers(node) == before, "the queues and consumers to be made again", 60)
+    agent.wait_until(lambda: node.list_consumers() == before, "the queues and consumers to be made again", 60)
     agent.wait_until(lambda: node.list_bindings() == bindings, "the bindings to be made again", 60)
     check_traffic(lonely_world, agent, alpha, beta, queue)
 
 
 def test_a_deleted_queue_is_made_again(lonely_world):
     node, agent, alpha, beta, queue = populated(lonely_world)
-    bindings, before = node.list_bindings(), consumers(node)
+    bindings, before = node.list_bindings(), node.list_consumers()
     node.ctl("delete_queue", agent.client_queue)
-    agent.wait_until(lambda: consumers(node) == before, "the queue to be made and consumed again", 60)
+    agent.wait_until(lambda: node.list_consumers() == before, "the queue to be made and consumed again", 60)
     agent.wait_until(lambda: node.list_bindings() == bindings, "the bindings to be made again", 60)
     check_traffic(lonely_world, agent, alpha, beta, queue)
 

@@ -1,6 +1,7 @@
 """Configurations of applications: replaced, refused, failed."""
 
 from support.plane import CONFIGURATION
+from support.schema import applications as schema
 
 
 def bindings(world, agent):
@@ -43,18 +44,22 @@ def test_an_empty_configuration_removes_everything(world):
     plane.configure(agent, "alpha")
     alpha.wait_for_state("APPLIED", [])
     assert bindings(world, agent) == set()
-    queues = world.node.list_queues()
-    assert queues[queue]["consumers"] == 0, "a cancelled queue is kept but no longer consumed"
-    assert queues[agent.client_queue]["consumers"] == 1
+    consumers = world.node.list_consumers()
+    assert queue in world.node.list_queues() and queue not in consumers, "a cancelled queue is kept, not consumed"
+    assert consumers[agent.client_queue] == 1
 
 
-def test_the_configuration_is_handed_to_the_application_too(world):
+def test_the_application_is_told_its_configuration(world):
     agent, plane = world.agent(), world.plane()
-    alpha = world.attach(agent, "alpha", keep_configurations=True)
-    plane.configure(agent, "alpha", topics=["one"])
-    delivery = alpha.next()
-    alpha.verdict(delivery, "done")
-    assert delivery.properties.type == CONFIGURATION.encode()
+    alpha = world.attach(agent, "alpha")
+    assert alpha.welcome.configuration.state == schema.Configuration.MISSING
+    queue = f"work.{agent.agent_id}"
+    plane.configure(agent, "alpha", topics=["two", "one"], queues=[queue])
+    alpha.wait_for_state("APPLIED", ["one", "two"])
+    assert list(alpha.configurations[-1].queues) == [queue]
+    alpha.close()
+    again = world.attach(agent, "alpha")
+    assert again.welcome.configuration == alpha.configurations[-1]
 
 
 def test_a_body_that_does_not_parse_leaves_the_old_configuration_in_place(world):
@@ -150,7 +155,7 @@ def test_a_configuration_cannot_take_the_agents_own_queue(world):
     plane.configure(agent, "alpha", queues=[agent.priority_queue])
     alpha.wait_for_state("FAILED")
     plane.ping(agent)
-    assert world.node.list_queues()[agent.priority_queue]["consumers"] == 1
+    assert world.node.list_consumers()[agent.priority_queue] == 1
 
 
 def test_configurations_survive_a_restart_of_the_agent(world):

@@ -2,17 +2,20 @@
 
 import grpc
 
-from support.plane import CONFIGURATION
 from support.schema import applications as schema
 
 
+# A quorum queue's counters lag behind by seconds, a classic queue's are exact.
+EXACT_COUNTS = {"broker": {"queue_type": "classic"}}
+
+
 def outstanding(world, queue):
-    """Messages in a queue, the unsettled included."""
+    """Messages in a queue, the unsettled included; for agents with EXACT_COUNTS."""
     return world.node.list_queues()[queue]["messages"]
 
 
 def test_done_settles_the_message(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha = world.attach(agent, "alpha")
     for number in range(100):
         plane.publish("", agent.client_queue, str(number).encode(), app_id="alpha")
@@ -22,7 +25,7 @@ def test_done_settles_the_message(world):
 
 
 def test_dead_goes_to_the_dead_letter_queue_with_its_history(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha = world.attach(agent, "alpha")
     plane.configure(agent, "alpha", topics=["a.one"])
     alpha.wait_for_state("APPLIED", ["a.one"])
@@ -44,7 +47,7 @@ def test_dead_goes_to_the_dead_letter_queue_with_its_history(world):
 
 
 def test_retry_delivers_again_and_counts(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha = world.attach(agent, "alpha")
     plane.publish("", agent.client_queue, b"again", app_id="alpha")
     for tries in range(3):
@@ -67,12 +70,12 @@ def test_too_many_tries_end_in_the_dead_letter_queue(world):
     assert body == b"hopeless"
     assert properties.headers["x-qel-tries"] == 3
     assert properties.headers["x-qel-application"] == "alpha"
-    assert "3" in properties.headers["x-qel-reason"]
+    assert properties.headers["x-qel-reason"] == "too many tries"
     assert alpha.pending() == 0
 
 
 def test_each_receiver_of_a_shared_topic_settles_for_itself(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha, beta = world.attach(agent, "alpha"), world.attach(agent, "beta")
     for name, application in (("alpha", alpha), ("beta", beta)):
         plane.configure(agent, name, topics=["shared"])
@@ -104,7 +107,7 @@ def check_ends_the_stream_only(world, agent, plane, bad, mention):
 
 
 def test_a_second_verdict_for_a_delivery_is_an_error_and_harms_nothing(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha = world.attach(agent, "alpha")
     for body in (b"1", b"2"):
         plane.publish("", agent.client_queue, body, app_id="alpha")
@@ -115,21 +118,22 @@ def test_a_second_verdict_for_a_delivery_is_an_error_and_harms_nothing(world):
 
 
 def test_a_verdict_for_an_unknown_delivery_is_an_error_and_harms_nothing(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha = world.attach(agent, "alpha")
     alpha.verdict(schema.Delivery(delivery_id=4711), "done")
     assert check_ends_the_stream_only(world, agent, plane, alpha, "4711") == [b"after"]
 
 
-def test_a_request_without_content_is_an_error_and_harms_nothing(world):
+def test_a_request_of_a_kind_to_come_is_ignored(world):
     agent, plane = world.agent(), world.plane()
     alpha = world.attach(agent, "alpha")
     alpha.send(schema.AttachRequest())
-    assert check_ends_the_stream_only(world, agent, plane, alpha, "") == [b"after"]
+    plane.publish("", agent.client_queue, b"after", app_id="alpha")
+    assert alpha.take() == [b"after"]
 
 
 def test_a_verdict_of_no_kind_is_an_error_and_harms_nothing(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     alpha = world.attach(agent, "alpha")
     plane.publish("", agent.client_queue, b"1", app_id="alpha")
     verdict = schema.Verdict(delivery_id=alpha.next().delivery_id)
@@ -152,7 +156,7 @@ def test_a_window_bounds_what_is_unanswered(world):
 
 
 def test_messages_for_an_absent_application_are_parked_and_come_in_order(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     parked = f"{agent.client_queue}.parked.alpha"
     for number in range(200):
         plane.publish("", agent.client_queue, str(number).encode(), app_id="alpha", type="t", message_id=str(number))
@@ -174,7 +178,7 @@ def test_messages_for_an_absent_application_are_parked_and_come_in_order(world):
 
 
 def test_parked_messages_survive_a_restart_of_the_agent(world):
-    agent, plane = world.agent(), world.plane()
+    agent, plane = world.agent(EXACT_COUNTS), world.plane()
     parked = f"{agent.client_queue}.parked.alpha"
     for number in range(50):
         plane.publish("", agent.client_queue, str(number).encode(), app_id="alpha")
@@ -227,13 +231,3 @@ def test_a_message_waits_for_the_configuration_that_makes_its_route(world):
     assert sorted(int(body) for body in alpha.take(100)) == sorted(list(range(50)) * 2)
     alpha.wait_for_state("APPLIED", topics, patience=60)
     assert plane.count(agent.dead_letter_queue) == 0
-
-
-def test_an_application_receives_its_configuration_and_may_call_it_dead(world):
-    agent, plane = world.agent(), world.plane()
-    alpha = world.attach(agent, "alpha", keep_configurations=True)
-    plane.configure(agent, "alpha", topics=["a.one"])
-    alpha.verdict(alpha.next(), "dead", reason="not understood")
-    properties, _ = plane.wait_and_take(agent.dead_letter_queue, agent)
-    assert (properties.type, properties.headers["x-qel-reason"]) == (CONFIGURATION, "not understood")
-    assert (agent.exchange, agent.client_queue, "a.one") in world.node.list_bindings()

@@ -10,7 +10,6 @@ import grpc
 from testbed.processes import end, spawn, tail, wait_until
 
 from .paths import program
-from .plane import CONFIGURATION
 from .schema import applications as schema
 
 METHOD = "/qel.apps.v1.Applications/"
@@ -20,21 +19,20 @@ VERDICTS = {"done": schema.Verdict.DONE, "retry": schema.Verdict.RETRY, "dead": 
 class GrpcApplication:
     """An application attached to its socket, which decides on each delivery itself.
 
-    A reader thread sorts what comes: deliveries into a queue for next(), configurations into `configurations`. The
-    agent hands a configuration to its application as a message, too; those are answered done and kept out of next()
-    unless `keep_configurations`.
+    A reader thread sorts what comes: deliveries into a queue for next(), configurations into `configurations`.
     """
 
-    def __init__(self, agent, name, window=0, instance="test", keep_configurations=False):
+    def __init__(self, agent, name, window=0, instance="test"):
         self.agent = agent
         self.name = name
         self.configurations = []
         self.welcome = None
         self.ended = None
-        self._keep_configurations = keep_configurations
         self._outgoing = queue.SimpleQueue()
         self._deliveries = queue.SimpleQueue()
-        self._channel = grpc.insecure_channel(f"unix:{agent.socket(name)}")
+        # A connection of its own: gRPC would share one among all channels to the same socket.
+        self._channel = grpc.insecure_channel(f"unix:{agent.socket(name)}",
+                                              options=[("grpc.use_local_subchannel_pool", 1)])
         attach = self._channel.stream_stream(METHOD + "Attach",
                                              request_serializer=schema.AttachRequest.SerializeToString,
                                              response_deserializer=schema.AttachResponse.FromString)
@@ -135,10 +133,7 @@ class GrpcApplication:
         elif kind == "configuration":
             self.configurations.append(response.configuration)
         for delivery in response.deliveries.deliveries:
-            if delivery.properties.type == CONFIGURATION.encode() and not self._keep_configurations:
-                self.verdict(delivery, "done")
-            else:
-                self._deliveries.put(delivery)
+            self._deliveries.put(delivery)
 
     def _wait_until(self, condition, what, patience=30.0):
         wait_until(condition, f"{what} (stream: {self.ended})", patience, self.agent.log_tail)

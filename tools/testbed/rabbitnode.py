@@ -1,5 +1,6 @@
 """A private RabbitMQ node: own data folder, loopback only, free ports, no system service, nothing left behind."""
 
+import collections
 import glob
 import json
 import os
@@ -135,7 +136,12 @@ class RabbitNode:
         return {(row["source_name"], row["destination_name"], row["routing_key"]) for row in rows
                 if row["source_name"]}
 
-    def list_queues(self, vhost="/", columns=("name", "messages", "consumers")):
+    def list_consumers(self, vhost="/"):
+        """How many consumers each queue has that has any; exact, unlike the column of list_queues for quorum queues."""
+        rows = self._table("list_consumers", vhost, "queue_name")
+        return dict(collections.Counter(row["queue_name"] for row in rows))
+
+    def list_queues(self, vhost="/", columns=("name", "messages")):
         """The queues as a dictionary: name to a dictionary of the columns."""
         return {row["name"]: row for row in self._table("list_queues", vhost, *{"name", *columns})}
 
