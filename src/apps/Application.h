@@ -79,7 +79,7 @@ struct ApplicationContext
     /** How long an application may hold more than its share before it counts as slow. */
     std::chrono::milliseconds slowAfter{250};
     /** Told the name at an application's first attach. Called with its lock held: must only take a note. */
-    std::function<void(const std::string& application)> firstAttached;
+    std::function<void(const std::string& application)> firstAttached = nullptr;
 };
 
 /**

@@ -5,6 +5,7 @@
 #include "apps/AppsFakes.h"
 #include "apps/LocalAppDispatcher.h"
 #include "apps/Subscriptions.h"
+#include "apps/TemporaryFolder.h"
 #include "qel/apps/v1/applications.grpc.pb.h"
 
 #include <grpcpp/create_channel.h>
@@ -25,30 +26,6 @@
 
 namespace VtxQel
 {
-
-/** A folder of its own that goes with the object. */
-class TemporaryFolder
-{
-  public:
-    TemporaryFolder()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "qel-apps-XXXXXX").string();
-        m_path = ::mkdtemp(pattern.data());
-        std::filesystem::permissions(m_path, std::filesystem::perms(0755));
-    }
-    ~TemporaryFolder()
-    {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
-
-    const std::string& Path() const { return m_path; }
-
-  private:
-    std::string m_path;
-};
 
 /** Answers as told, or keeps the completions for later. */
 class FakePublisher : public Publisher
@@ -284,7 +261,8 @@ class GatewayTest : public testing::Test
     FakeParkingQueues m_parking;
     FakeTimers m_timers;
     FakePublisher m_publisher;
-    ApplicationSet m_applications{ApplicationContext{m_budget, m_parking, m_timers, std::chrono::milliseconds(250), {}}};
+    ApplicationSet m_applications{
+        ApplicationContext{m_budget, m_parking, m_timers, std::chrono::milliseconds(250), {}}};
     Subscriptions m_subscriptions{"client", "urgent", true};
     LocalAppDispatcher m_dispatcher{m_applications, m_subscriptions};
     ApplicationGateway m_gateway{{m_folder.Path(), "1.2.3", m_applications, m_subscriptions, m_publisher, m_timers}};
