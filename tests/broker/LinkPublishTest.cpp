@@ -1,0 +1,244 @@
+#include "broker/LinkHarness.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace VtxQel
+{
+
+using testing::HasSubstr;
+
+namespace
+{
+
+/** Counts outcomes of many publishes. */
+class Outcomes
+{
+  public:
+    PublishCompletion Expect()
+    {
+        const std::lock_guard lock(m_mutex);
+        ++m_expected;
+        return [this, told = std::make_shared<std::atomic<int>>(0)](PublishResult result, const std::string& why)
+        {
+            EXPECT_EQ(++*told, 1) << "told twice";
+            const std::lock_guard inner(m_mutex);
+            ++m_counts[result];
+            ++m_ended;
+            m_lastWhy = why;
+        };
+    }
+    bool WaitForAll()
+    {
+        return Eventually(
+            [this]
+            {
+                const std::lock_guard lock(m_mutex);
+                return m_ended == m_expected;
+            });
+    }
+    int Count(PublishResult result)
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_counts[result];
+    }
+    std::string LastWhy()
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_lastWhy;
+    }
+
+  private:
+    std::mutex m_mutex;
+    int m_expected = 0;
+    int m_ended = 0;
+    std::map<PublishResult, int> m_counts;
+    std::string m_lastWhy;
+};
+
+OutgoingMessage Message(const std::string& exchange, const std::string& routingKey, bool mandatory = true)
+{
+    OutgoingMessage message;
+    message.exchange = exchange;
+    message.routingKey = routingKey;
+    message.mandatory = mandatory;
+    message.body = "body";
+    return message;
+}
+
+} // namespace
+
+/** One link with a queue that nobody consumes. */
+class LinkPublish : public testing::Test
+{
+  protected:
+    void Connect(LinkSettings settings = NodeSettings())
+    {
+        DesiredTopology desired;
+        desired.ownQueues = {Queue(m_queue, 0)};
+        m_link = std::make_unique<TestLink>(desired, std::move(settings));
+    }
+
+    const std::string m_queue = Unique("queue");
+    std::unique_ptr<TestLink> m_link;
+    Outcomes m_outcomes;
+};
+
+TEST_F(LinkPublish, ConfirmedMeansThatTheQueueHasIt)
+{
+    Connect();
+    EXPECT_EQ(m_link->Publish(Message("", m_queue)).first, PublishResult::confirmed);
+    EXPECT_EQ(m_link->Count(m_queue), 1U);
+}
+
+TEST_F(LinkPublish, AMandatoryMessageThatNoQueueTakesIsToldSo)
+{
+    Connect();
+    EXPECT_EQ(m_link->Publish(Message("", "no-queue")).first, PublishResult::noRoute);
+    EXPECT_EQ(m_link->Publish(Message("amq.topic", "nobody")).first, PublishResult::noRoute);
+    EXPECT_EQ(m_link->Publish(Message("", "no-queue", false)).first, PublishResult::confirmed);
+}
+
+TEST_F(LinkPublish, ManyReturnsAreToldApartFromManyConfirms)
+{
+    Connect();
+    for (int i = 0; i < 300; ++i)
+    {
+        (*m_link)->Publish(Message("", i % 3 == 0 ? "no-queue" : m_queue), m_outcomes.Expect());
+    }
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::noRoute), 100);
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 200);
+    EXPECT_EQ(m_link->Count(m_queue), 200U);
+}
+
+TEST_F(LinkPublish, OnlyTheMessageThatTheBrokerRefusesIsRefused)
+{
+    Connect();
+    for (int i = 0; i < 200; ++i)
+    {
+        OutgoingMessage message = Message("", m_queue);
+        if (i == 20)
+        {
+            message.exchange = "no-exchange";
+        }
+        if (i == 100)
+        {
+            message.properties.expiration = "abc";
+        }
+        if (i == 150)
+        {
+            message.properties.userId = "somebody-else";
+        }
+        (*m_link)->Publish(std::move(message), m_outcomes.Expect());
+    }
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::refused), 3);
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 197);
+    EXPECT_GE(m_link->Count(m_queue), 197U);
+}
+
+TEST_F(LinkPublish, ARefusalSaysWhy)
+{
+    Connect();
+    const auto [result, why] = m_link->Publish(Message("no-exchange", "x"));
+    EXPECT_EQ(result, PublishResult::refused);
+    EXPECT_THAT(why, HasSubstr("no exchange 'no-exchange'"));
+    const std::string user = Unique("user");
+    Rabbitmqctl("add_user " + user + " secret");
+    Rabbitmqctl("set_permissions " + user + " '^$' '^$' '^$'");
+    LinkSettings settings = NodeSettings();
+    settings.user = user;
+    settings.password = "secret";
+    TestLink powerless({}, settings);
+    EXPECT_EQ(powerless.Publish(Message("", m_queue)).first, PublishResult::refused);
+}
+
+TEST_F(LinkPublish, WhatCannotBeEncodedIsRefusedWithoutTheBroker)
+{
+    LinkSettings settings = NodeSettings();
+    settings.maxBodyBytes = 1000;
+    Connect(settings);
+    OutgoingMessage message = Message("", std::string(256, 'k'));
+    EXPECT_EQ(m_link->Publish(message).first, PublishResult::refused);
+    message = Message("", m_queue);
+    message.properties.correlationId = std::string(256, 'c');
+    EXPECT_EQ(m_link->Publish(message).first, PublishResult::refused);
+    message = Message("", m_queue);
+    message.properties.headers = {{"k", RmqValue::String(std::string(200000, 'h'))}};
+    EXPECT_EQ(m_link->Publish(message).first, PublishResult::refused);
+    message = Message("", m_queue);
+    message.body.resize(1001);
+    EXPECT_EQ(m_link->Publish(message).first, PublishResult::refused);
+    EXPECT_EQ(m_link->Publish(Message("", m_queue)).first, PublishResult::confirmed);
+}
+
+TEST_F(LinkPublish, TooMuchAtATimeIsOverload)
+{
+    LinkSettings settings = NodeSettings();
+    settings.maxUnconfirmed = 10;
+    Connect(settings);
+    Rabbitmqctl("set_vm_memory_high_watermark 0");
+    for (int i = 0; i < 15; ++i)
+    {
+        (*m_link)->Publish(Message("", m_queue), m_outcomes.Expect());
+    }
+    EXPECT_TRUE(Eventually([&] { return m_outcomes.Count(PublishResult::overloaded) == 5; }));
+    Rabbitmqctl("set_vm_memory_high_watermark 0.4");
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 10);
+    EXPECT_EQ(m_link->Publish(Message("", m_queue)).first, PublishResult::confirmed) << "there is room again";
+}
+
+TEST_F(LinkPublish, ABlockedBrokerIsWaitedForAndConsumingGoesOn)
+{
+    Connect();
+    Rabbitmqctl("set_vm_memory_high_watermark 0");
+    (*m_link)->Publish(Message("", m_queue), m_outcomes.Expect());
+    EXPECT_TRUE(Eventually([&] { return (*m_link)->Status().blocked; }));
+    OutgoingMessage hurried = Message("", m_queue);
+    hurried.deadline = std::chrono::milliseconds(100);
+    const auto [result, why] = m_link->Publish(std::move(hurried));
+    EXPECT_EQ(result, PublishResult::timedOut);
+    EXPECT_THAT(why, HasSubstr("the broker takes no messages"));
+    EXPECT_EQ((*m_link)->Bind({m_queue, "amq.topic", "t"}, DEADLINE).answer, Answer::ok);
+    Rabbitmqctl("set_vm_memory_high_watermark 0.4");
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 1);
+    EXPECT_TRUE(Eventually([&] { return !(*m_link)->Status().blocked; }));
+}
+
+TEST_F(LinkPublish, ConnectionsThatEndLoseNothing)
+{
+    Connect();
+    std::atomic<bool> stop{false};
+    int published = 0;
+    std::thread publisher(
+        [&]
+        {
+            while (!stop && published < 200000)
+            {
+                (*m_link)->Publish(Message("", m_queue), m_outcomes.Expect());
+                if (++published % 500 == 0)
+                {
+                    // Bounded: the limit on what is unconfirmed would answer `overloaded`.
+                    m_outcomes.WaitForAll();
+                }
+            }
+        });
+    Rabbitmqctl("close_all_connections 'a test wants it'");
+    Rabbitmqctl("close_all_connections 'a test wants it'");
+    stop = true;
+    publisher.join();
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), published);
+    EXPECT_GE(m_link->Count(m_queue), static_cast<std::uint32_t>(published));
+}
+
+} // namespace VtxQel
