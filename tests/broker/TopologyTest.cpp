@@ -1,6 +1,7 @@
 #include "broker/Topology.h"
 
 #include "common/QelException.h"
+#include "fakes/FakeTopologyPort.h"
 
 #include <gtest/gtest.h>
 
@@ -13,49 +14,6 @@ namespace VtxQel
 {
 namespace
 {
-
-/** A broker that records what it is asked and refuses or stays silent on demand. */
-class FakePort : public TopologyPort
-{
-  public:
-    RequestResult Bind(const Binding& binding) override
-    {
-        const RequestResult result = Ask("bind " + binding.queue + " " + binding.topic);
-        if (result.answer == Answer::ok)
-        {
-            bound.insert(binding.queue + " " + binding.topic);
-        }
-        return result;
-    }
-    RequestResult Unbind(const Binding& binding) override
-    {
-        const RequestResult result = Ask("unbind " + binding.queue + " " + binding.topic);
-        if (result.answer == Answer::ok)
-        {
-            bound.erase(binding.queue + " " + binding.topic);
-        }
-        return result;
-    }
-    RequestResult Consume(const std::string& queue) override { return Ask("consume " + queue); }
-    RequestResult StopConsuming(const std::string& queue) override { return Ask("stop " + queue); }
-
-    std::vector<std::string> asked;
-    std::set<std::string> refused;
-    std::set<std::string> unanswered;
-    std::set<std::string> bound;
-
-  private:
-    RequestResult Ask(const std::string& what)
-    {
-        asked.push_back(what);
-        if (refused.contains(what))
-        {
-            return {Answer::refused, 403, "refused"};
-        }
-        return unanswered.contains(what) ? RequestResult{Answer::unanswered, 0, "silence"}
-                                         : RequestResult{Answer::ok, 0, ""};
-    }
-};
 
 RouteRecord Topic(const std::string& name, const std::string& queue = "normal")
 {
@@ -115,7 +73,7 @@ class TopologyTest : public testing::Test
 
     const std::filesystem::path folder = MakeFolder();
     RmqInfo info;
-    FakePort port;
+    Fakes::FakeTopologyPort port;
     std::optional<Journal> journal;
     std::optional<Topology> topology;
     std::map<std::string, std::vector<RouteRecord>> recorded;

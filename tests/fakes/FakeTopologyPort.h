@@ -1,0 +1,63 @@
+#pragma once
+
+#include "broker/Topology.h"
+
+#include <functional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace VtxQel::Fakes
+{
+
+/** A broker that records what it is asked and refuses or stays silent on demand. */
+class FakeTopologyPort : public TopologyPort
+{
+  public:
+    RequestResult Bind(const Binding& binding) override
+    {
+        const RequestResult result = Ask("bind " + binding.queue + " " + binding.topic);
+        if (result.answer == Answer::ok)
+        {
+            bound.insert(binding.queue + " " + binding.topic);
+        }
+        return result;
+    }
+    RequestResult Unbind(const Binding& binding) override
+    {
+        const RequestResult result = Ask("unbind " + binding.queue + " " + binding.topic);
+        if (result.answer == Answer::ok)
+        {
+            bound.erase(binding.queue + " " + binding.topic);
+        }
+        return result;
+    }
+    RequestResult Consume(const std::string& queue) override { return Ask("consume " + queue); }
+    RequestResult StopConsuming(const std::string& queue) override { return Ask("stop " + queue); }
+
+    std::vector<std::string> asked;
+    std::set<std::string> refused;
+    std::set<std::string> unanswered;
+    std::set<std::string> bound;
+
+    /** Called with each request before it is answered. */
+    std::function<void(const std::string& what)> onAsked;
+
+  private:
+    RequestResult Ask(const std::string& what)
+    {
+        asked.push_back(what);
+        if (onAsked)
+        {
+            onAsked(what);
+        }
+        if (refused.contains(what))
+        {
+            return {Answer::refused, 403, "refused"};
+        }
+        return unanswered.contains(what) ? RequestResult{Answer::unanswered, 0, "silence"}
+                                         : RequestResult{Answer::ok, 0, ""};
+    }
+};
+
+} // namespace VtxQel::Fakes
