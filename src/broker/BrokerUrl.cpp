@@ -34,7 +34,8 @@ BrokerUrl BrokerUrl::Parse(const std::string& url)
     amqp_default_connection_info(&info);
     if (url.find('\0') != std::string::npos || amqp_parse_url(text.data(), &info) != AMQP_STATUS_OK)
     {
-        throw RmqConnectionException("malformed broker URL: " + WithoutSecrets(url));
+        throw RmqConnectionException(
+            "malformed broker URL: " + WithoutSecrets(url) + ": it must be amqp://HOST:PORT/VHOST or amqps://...");
     }
     BrokerUrl result;
     result.host = info.host;
@@ -51,8 +52,7 @@ std::string BrokerUrl::Printable() const
 {
     const bool isV6 = host.find(':') != std::string::npos;
     std::string text = tls ? "amqps://" : "amqp://";
-    text += isV6 ? "[" + host + "]" : host;
-    text += ":" + std::to_string(port) + "/";
+    text.append(isV6 ? "[" : "").append(host).append(isV6 ? "]:" : ":").append(std::to_string(port)).append("/");
     return vhost == "/" ? text : text + vhost;
 }
 
