@@ -2,7 +2,7 @@
 // long it took from the first delivery to the last verdict. A consumer as small as can be: what it measures is the
 // agent.
 //
-//   bench_attach_consumer SOCKET MESSAGES
+//   qel_attach_consumer SOCKET MESSAGES
 
 #include "qel/apps/v1/applications.grpc.pb.h"
 
@@ -137,7 +137,7 @@ int main(int argc, char** argv)
 {
     if (argc != 3)
     {
-        std::cerr << "usage: bench_attach_consumer SOCKET MESSAGES" << std::endl;
+        std::cerr << "usage: qel_attach_consumer SOCKET MESSAGES" << std::endl;
         return 2;
     }
     const std::uint64_t messages = std::strtoull(argv[2], nullptr, 10);
@@ -148,7 +148,7 @@ int main(int argc, char** argv)
     const grpc::Status status = consumer.Wait();
     if (consumer.Answered() < messages)
     {
-        std::cerr << "bench_attach_consumer: " << consumer.Answered() << " of " << messages
+        std::cerr << "qel_attach_consumer: " << consumer.Answered() << " of " << messages
                   << " messages answered: " << status.error_message() << std::endl;
         return 1;
     }
