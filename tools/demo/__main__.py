@@ -39,7 +39,6 @@ def play(once):
                 with contextlib.suppress(KeyboardInterrupt):
                     relay(stage)
                 print("\nStopping ...", flush=True)
-        folder.forget()
     return 0
 
 

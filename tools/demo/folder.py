@@ -11,7 +11,7 @@ LONGEST_SOCKET_PATH = 107
 
 
 class RunFolder:
-    """Makes .run/N for the first N that nobody uses and removes it when forget() was called, else keeps it to look at.
+    """Makes .run/N for the first N that nobody uses; removes it in the end but for a failure, to be looked at.
 
     A lock file says that a run is alive; the kernel lets go of the lock however a run ends. What dead runs left behind
     is removed here.
@@ -20,7 +20,6 @@ class RunFolder:
     def __init__(self):
         self.path = None
         self._lock = None
-        self._forgotten = False
 
     def __enter__(self):
         base = ROOT / ".run"
@@ -37,14 +36,10 @@ class RunFolder:
         self.path.mkdir(mode=0o700)
         return self
 
-    def __exit__(self, *_):
-        if self._forgotten:
+    def __exit__(self, failure, *_):
+        if failure in (None, KeyboardInterrupt):
             shutil.rmtree(self.path, ignore_errors=True)
         self._lock.close()
-
-    def forget(self):
-        """Nobody needs to look at the folder: it goes with the run."""
-        self._forgotten = True
 
 
 def check_socket_path(path):
