@@ -49,7 +49,7 @@ void Application::Offer(boost::shared_ptr<Delivery> message, boost::shared_ptr<R
     Item item;
     item.bytes = message->GetBodyLength();
     item.tries = message->GetTries();
-    item.redelivered = message->IsRedelivered();
+    item.redelivered = message->IsRedelivered() || item.tries != 0;
     item.fromParking = !message->GetParkedFor().empty();
     item.message = std::move(message);
     item.receipt = std::move(receipt);

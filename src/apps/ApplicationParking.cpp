@@ -103,7 +103,8 @@ std::optional<Application::TimePoint> Application::OldestHeld() const
 void Application::Park(Item& item)
 {
     m_parkedSinceMarker = true;
-    item.receipt->Park(item.tries);
+    // The copy has only the count to tell by that somebody may have worked on the message already.
+    item.receipt->Park(item.redelivered ? std::max(item.tries, 1U) : item.tries);
     item.receipt.reset();
     ++m_counters.parked;
 }
