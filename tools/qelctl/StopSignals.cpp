@@ -20,7 +20,7 @@ StopSignals::StopSignals(std::function<void()> onStop) : m_onStop(std::move(onSt
 StopSignals::~StopSignals()
 {
     m_over = true;
-    pthread_kill(m_thread.native_handle(), SIGTERM);
+    pthread_kill(m_thread.native_handle(), SIGINT);
     m_thread.join();
 }
 
