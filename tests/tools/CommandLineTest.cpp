@@ -41,7 +41,7 @@ TEST(CommandLine, HelpAndVersionSucceed)
 {
     const ProgramResult help = RunQelctl({"--help"});
     EXPECT_EQ(help.status, 0);
-    for (const char* verb : {"ping", "configure", "reassign", "publish", "attach"})
+    for (const char* verb : {"ping", "configure", "reassign", "publish", "attach", "dead-letters"})
     {
         EXPECT_THAT(help.out, HasSubstr(verb));
         EXPECT_EQ(RunQelctl({verb, "--help"}).status, 0) << verb;
@@ -60,6 +60,10 @@ TEST(CommandLine, TheManualPageDescribesEveryOption)
     for (const char* verb : {"ping", "configure", "reassign", "publish", "attach"})
     {
         offered.merge(OptionsIn(RunQelctl({verb, "--help"}).out));
+    }
+    for (const char* verb : {"list", "show", "replay", "purge"})
+    {
+        offered.merge(OptionsIn(RunQelctl({"dead-letters", verb, "--help"}).out));
     }
 
     EXPECT_GT(offered.size(), 20U);
@@ -87,7 +91,19 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
         {"attach", "web", "--verdict", "maybe"},
         {"attach", "web", "--retry-delay-ms", "3600001"},
         {"attach", "web", "--socket", "x", "--runtime-directory", "y"},
-        {"attach", "web", "--nonsense"}};
+        {"attach", "web", "--nonsense"},
+        {"dead-letters"},
+        {"dead-letters", "list"},
+        {"dead-letters", "list", "a", "--limit", "0", "--broker", unreachable},
+        {"dead-letters", "list", "a", "--limit", "65536", "--broker", unreachable},
+        {"dead-letters", "show", "a", "--broker", unreachable},
+        {"dead-letters", "show", "a", "0", "--broker", unreachable},
+        {"dead-letters", "show", "a", "1", "--message-id", "m", "--broker", unreachable},
+        {"dead-letters", "replay", "a", "--broker", unreachable},
+        {"dead-letters", "replay", "a", "--all", "--to", "nowhere", "--broker", unreachable},
+        {"dead-letters", "replay", "a", "--all", "--reason", "r", "--broker", unreachable},
+        {"dead-letters", "purge", "a", "--yes", "--broker", unreachable},
+        {"dead-letters", "purge", "a", "--all", "--message-id", "m", "--broker", unreachable}};
     for (const std::vector<std::string>& line : lines)
     {
         const ProgramResult result = RunQelctl(line);

@@ -58,7 +58,7 @@ CLI::App* AttachCommand::Register(CLI::App& root)
         ->type_name("VERDICT");
     verb->add_option("--reason", m_settings.reason, "With dead: why")->type_name("TEXT");
     verb->add_option("--retry-delay-ms", m_settings.retryDelayMs, "With retry: not before so many milliseconds")
-        ->check(CLI::Range(0U, 3600000U))
+        ->check(CLI::Range(0U, 900000U))
         ->type_name("N");
     verb->add_option("--count", m_count, "End after so many deliveries (default: never)")->type_name("N");
     verb->add_flag("--reconnect", m_reconnect, "Attach again when the agent is away");

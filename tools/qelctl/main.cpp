@@ -1,5 +1,6 @@
 #include "AttachCommand.h"
 #include "ConfigureCommand.h"
+#include "DeadLettersCommand.h"
 #include "Failure.h"
 #include "PingCommand.h"
 #include "PublishCommand.h"
@@ -62,6 +63,7 @@ int main(int argc, char** argv)
     commands.push_back(std::make_unique<ReassignCommand>());
     commands.push_back(std::make_unique<PublishCommand>());
     commands.push_back(std::make_unique<AttachCommand>());
+    commands.push_back(std::make_unique<DeadLettersCommand>());
     std::map<const CLI::App*, Command*> verbs;
     for (const auto& command : commands)
     {
