@@ -241,8 +241,8 @@ INSTANTIATE_TEST_SUITE_P(
             [](proto::AttachRequest& request) { VerdictIn(request).set_reason(std::string(1025, 'x')); },
             "the reason for delivery 1 has 1025 bytes: shorten it to 1024"},
         WrongRequest{
-            "LongDelay", true, [](proto::AttachRequest& request) { VerdictIn(request).set_retry_delay_ms(3600001); },
-            "retry_delay_ms for delivery 1 is 3600001"}),
+            "LongDelay", true, [](proto::AttachRequest& request) { VerdictIn(request).set_retry_delay_ms(900001); },
+            "retry_delay_ms for delivery 1 is 900001"}),
     [](const auto& instance) { return instance.param.name; });
 
 TEST_F(GatewayTest, AMissingHelloEndsTheStream)

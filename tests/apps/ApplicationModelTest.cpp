@@ -404,11 +404,11 @@ TEST(ApplicationModel, EveryHistoryEndsWithOneAnswerForEachMessageInOrder)
 {
     const unsigned first = std::random_device()();
     RecordProperty("seed", static_cast<int>(first));
-    for (unsigned run = 0; run < 400 && !testing::Test::HasFailure(); ++run)
+    for (unsigned run = 0; run < 150 && !testing::Test::HasFailure(); ++run)
     {
         RunHistory(first + run);
     }
-    for (unsigned seed = 1; seed <= 100 && !testing::Test::HasFailure(); ++seed)
+    for (unsigned seed = 1; seed <= 50 && !testing::Test::HasFailure(); ++seed)
     {
         RunHistory(seed);
     }

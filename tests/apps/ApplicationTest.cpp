@@ -496,6 +496,37 @@ TEST_F(ApplicationTest, AnInstanceThatLeavesWhileStoppingParksNothing)
     EXPECT_THAT(m_log.Take(), IsEmpty());
 }
 
+TEST_F(ApplicationTest, WhatWasTriedIsParkedAtAStopSoThatItsCountIsKept)
+{
+    const auto id = AttachLive();
+    OfferLive({"a", "b"});
+    Answer(id, 1, Kind::retry, seconds(10));
+    m_application->Stop("the agent is stopping");
+    ASSERT_EQ(m_log.All().size(), 1U);
+    EXPECT_EQ(m_log.All()[0].what, "park");
+    EXPECT_EQ(m_log.All()[0].tries, 1U);
+}
+
+TEST_F(ApplicationTest, ARetryWhileStoppingIsParked)
+{
+    const auto id = AttachLive();
+    OfferLive({"a"});
+    m_application->StopDelivering();
+    Answer(id, 1, Kind::retry, seconds(10));
+    m_application->Stop("the agent is stopping");
+    EXPECT_THAT(m_log.Take(), ElementsAre("a park"));
+}
+
+TEST_F(ApplicationTest, WhatTheConnectionLostIsDroppedUnanswered)
+{
+    AttachLive(1);
+    OfferLive({"a", "b"});
+    m_application->DropUnsent();
+    EXPECT_THAT(m_log.Take(), IsEmpty());
+    EXPECT_EQ(m_application->Snapshot().pending, 0U);
+    EXPECT_EQ(m_application->Snapshot().inFlight, 1U);
+}
+
 TEST_F(ApplicationTest, ARemovedApplicationsMessagesAreParked)
 {
     AttachLive(1);
