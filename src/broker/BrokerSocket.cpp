@@ -68,7 +68,7 @@ std::shared_ptr<asio::ssl::context> MakeTlsContext(const TlsFiles& files)
 }
 
 BrokerSocket::BrokerSocket(asio::io_context& io, BrokerUrl url, std::shared_ptr<asio::ssl::context> tls)
-    : m_url(std::move(url)), m_tlsContext(std::move(tls)), m_resolver(io), m_socket(io), m_timer(io)
+    : m_url(std::move(url)), m_tlsContext(std::move(tls)), m_io(io), m_socket(io), m_timer(io)
 {
 }
 
@@ -76,24 +76,45 @@ void BrokerSocket::Connect(std::chrono::milliseconds userTimeout, OnConnect done
 {
     m_userTimeout = userTimeout;
     m_done = std::move(done);
-    m_resolver.async_resolve(
-        m_url.host, std::to_string(m_url.port),
-        [self = shared_from_this()](const error_code& error, const Tcp::resolver::results_type& addresses)
+    m_lookup.emplace(
+        m_io, m_url.host, m_url.port,
+        [weak = weak_from_this()](const HostLookup::Endpoints& endpoints, const std::string& why)
         {
-            if (error)
+            if (const auto self = weak.lock())
             {
-                self->Finish("cannot resolve " + self->m_url.host + ": " + error.message());
-                return;
+                self->OnResolved(endpoints, why);
             }
-            self->m_addresses = addresses;
-            self->m_next = self->m_addresses.begin();
-            self->TryNextAddress();
         });
+    m_timer.expires_after(LOOKUP_TIMEOUT);
+    m_timer.async_wait(
+        [self = shared_from_this()](const error_code& error)
+        {
+            if (!error)
+            {
+                self->OnResolved({}, "no answer within 10 s");
+            }
+        });
+}
+
+void BrokerSocket::OnResolved(const HostLookup::Endpoints& endpoints, const std::string& why)
+{
+    if (!m_done)
+    {
+        return;
+    }
+    m_timer.cancel();
+    if (!why.empty())
+    {
+        Finish("cannot resolve " + m_url.host + ": " + why);
+        return;
+    }
+    m_addresses.assign(endpoints.begin(), endpoints.end());
+    TryNextAddress();
 }
 
 void BrokerSocket::TryNextAddress()
 {
-    if (m_closed || m_next == m_addresses.end())
+    if (m_closed || m_addresses.empty())
     {
         Finish(m_errors.empty() ? "no address to connect to" : m_errors);
         return;
@@ -113,7 +134,7 @@ void BrokerSocket::TryNextAddress()
             }
         });
     m_socket.async_connect(
-        m_next->endpoint(), [self = shared_from_this()](const error_code& error) { self->OnAddress(error); });
+        m_addresses.front(), [self = shared_from_this()](const error_code& error) { self->OnAddress(error); });
 }
 
 void BrokerSocket::OnAddress(const error_code& error)
@@ -121,12 +142,12 @@ void BrokerSocket::OnAddress(const error_code& error)
     m_timer.cancel();
     if (error || m_timedOut)
     {
-        const auto endpoint = m_next->endpoint();
+        const Tcp::endpoint endpoint = m_addresses.front();
         const bool isV6 = endpoint.address().is_v6();
         m_errors += (m_errors.empty() ? "" : "; ") + std::string(isV6 ? "[" : "") + endpoint.address().to_string() +
                     (isV6 ? "]:" : ":") + std::to_string(endpoint.port()) + ": " +
                     (m_timedOut ? "no answer within 5 s" : error.message());
-        ++m_next;
+        m_addresses.pop_front();
         TryNextAddress();
         return;
     }
@@ -248,7 +269,7 @@ void BrokerSocket::Close()
 {
     m_closed = true;
     error_code ignored;
-    m_resolver.cancel();
+    m_lookup.reset();
     m_timer.cancel();
     m_socket.shutdown(Tcp::socket::shutdown_both, ignored);
     m_socket.close(ignored);

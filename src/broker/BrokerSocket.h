@@ -2,6 +2,7 @@
 
 #include "broker/BrokerLink.h"
 #include "broker/BrokerUrl.h"
+#include "broker/HostLookup.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -10,6 +11,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -45,11 +47,13 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     void Close();
 
     static constexpr std::chrono::seconds ADDRESS_TIMEOUT{5};
+    static constexpr std::chrono::seconds LOOKUP_TIMEOUT{10};
 
   private:
     using Tcp = boost::asio::ip::tcp;
     using TlsStream = boost::asio::ssl::stream<Tcp::socket&>;
 
+    void OnResolved(const HostLookup::Endpoints& endpoints, const std::string& why);
     void TryNextAddress();
     void OnAddress(const boost::system::error_code& error);
     void SetOptions();
@@ -59,12 +63,13 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
 
     BrokerUrl m_url;
     std::shared_ptr<boost::asio::ssl::context> m_tlsContext;
-    Tcp::resolver m_resolver;
+    boost::asio::io_context& m_io;
+    std::optional<HostLookup> m_lookup;
     Tcp::socket m_socket;
     std::optional<TlsStream> m_tls;
     boost::asio::steady_timer m_timer;
-    Tcp::resolver::results_type m_addresses;
-    Tcp::resolver::results_type::const_iterator m_next;
+    /** Those that are still to be tried, the current one first. */
+    std::deque<Tcp::endpoint> m_addresses;
     std::chrono::milliseconds m_userTimeout{0};
     bool m_timedOut = false;
     bool m_closed = false;

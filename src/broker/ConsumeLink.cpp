@@ -158,10 +158,6 @@ void ConsumeLink::OnBlocked(bool, const std::string&)
 
 void ConsumeLink::OnTurnEnd()
 {
-    if (m_turnEnd)
-    {
-        m_turnEnd();
-    }
     FlushSettlements();
 }
 
@@ -284,6 +280,7 @@ void ConsumeLink::Settle(const DeliveryTag& tag, SettleAs as)
 
 void ConsumeLink::FlushSettlements()
 {
+    m_collect();
     if (m_consumers)
     {
         m_consumers->Flush();
@@ -561,6 +558,7 @@ void ConsumeLink::StopQueue(const Request& request)
     {
         m_restoration.GiveUpQueue(queue);
     }
+    FlushSettlements();
     const auto done = [this, request](const RpcReply&) { Complete(request, {Answer::ok, 0, {}}); };
     if (!m_consumers)
     {

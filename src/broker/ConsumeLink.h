@@ -35,14 +35,16 @@ class ConsumeLink : private AmqpConnectionHandler
 
     ConsumeLink(boost::asio::io_context& io, ConnectionSource& source, LinkListener& listener, LinkState& state);
 
-    /** Called when all frames that were read together are handled, to settle what came in meanwhile. */
-    void SetTurnEnd(std::function<void()> turnEnd) { m_turnEnd = std::move(turnEnd); }
+    /** Called to settle what came in from other threads, before anything that must come after it. */
+    void SetCollector(std::function<void()> collect) { m_collect = std::move(collect); }
 
     void Start();
     /** Carries the request out or answers it when its deadline has passed. */
     void Submit(Request request);
     void Settle(const DeliveryTag& tag, SettleAs as);
     void FlushSettlements();
+    /** Whether the broker sends no more until settlements are flushed. */
+    bool IsStarving() const { return m_consumers && m_consumers->IsStarving(); }
     void StopConsuming();
     void PauseReading(bool paused);
     void MoveTo(std::size_t urlIndex);
@@ -88,7 +90,7 @@ class ConsumeLink : private AmqpConnectionHandler
     ConnectionSource& m_source;
     LinkListener& m_listener;
     LinkState& m_state;
-    std::function<void()> m_turnEnd;
+    std::function<void()> m_collect;
 
     std::shared_ptr<AmqpConnection> m_connection;
     std::unique_ptr<RpcChannel> m_rpc;

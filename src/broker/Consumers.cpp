@@ -2,6 +2,7 @@
 
 #include "common/QelException.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -106,6 +107,12 @@ void Consumers::Settle(const DeliveryTag& tag, SettleAs as)
         m_toFlush.insert(m_lastSettled);
     }
     m_lastSettled->Settle(tag.tag, as);
+}
+
+bool Consumers::IsStarving() const
+{
+    return std::any_of(
+        m_toFlush.begin(), m_toFlush.end(), [](const DeliveryChannel* channel) { return channel->IsStarving(); });
 }
 
 void Consumers::Flush()

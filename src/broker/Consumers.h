@@ -39,6 +39,8 @@ class Consumers
     void CancelAll();
 
     void Settle(const DeliveryTag& tag, SettleAs as);
+    /** Whether a channel waits for its settlements to be sent. */
+    bool IsStarving() const;
     /** Sends all settlements. */
     void Flush();
 

@@ -17,7 +17,7 @@ const RpcReply OK{true, 0, {}, 0};
 DeliveryChannel::DeliveryChannel(
     AmqpConnection& connection, std::uint16_t channel, std::uint64_t generation, const QueueSpec& queue)
     : m_connection(connection), m_channel(channel), m_generation(generation), m_queue(queue.name),
-      m_consumerTag("qel-" + std::to_string(generation))
+      m_consumerTag("qel-" + std::to_string(generation)), m_prefetch(queue.prefetch)
 {
     m_connection.Send(m_channel, AMQP_CHANNEL_OPEN_METHOD, amqp_channel_open_t{amqp_empty_bytes});
     m_connection.Send(m_channel, AMQP_BASIC_QOS_METHOD, amqp_basic_qos_t{0, queue.prefetch, 0});

@@ -54,7 +54,8 @@ class DeliveryChannel
     /** Notes the delivery. @return whether it is for the application; not when the channel is being closed. */
     bool Accept(std::uint64_t tag);
     void Settle(std::uint64_t tag, SettleAs as) { m_tags.Settle(tag, as); }
-    bool HasNews() const { return m_tags.HasNews(); }
+    /** Whether so much is settled and not told that the broker may have stopped sending. */
+    bool IsStarving() const { return 2 * m_tags.News() >= m_prefetch; }
     /** Sends the settlements; closes a draining channel when nothing is left. */
     void Flush();
 
@@ -82,6 +83,7 @@ class DeliveryChannel
     std::uint64_t m_generation;
     std::string m_queue;
     std::string m_consumerTag;
+    std::size_t m_prefetch;
     State m_state = State::starting;
     UnsettledTags m_tags;
     std::vector<Done> m_started;

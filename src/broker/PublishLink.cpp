@@ -299,7 +299,13 @@ void PublishLink::OnChannelClose(const amqp_channel_close_t& close)
     }
     const bool refusal = close.reply_code == AMQP_ACCESS_REFUSED || close.reply_code == AMQP_NOT_FOUND ||
                          close.reply_code == AMQP_PRECONDITION_FAILED;
-    if (refusal && m_unconfirmed == 1)
+    if (!refusal)
+    {
+        // Trouble of the broker's own: after a while on a new connection, or it would be asked without a pause.
+        m_connection->Abort(std::to_string(close.reply_code) + " " + text);
+        return;
+    }
+    if (m_unconfirmed == 1)
     {
         for (const PublicationPtr& sent : m_sent)
         {
@@ -309,7 +315,7 @@ void PublishLink::OnChannelClose(const amqp_channel_close_t& close)
             }
         }
     }
-    TakeBack(refusal);
+    TakeBack(true);
     OpenChannel();
 }
 

@@ -28,6 +28,8 @@ class UnsettledTags
     bool Settle(std::uint64_t tag, SettleAs as);
     /** Whether there is something to flush. */
     bool HasNews() const { return !m_news.empty(); }
+    /** How many settlements the next flush will send. */
+    std::size_t News() const { return m_news.size(); }
     /** Sends what was settled since the last flush. */
     void Flush(const Send& send);
     /** How many deliveries have not been settled. */
