@@ -53,9 +53,8 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
           m_config.broker.names.exchangeType == "topic"),
       m_client(boost::make_shared<BrokerClient>(
           m_config.broker, m_routingRegistry, m_journal,
-          [this](const std::string& queue, const std::string& routingKey, const std::string& appId) {
-              return m_dispatcher->ApplicationFor(queue, routingKey, appId);
-          },
+          [this](const std::string& queue, const std::string& routingKey, const std::string& appId)
+          { return m_dispatcher->ApplicationFor(queue, routingKey, appId); },
           BrokerEvents{[this] { OnDisconnected(); }, [this] { OnRestored(); }})),
       m_budget(m_config.broker.prefetch, m_config.broker.maxHeldBytes / 2), m_parking(*m_client),
       m_applications(ApplicationContext{
@@ -72,8 +71,7 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
       m_frontEnd(boost::make_shared<BrokerFrontEnd>([this] { MoveToNextUrl(); }, m_timers, m_config.reassignWithin)),
       m_endpointController(boost::make_shared<EndpointController>(m_frontEnd)),
       m_handler(boost::make_shared<AgentMsgHandler>(
-          HandlerCollaborators{
-              m_routingRegistry, m_appRegistry, m_dispatcher, m_client, m_info, m_endpointController},
+          HandlerCollaborators{m_routingRegistry, m_appRegistry, m_dispatcher, m_client, m_info, m_endpointController},
           m_client->Routes(), m_subscriptions, m_config.controlUsers,
           [this](const std::string& application) { m_requests.AskLater(application); }))
 {
@@ -91,7 +89,10 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
     }
 }
 
-Agent::~Agent() { Stop(); }
+Agent::~Agent()
+{
+    Stop();
+}
 
 void Agent::Start()
 {
@@ -114,14 +115,17 @@ void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSetti
     {
         if (!names.contains(name))
         {
-            m_chores.Post([this, name] {
-                m_handler->Forget(name);
-                RemoveOrphans(FIRST_ORPHAN_DELAY);
-            });
+            m_chores.Post(
+                [this, name]
+                {
+                    m_handler->Forget(name);
+                    RemoveOrphans(FIRST_ORPHAN_DELAY);
+                });
         }
     }
     m_applicationNames = names;
-    QEL_LOG(vtx::LevelStatus, "configuration read again: log level %d, %zu applications", config.logLevel, names.size());
+    QEL_LOG(
+        vtx::LevelStatus, "configuration read again: log level %d, %zu applications", config.logLevel, names.size());
 }
 
 void Agent::Stop()
@@ -162,7 +166,10 @@ void Agent::OnRestored()
     m_chores.Post([this] { RemoveOrphans(FIRST_ORPHAN_DELAY); });
 }
 
-void Agent::OnDisconnected() { m_applications.DropUnsent(); }
+void Agent::OnDisconnected()
+{
+    m_applications.DropUnsent();
+}
 
 void Agent::RemoveOrphans(std::chrono::seconds retryAfter)
 {

@@ -33,7 +33,8 @@ namespace VtxQel
  * Agent owns the agent's objects and wires them together: the only place that knows every module.
  *
  * Start, Reload and Stop are called by the main thread. Between Start and Stop the link's thread, four lanes, the
- * schedulers and the gateway's threads are at work; any of them may end the process by exit(), so nothing here is static.
+ * schedulers and the gateway's threads are at work; any of them may end the process by exit(), so nothing here is
+ * static.
  */
 class Agent
 {

@@ -95,8 +95,7 @@ int AgentMsgHandler::ParseAppInitConfig(boost::shared_ptr<RmqMessage> msg, AppIn
     {
         return result;
     }
-    const std::vector<RouteRecord> wanted =
-        RoutesOf(application, config, *LockOrThrow(m_collaborators.rmqInfo));
+    const std::vector<RouteRecord> wanted = RoutesOf(application, config, *LockOrThrow(m_collaborators.rmqInfo));
     Frame frame{application, {entry->GetTopics().begin(), entry->GetTopics().end()}};
     for (const RouteRecord& route : wanted)
     {
@@ -249,8 +248,7 @@ bool AgentMsgHandler::MayControl(const RmqMessage& message) const
 
 boost::shared_ptr<AppRegistryEntry> AgentMsgHandler::EntryOf(const std::string& application) const
 {
-    return boost::dynamic_pointer_cast<AppRegistryEntry>(
-        LockOrThrow(m_collaborators.appRegistry)->Lookup(application));
+    return boost::dynamic_pointer_cast<AppRegistryEntry>(LockOrThrow(m_collaborators.appRegistry)->Lookup(application));
 }
 
 void AgentMsgHandler::AddRoute(RoutingRegistry& registry, const RouteRecord& route) const
@@ -264,8 +262,7 @@ void AgentMsgHandler::AddRoute(RoutingRegistry& registry, const RouteRecord& rou
         QEL_LOG(vtx::LevelWarning, "queue %s has no handler; no route for %s", servedBy.c_str(), route.name.c_str());
         return;
     }
-    const auto priority =
-        static_cast<channelPriority_e>(topic && route.queue == info->priorityQueue ? 1 : 0);
+    const auto priority = static_cast<channelPriority_e>(topic && route.queue == info->priorityQueue ? 1 : 0);
     registry.Add(
         route.name, boost::make_shared<RoutingRegistryEntry>(own->handler, static_cast<int>(route.kind), priority));
 }

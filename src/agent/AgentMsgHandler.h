@@ -34,8 +34,8 @@ struct HandlerCollaborators
  *
  * Around a configuration it tells the topology what the new set is, so that only differences reach the broker, and the
  * subscriptions, so that messages go on reaching the application meanwhile; at its end all of them agree with the
- * routing registry again, also about topics that other applications share. Configurations are carried out one at a time.
- * The topology and the subscriptions outlive the handler.
+ * routing registry again, also about topics that other applications share. Configurations are carried out one at a
+ * time. The topology and the subscriptions outlive the handler.
  */
 class AgentMsgHandler : public QelMsgHandler
 {

@@ -59,14 +59,17 @@ void ConfigurationRequests::Send(const std::string& application)
     request.properties.appId = application;
     request.properties.replyTo = m_address.replyTo;
     request.mandatory = true;
-    m_publisher.Publish(std::move(request), [application](PublishResult result, const std::string& why) {
-        if (result != PublishResult::confirmed)
+    m_publisher.Publish(
+        std::move(request),
+        [application](PublishResult result, const std::string& why)
         {
-            QEL_LOG(
-                vtx::LevelWarning, "the configuration of application %s could not be asked for: %s",
-                application.c_str(), why.c_str());
-        }
-    });
+            if (result != PublishResult::confirmed)
+            {
+                QEL_LOG(
+                    vtx::LevelWarning, "the configuration of application %s could not be asked for: %s",
+                    application.c_str(), why.c_str());
+            }
+        });
 }
 
 void ConfigurationRequests::Schedule(const std::string& application)
@@ -80,16 +83,19 @@ void ConfigurationRequests::Schedule(const std::string& application)
     const auto longest =
         std::min(LONGEST_DELAY, std::chrono::milliseconds(1000) * (1U << std::min(state.attempts++, MOST_DOUBLINGS)));
     std::uniform_int_distribution<std::chrono::milliseconds::rep> delay(longest.count() / 2, longest.count());
-    m_scheduler.After(std::chrono::milliseconds(delay(m_random)), [this, application] {
+    m_scheduler.After(
+        std::chrono::milliseconds(delay(m_random)),
+        [this, application]
         {
-            const std::lock_guard again(m_mutex);
-            m_states[application].scheduled = false;
-        }
-        if (m_lacks(application))
-        {
-            Ask(application);
-        }
-    });
+            {
+                const std::lock_guard again(m_mutex);
+                m_states[application].scheduled = false;
+            }
+            if (m_lacks(application))
+            {
+                Ask(application);
+            }
+        });
 }
 
 } // namespace VtxQel

@@ -62,9 +62,8 @@ void StartLogOutput(const std::string& format)
     auto* logger = new spdlog::logger("qel", std::move(sink));
     logger->set_level(spdlog::level::trace);
     logger->set_pattern(json ? R"({"time":"%Y-%m-%dT%H:%M:%S.%e%z",%v)" : "%Y-%m-%dT%H:%M:%S.%e%z %^%v%$");
-    vtx::SetLogSink([logger, json](const vtx::LogLine& line) {
-        logger->log(ColourOf(line.level), "{}", json ? AsJson(line) : AsText(line));
-    });
+    vtx::SetLogSink([logger, json](const vtx::LogLine& line)
+                    { logger->log(ColourOf(line.level), "{}", json ? AsJson(line) : AsText(line)); });
 }
 
 const char* LogLevelName(int level)

@@ -2,6 +2,7 @@
 #include "agent/AgentConfig.h"
 #include "agent/LogOutput.h"
 #include "apps/DropIns.h"
+#include "apps/PeerAccess.h"
 #include "common/QelException.h"
 #include "logging/Log.h"
 
@@ -37,9 +38,26 @@ Everything Load(const std::string& file)
     return everything;
 }
 
+/** Who may attach is looked up when the sockets are made; a name that this host does not know is most likely a typo. */
+void CheckOwners(DropIns& dropIns)
+{
+    for (const ApplicationSettings& application : dropIns.applications)
+    {
+        try
+        {
+            OwnerOf(application);
+        }
+        catch (const QelException& error)
+        {
+            dropIns.problems.push_back(application.name + ".toml: " + error.what());
+        }
+    }
+}
+
 int Check(const std::string& file)
 {
-    const Everything everything = Load(file);
+    Everything everything = Load(file);
+    CheckOwners(everything.applications);
     for (const std::string& warning : everything.config.warnings)
     {
         std::printf("warning: %s\n", warning.c_str());

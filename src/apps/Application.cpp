@@ -311,11 +311,7 @@ void Application::Settle(Item item, const ApplicationVerdict& verdict)
 void Application::Retry(Item item, std::chrono::milliseconds delay)
 {
     ++m_counters.retried;
-    if (!m_delivering)
-    {
-        LetGo(item);
-    }
-    else if (item.tries >= m_settings.maxTries)
+    if (item.tries >= m_settings.maxTries)
     {
         Bury(item, "too many tries");
     }
@@ -364,14 +360,31 @@ void Application::RemoveSession(std::map<SessionId, Session>::iterator position)
         items.back().redelivered = true;
     }
     m_sessions.erase(position);
+    CountAgainstOldest(items);
     Requeue(std::move(items));
     if (!m_delivering)
     {
-        DropUnanswered(m_pending, false);
+        LeaveBehind(m_pending);
     }
     else if (m_sessions.empty())
     {
         BecomeAbsent();
+    }
+}
+
+void Application::CountAgainstOldest(std::vector<Item>& items)
+{
+    if (items.empty() || !m_delivering)
+    {
+        return;
+    }
+    // An instance that ends over a message most likely ends over the one it has had longest: counting that one keeps
+    // a poisonous message from coming back for ever, and counting no other spares its neighbours.
+    Item& oldest = items.front();
+    if (++oldest.tries >= m_settings.maxTries)
+    {
+        Bury(oldest, "too many tries");
+        items.erase(items.begin());
     }
 }
 
@@ -402,9 +415,30 @@ void Application::Shut(const std::string& why, bool park, Effects& effects)
     {
         m_context.parking.Release(m_name);
     }
-    DropUnanswered(m_pending, false);
+    LeaveBehind(m_pending);
     DropUnanswered(m_behindMarker, false);
     m_flow = ApplicationFlow::parked;
+}
+
+void Application::LeaveBehind(std::deque<Item>& items)
+{
+    for (Item& item : items)
+    {
+        if (item.tries > item.message->GetTries())
+        {
+            // The broker does not know of our tries; the copy in the parking queue carries their count.
+            if (!item.fromParking)
+            {
+                m_context.budget.Release(m_held, item.bytes);
+            }
+            Park(item);
+        }
+        else
+        {
+            LetGo(item);
+        }
+    }
+    items.clear();
 }
 
 void Application::MergeRetries()

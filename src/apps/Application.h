@@ -126,7 +126,8 @@ class Application : public boost::enable_shared_from_this<Application>
     /** The window that an instance which asks for `wanted` gets. */
     std::uint32_t EffectiveWindow(std::uint32_t wanted) const;
 
-    /** The connection to the broker is gone: what no instance has in its hands is dropped, the broker delivers it again. */
+    /** The connection to the broker is gone: what no instance has in its hands is dropped, the broker delivers it
+     * again. */
     void DropUnsent();
 
     /** Hands out nothing more; verdicts are still taken. */
@@ -200,6 +201,8 @@ class Application : public boost::enable_shared_from_this<Application>
     void Requeue(std::vector<Item> items);
     void RemoveSession(std::map<SessionId, Session>::iterator position);
     void Shut(const std::string& why, bool park, Effects& effects);
+    void CountAgainstOldest(std::vector<Item>& items);
+    void LeaveBehind(std::deque<Item>& items);
     void MergeRetries();
     void DropUnanswered(std::deque<Item>& items, bool onlyParked);
     std::uint32_t WindowFor(std::uint32_t wanted) const;

@@ -15,7 +15,8 @@ namespace
 constexpr std::chrono::seconds helloDeadline{10};
 constexpr std::size_t longestInstance = 64;
 constexpr std::size_t longestReason = 1024;
-constexpr std::uint32_t longestRetryDelay = 3600000;
+/** Well below the 30 min after which RabbitMQ closes the channel of a consumer that does not answer. */
+constexpr std::uint32_t longestRetryDelay = 900000;
 constexpr int mostInBatch = 64;
 constexpr std::size_t mostBytesInBatch = 1048576;
 constexpr std::size_t mostBytesKept = 65536;
@@ -56,7 +57,7 @@ std::string Check(const proto::Verdict& verdict)
     if (verdict.retry_delay_ms() > longestRetryDelay)
     {
         return SFormat(
-            "retry_delay_ms for delivery %llu is %u: the longest delay is %u, an hour", id, verdict.retry_delay_ms(),
+            "retry_delay_ms for delivery %llu is %u: the longest delay is %u, a quarter of an hour", id, verdict.retry_delay_ms(),
             longestRetryDelay);
     }
     return "";

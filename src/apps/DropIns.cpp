@@ -13,7 +13,8 @@ namespace
 {
 
 constexpr StrictToml::Range windowRange{1, 65535};
-constexpr StrictToml::Range ackTimeoutRange{1, 86400};
+/** Well below the 30 min after which RabbitMQ closes the channel of a consumer that does not answer. */
+constexpr StrictToml::Range ackTimeoutRange{1, 900};
 constexpr StrictToml::Range maxTriesRange{1, 1000000};
 constexpr StrictToml::Range maxHeldBytesRange{1, std::int64_t{1} << 40U};
 

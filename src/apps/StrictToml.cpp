@@ -38,6 +38,7 @@ class StrictToml::Document
         {
             m_problems.push_back(At(error.source()) + std::string(error.description()));
         }
+        m_readable = m_problems.empty();
     }
 
     const toml::node* Find(const std::string& key)
@@ -48,6 +49,11 @@ class StrictToml::Document
 
     void Fail(const toml::node* node, const std::string& key, const std::string& text)
     {
+        if (!m_readable)
+        {
+            // The one problem is known; that keys are missing follows from it.
+            return;
+        }
         m_problems.push_back((node == nullptr ? m_file + ": " : At(node->source())) + key + " " + text);
     }
 
@@ -84,6 +90,7 @@ class StrictToml::Document
     const std::string m_file;
     toml::table m_table;
     std::set<std::string> m_known;
+    bool m_readable = false;
 };
 
 StrictToml::StrictToml(const std::string& file) : m_document(std::make_unique<Document>(file)) {}

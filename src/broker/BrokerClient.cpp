@@ -14,7 +14,8 @@ namespace VtxQel
 namespace
 {
 
-/** How long a request of the handler may take, reconnects included: longer than a quorum queue's fail-over (6 to 12 s). */
+/** How long a request of the handler may take, reconnects included: longer than a quorum queue's fail-over (6 to 12 s).
+ */
 constexpr std::chrono::seconds REQUEST_BUDGET{30};
 constexpr std::chrono::seconds PING_REPLY_BUDGET{5};
 constexpr std::chrono::seconds PARKING_RETRY{1};
@@ -38,9 +39,8 @@ BrokerClient::BrokerClient(
       m_topology(*this, journal, *m_info), m_link(m_settings.link, *this),
       m_settlement(
           m_link, *m_info, m_worker,
-          [this](const std::string& queue) {
-              return m_link.DeclareQueue(PlainQueue(queue, 0), REQUEST_BUDGET).answer == Answer::ok;
-          }),
+          [this](const std::string& queue)
+          { return m_link.DeclareQueue(PlainQueue(queue, 0), REQUEST_BUDGET).answer == Answer::ok; }),
       m_lanes(std::move(registry), m_info, m_settlement, m_timers)
 {
     m_settlement.SetHeldObserver([this](std::size_t bytes) { OnHeld(bytes); });
@@ -74,9 +74,15 @@ void BrokerClient::Stop(std::chrono::milliseconds budget)
     m_worker.Stop();
 }
 
-bool BrokerClient::CancelQueue(const std::string& queue) { return m_topology.Cancel(queue); }
+bool BrokerClient::CancelQueue(const std::string& queue)
+{
+    return m_topology.Cancel(queue);
+}
 
-bool BrokerClient::DeclareQueue(const std::string& queue) { return m_topology.Declare(queue); }
+bool BrokerClient::DeclareQueue(const std::string& queue)
+{
+    return m_topology.Declare(queue);
+}
 
 bool BrokerClient::BindTopic(const std::string& queue, const std::string& exchange, const std::string& topic)
 {
@@ -103,9 +109,8 @@ bool BrokerClient::SendPingReply(
         return false;
     }
     auto answered = std::make_shared<std::promise<PublishResult>>();
-    m_link.Publish(std::move(reply), [answered](PublishResult result, const std::string&) {
-        answered->set_value(result);
-    });
+    m_link.Publish(
+        std::move(reply), [answered](PublishResult result, const std::string&) { answered->set_value(result); });
     return answered->get_future().get() == PublishResult::confirmed;
 }
 
@@ -120,16 +125,18 @@ void BrokerClient::StopParking(const std::string& application, bool giveBack)
 {
     const std::lock_guard lock(m_parkingMutex);
     m_parking.erase(application);
-    m_worker.Post([this, queue = m_settlement.ParkingQueue(application), giveBack] {
-        if (giveBack)
+    m_worker.Post(
+        [this, queue = m_settlement.ParkingQueue(application), giveBack]
         {
-            m_link.ReleaseQueue(queue, REQUEST_BUDGET);
-        }
-        else
-        {
-            m_link.CancelQueue(queue, REQUEST_BUDGET);
-        }
-    });
+            if (giveBack)
+            {
+                m_link.ReleaseQueue(queue, REQUEST_BUDGET);
+            }
+            else
+            {
+                m_link.CancelQueue(queue, REQUEST_BUDGET);
+            }
+        });
 }
 
 void BrokerClient::ReconcileParking(const std::string& application)
@@ -173,7 +180,10 @@ DesiredTopology BrokerClient::OnConnected()
     return desired;
 }
 
-void BrokerClient::OnRestored() { m_events.restored(); }
+void BrokerClient::OnRestored()
+{
+    m_events.restored();
+}
 
 void BrokerClient::OnRestoreFailed(const std::string& what, const RequestResult& result)
 {
@@ -222,8 +232,7 @@ RequestResult BrokerClient::Unbind(const Binding& binding)
 
 RequestResult BrokerClient::Consume(const std::string& queue)
 {
-    return WhileReading(
-        [&] { return m_link.DeclareQueue(PlainQueue(queue, m_settings.prefetch), REQUEST_BUDGET); });
+    return WhileReading([&] { return m_link.DeclareQueue(PlainQueue(queue, m_settings.prefetch), REQUEST_BUDGET); });
 }
 
 RequestResult BrokerClient::StopConsuming(const std::string& queue)

@@ -50,12 +50,12 @@ struct BrokerEvents
 };
 
 /**
- * BrokerClient is the agent's client of the broker: it keeps the agent's queues, bindings and consumers in place, brings
- * deliveries through lanes to the handlers of their routes, and carries out the handler's requests.
+ * BrokerClient is the agent's client of the broker: it keeps the agent's queues, bindings and consumers in place,
+ * brings deliveries through lanes to the handlers of their routes, and carries out the handler's requests.
  *
  * The requests are synchronous, for any thread but the link's, with a budget of 30 s that spans reconnects. A refusal
- * is `false`; when no answer can be had BindTopic and DeclareQueue throw RmqConnectionException, CancelQueue returns true
- * (the consumer went with its connection) and UnbindTopic returns false, which makes the handler end the process.
+ * is `false`; when no answer can be had BindTopic and DeclareQueue throw RmqConnectionException, CancelQueue returns
+ * true (the consumer went with its connection) and UnbindTopic returns false, which makes the handler end the process.
  */
 class BrokerClient : public RmqClient, private LinkListener, private TopologyPort
 {
@@ -89,7 +89,8 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     LinkStatus Status() const { return m_link.Status(); }
     std::size_t Waiting(LaneKind lane) const { return m_lanes.Waiting(lane); }
 
-    /** Consumes an application's parking queue with this many unsettled ahead. Does not wait; repeated until it works. */
+    /** Consumes an application's parking queue with this many unsettled ahead. Does not wait; repeated until it works.
+     */
     void ConsumeParking(const std::string& application, std::uint16_t prefetch);
     /** Stops that. @param giveBack whether what is unsettled goes back to the queue, in its order. */
     void StopParking(const std::string& application, bool giveBack);

@@ -101,7 +101,10 @@ BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement,
     m_settlement.Hold(m_incoming.body.size());
 }
 
-BrokerMessage::~BrokerMessage() { m_settlement.Release(m_incoming.body.size()); }
+BrokerMessage::~BrokerMessage()
+{
+    m_settlement.Release(m_incoming.body.size());
+}
 
 boost::shared_ptr<RmqBody> BrokerMessage::GetBody() const
 {
@@ -116,9 +119,9 @@ const std::string& BrokerMessage::GetAppName() const
     {
         return appId;
     }
-    std::call_once(m_named, [this] {
-        m_appName = m_parkedFor.empty() ? m_names(m_incoming.queue, m_incoming.routingKey, "") : m_parkedFor;
-    });
+    std::call_once(
+        m_named, [this]
+        { m_appName = m_parkedFor.empty() ? m_names(m_incoming.queue, m_incoming.routingKey, "") : m_parkedFor; });
     return m_appName;
 }
 
@@ -128,9 +131,8 @@ std::string BrokerMessage::ToString() const
     return "{queue: " + Printable(m_incoming.queue) + ", exchange: " + Printable(m_incoming.exchange) +
            ", routing key: " + Printable(m_incoming.routingKey) + ", type: " + Printable(properties.type) +
            ", app-id: " + Printable(properties.appId) + ", message-id: " + Printable(properties.messageId) +
-           ", delivery tag: " + std::to_string(m_incoming.tag.tag) +
-           (m_incoming.redelivered ? ", redelivered" : "") + ", body: " + std::to_string(m_incoming.body.size()) +
-           " bytes}";
+           ", delivery tag: " + std::to_string(m_incoming.tag.tag) + (m_incoming.redelivered ? ", redelivered" : "") +
+           ", body: " + std::to_string(m_incoming.body.size()) + " bytes}";
 }
 
 boost::shared_ptr<Receipt> BrokerMessage::Expect(const std::string& application)
@@ -139,7 +141,10 @@ boost::shared_ptr<Receipt> BrokerMessage::Expect(const std::string& application)
     return boost::make_shared<BrokerReceipt>(shared_from_this(), m_settlement, application);
 }
 
-void BrokerMessage::Accept() { Resolve(); }
+void BrokerMessage::Accept()
+{
+    Resolve();
+}
 
 void BrokerMessage::Refuse(const std::string& reason)
 {
@@ -159,9 +164,9 @@ void BrokerMessage::Unpark()
     RmqProperties& properties = *m_incoming.properties;
     RmqTable& headers = properties.headers;
     m_tries = CountIn(headers, Header::TRIES);
-    std::erase_if(headers, [](const auto& header) {
-        return header.first == Header::TRIES || header.first == Header::TIME || header.first == DELIVERY_COUNT;
-    });
+    std::erase_if(
+        headers, [](const auto& header)
+        { return header.first == Header::TRIES || header.first == Header::TIME || header.first == DELIVERY_COUNT; });
     m_incoming.exchange = TakeText(headers, Header::EXCHANGE);
     m_incoming.routingKey = TakeText(headers, Header::ROUTING_KEY);
     m_incoming.queue = TakeText(headers, Header::QUEUE);
@@ -179,7 +184,8 @@ void BrokerMessage::Unpark()
 std::uint32_t BrokerMessage::CountedTries() const
 {
     const std::uint32_t counted = std::max(
-        CountIn(m_incoming.properties->headers, DELIVERY_COUNT), CountIn(m_incoming.properties->headers, Header::TRIES));
+        CountIn(m_incoming.properties->headers, DELIVERY_COUNT),
+        CountIn(m_incoming.properties->headers, Header::TRIES));
     return counted == 0 && m_incoming.redelivered ? 1 : counted;
 }
 

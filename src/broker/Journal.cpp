@@ -49,9 +49,15 @@ std::string ColumnBytes(sqlite3_stmt* statement, int column)
 
 } // namespace
 
-void Journal::Closer::operator()(sqlite3* database) const { sqlite3_close_v2(database); }
+void Journal::Closer::operator()(sqlite3* database) const
+{
+    sqlite3_close_v2(database);
+}
 
-void Journal::Closer::operator()(sqlite3_stmt* statement) const { sqlite3_finalize(statement); }
+void Journal::Closer::operator()(sqlite3_stmt* statement) const
+{
+    sqlite3_finalize(statement);
+}
 
 Journal::Journal(const std::string& file) : m_file(file)
 {
@@ -76,8 +82,9 @@ Journal::Journal(const std::string& file) : m_file(file)
     {
         Open();
         QEL_LOG(
-            vtx::LevelWarning, "journal begun anew; the old one is kept as %s.corrupt, the applications' configurations "
-                              "are asked for again",
+            vtx::LevelWarning,
+            "journal begun anew; the old one is kept as %s.corrupt, the applications' configurations "
+            "are asked for again",
             file.c_str());
     }
     catch (const JournalError& error)
@@ -91,8 +98,8 @@ Journal::~Journal() = default;
 void Journal::Open()
 {
     sqlite3* raw = nullptr;
-    const int status =
-        sqlite3_open_v2(m_file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+    const int status = sqlite3_open_v2(
+        m_file.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     m_database.reset(raw);
     if (status != SQLITE_OK)
     {
@@ -271,8 +278,9 @@ void Journal::Degrade(const std::string& why)
     if (!m_degraded)
     {
         QEL_LOG(
-            vtx::LevelWarning, "journal %s cannot be written: %s. The agent goes on without it; after a restart the "
-                              "applications' configurations are needed again",
+            vtx::LevelWarning,
+            "journal %s cannot be written: %s. The agent goes on without it; after a restart the "
+            "applications' configurations are needed again",
             m_file.c_str(), why.c_str());
     }
     m_degraded = true;

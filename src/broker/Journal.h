@@ -55,9 +55,9 @@ struct JournalChange
  * list bindings, and durable queues keep them.
  *
  * Changes are made before (intent) and after (result) the broker is asked, each Write in one transaction that survives
- * the death of this process at any instant. Failure does not throw: the journal is then `degraded`, says so once, and the
- * next Write replaces the whole content by the caller's snapshot, so that it is never half true. Not thread-safe: the
- * topology that owns it locks.
+ * the death of this process at any instant. Failure does not throw: the journal is then `degraded`, says so once, and
+ * the next Write replaces the whole content by the caller's snapshot, so that it is never half true. Not thread-safe:
+ * the topology that owns it locks.
  */
 class Journal
 {

@@ -3,13 +3,13 @@
 #include "common/MessageTypes.h"
 #include "logging/Log.h"
 
-#include <pthread.h>
-
 #include <algorithm>
 #include <chrono>
 #include <exception>
 #include <string>
 #include <utility>
+
+#include <pthread.h>
 
 namespace VtxQel
 {
@@ -55,7 +55,10 @@ Lanes::Lanes(
 {
 }
 
-Lanes::~Lanes() { Stop(); }
+Lanes::~Lanes()
+{
+    Stop();
+}
 
 void Lanes::Start()
 {

@@ -37,9 +37,9 @@ enum class LaneKind : std::size_t
  * many topics delays neither a ping nor an application's messages.
  *
  * A message is handed to the handler that the routing registry names for its routing key, else for its queue. What the
- * handler accepts is settled when its receivers have answered; what it refuses is dead-lettered; one whose handling ends
- * with an exception is held and tried again, after 1, 2, 4 … 60 s, and dead-lettered after the fifth try. The lane of
- * configurations waits for such a message, the others go on. Bounded by the broker's prefetch.
+ * handler accepts is settled when its receivers have answered; what it refuses is dead-lettered; one whose handling
+ * ends with an exception is held and tried again, after 1, 2, 4 … 60 s, and dead-lettered after the fifth try. The lane
+ * of configurations waits for such a message, the others go on. Bounded by the broker's prefetch.
  */
 class Lanes
 {

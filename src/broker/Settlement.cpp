@@ -40,10 +40,13 @@ RmqProperties CopiedProperties(const RmqProperties& original, const RmqTable& ad
 {
     RmqProperties copy = original;
     copy.deliveryMode = 2;
-    std::erase_if(copy.headers, [&added](const auto& header) {
-        return std::any_of(
-            added.begin(), added.end(), [&header](const auto& ours) { return ours.first == header.first; });
-    });
+    std::erase_if(
+        copy.headers,
+        [&added](const auto& header)
+        {
+            return std::any_of(
+                added.begin(), added.end(), [&header](const auto& ours) { return ours.first == header.first; });
+        });
     for (auto& header : copy.headers)
     {
         if (header.first == "CC")
@@ -72,15 +75,18 @@ Settlement::Settlement(
 {
 }
 
-void Settlement::Ack(const BrokerMessage& message) { m_link.Settle(message.Incoming().tag, SettleAs::ack); }
+void Settlement::Ack(const BrokerMessage& message)
+{
+    m_link.Settle(message.Incoming().tag, SettleAs::ack);
+}
 
 void Settlement::DeadLetter(
     const boost::shared_ptr<BrokerMessage>& message, const std::string& application, const std::string& reason,
     std::uint32_t tries)
 {
     QEL_LOG(
-        vtx::LevelWarning, "dead-lettered for application %s: %s. %s", application.empty() ? "(none)" : application.c_str(),
-        reason.c_str(), message->ToString().c_str());
+        vtx::LevelWarning, "dead-lettered for application %s: %s. %s",
+        application.empty() ? "(none)" : application.c_str(), reason.c_str(), message->ToString().c_str());
     Copy copy{message, m_deadLetterQueue, Origin(message->Incoming(), tries), 0};
     copy.headers.emplace_back(Header::REASON, RmqValue::String(reason));
     copy.headers.emplace_back(Header::APPLICATION, RmqValue::String(application));
@@ -102,11 +108,14 @@ void Settlement::Mark(
     marker.properties.headers = headers;
     marker.properties.deliveryMode = 2;
     marker.mandatory = true;
-    OncePresent(marker.routingKey, [this, marker, completion = std::move(completion)] {
-        m_link.Publish(marker, [completion](PublishResult result, const std::string&) {
-            completion(result == PublishResult::confirmed);
+    OncePresent(
+        marker.routingKey,
+        [this, marker, completion = std::move(completion)]
+        {
+            m_link.Publish(
+                marker, [completion](PublishResult result, const std::string&)
+                { completion(result == PublishResult::confirmed); });
         });
-    });
 }
 
 void Settlement::OncePresent(const std::string& parkingQueue, std::function<void()> publish)
@@ -126,7 +135,10 @@ void Settlement::OncePresent(const std::string& parkingQueue, std::function<void
     }
 }
 
-std::string Settlement::ParkingQueue(const std::string& application) const { return m_parkingPrefix + application; }
+std::string Settlement::ParkingQueue(const std::string& application) const
+{
+    return m_parkingPrefix + application;
+}
 
 std::string Settlement::ParkedApplication(const std::string& queue) const
 {
@@ -163,9 +175,8 @@ void Settlement::Publish(Copy copy)
     outgoing.body = copy.message->Incoming().body;
     outgoing.mandatory = true;
     m_link.Publish(
-        std::move(outgoing), [this, copy = std::move(copy)](PublishResult result, const std::string& why) {
-            OnPublished(copy, result, why);
-        });
+        std::move(outgoing), [this, copy = std::move(copy)](PublishResult result, const std::string& why)
+        { OnPublished(copy, result, why); });
 }
 
 void Settlement::OnPublished(Copy copy, PublishResult result, const std::string& why)
@@ -182,8 +193,9 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
     if (result == PublishResult::refused)
     {
         QEL_LOG(
-            vtx::LevelWarning, "queue %s does not take a copy (%s); the message goes to its own queue's dead-letter "
-                              "exchange: %s",
+            vtx::LevelWarning,
+            "queue %s does not take a copy (%s); the message goes to its own queue's dead-letter "
+            "exchange: %s",
             copy.queue.c_str(), why.c_str(), copy.message->ToString().c_str());
         // The share stays open, so that no ack follows when the other receivers are done.
         m_link.Settle(copy.message->Incoming().tag, SettleAs::reject);
@@ -191,13 +203,16 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
     }
     const auto delay = FIRST_DELAY * (1U << std::min(copy.attempt++, MOST_DOUBLINGS));
     const bool missing = result == PublishResult::noRoute;
-    m_worker.After(delay, [this, missing, copy = std::move(copy)] {
-        if (missing)
+    m_worker.After(
+        delay,
+        [this, missing, copy = std::move(copy)]
         {
-            m_declare(copy.queue);
-        }
-        Publish(copy);
-    });
+            if (missing)
+            {
+                m_declare(copy.queue);
+            }
+            Publish(copy);
+        });
 }
 
 void Settlement::DeclareParking(const std::string& queue)

@@ -50,7 +50,8 @@ class Settlement
      * @param declare declares a parking queue and returns whether it exists now.
      */
     Settlement(
-        BrokerLink& link, const RmqInfo& info, Scheduler& worker, std::function<bool(const std::string& queue)> declare);
+        BrokerLink& link, const RmqInfo& info, Scheduler& worker,
+        std::function<bool(const std::string& queue)> declare);
 
     void Ack(const BrokerMessage& message);
     void DeadLetter(

@@ -248,7 +248,8 @@ bool Topology::Declare(const std::string& queue)
         {
             const std::string owner = known == m_queues.end() ? "the agent" : known->second.users.front();
             QEL_LOG(
-                vtx::LevelWarning, "queue %s belongs to %s; the configuration is refused", queue.c_str(), owner.c_str());
+                vtx::LevelWarning, "queue %s belongs to %s; the configuration is refused", queue.c_str(),
+                owner.c_str());
             return false;
         }
         if (mine && known->second.state == RouteState::inForce)

@@ -31,10 +31,10 @@ class TopologyPort
  * Topology knows which application uses which binding and queue, asks the broker only for what changes, and keeps the
  * journal of it.
  *
- * A configuration is carried out between Begin and End, by one thread at a time; the handler's operations in between are
- * the application's. What the new configuration wants again in the same place is neither unbound nor bound, so that no
- * message for it is lost and an unchanged configuration costs no request. A binding that several applications use goes
- * when its last user goes. What could not be removed stays as an orphan until RemoveOrphans succeeds.
+ * A configuration is carried out between Begin and End, by one thread at a time; the handler's operations in between
+ * are the application's. What the new configuration wants again in the same place is neither unbound nor bound, so that
+ * no message for it is lost and an unchanged configuration costs no request. A binding that several applications use
+ * goes when its last user goes. What could not be removed stays as an orphan until RemoveOrphans succeeds.
  *
  * Reading operations may be called from any thread. No lock that they take is held across a request.
  */

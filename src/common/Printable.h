@@ -6,7 +6,8 @@
 namespace VtxQel
 {
 
-/** The text with control characters and backslashes as \xNN, so that what outsiders wrote cannot forge lines of a log. */
+/** The text with control characters and backslashes as \xNN, so that what outsiders wrote cannot forge lines of a log.
+ */
 std::string Printable(std::string_view text);
 
 } // namespace VtxQel

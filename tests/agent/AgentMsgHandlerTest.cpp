@@ -126,8 +126,7 @@ class AgentMsgHandlerTest : public testing::Test
     const boost::shared_ptr<RmqInfo> info = boost::make_shared<RmqInfo>();
     const boost::shared_ptr<RoutingRegistry> registry = boost::make_shared<RoutingRegistry>();
     const boost::shared_ptr<LocalAppRegistry> appRegistry = boost::make_shared<LocalAppRegistry>();
-    const boost::shared_ptr<Fakes::FakeAppDispatcher> dispatcher =
-        boost::make_shared<Fakes::FakeAppDispatcher>(notes);
+    const boost::shared_ptr<Fakes::FakeAppDispatcher> dispatcher = boost::make_shared<Fakes::FakeAppDispatcher>(notes);
     const boost::shared_ptr<EndpointController> endpoint;
     std::optional<Journal> journal;
     std::optional<Topology> topology;
@@ -257,7 +256,8 @@ TEST_F(AgentMsgHandlerTest, AnApplicationCannotTakeOverAQueue)
 TEST_F(AgentMsgHandlerTest, AStopInTheMiddleLeavesEverythingToTheNextProcess)
 {
     ASSERT_TRUE(Configure("web", Config({{"kept", 0}, {"old", 0}})));
-    port.onAsked = [this](const std::string& what) {
+    port.onAsked = [this](const std::string& what)
+    {
         if (what == "unbind normal old")
         {
             topology->Freeze();

@@ -496,6 +496,21 @@ TEST_F(ApplicationTest, AnInstanceThatLeavesWhileStoppingParksNothing)
     EXPECT_THAT(m_log.Take(), IsEmpty());
 }
 
+TEST_F(ApplicationTest, AMessageOverWhichInstancesEndIsDeadAfterTheAllowedTries)
+{
+    auto holder = AttachLive();
+    OfferLive({"poison", "good"});
+    for (int ended = 0; ended < 3; ++ended)
+    {
+        EXPECT_THAT(m_log.Take(), IsEmpty());
+        const auto next = Attach(boost::make_shared<FakeSession>());
+        m_application->Detach(holder);
+        holder = next;
+    }
+    EXPECT_THAT(m_log.Take(), ElementsAre("poison dead:too many tries"));
+    EXPECT_EQ(m_application->Snapshot().inFlight, 1U);
+}
+
 TEST_F(ApplicationTest, WhatWasTriedIsParkedAtAStopSoThatItsCountIsKept)
 {
     const auto id = AttachLive();

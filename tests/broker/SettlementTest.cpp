@@ -204,10 +204,13 @@ class SettlementTest : public testing::Test
     std::string NextDelivery()
     {
         Inbox<std::string> bodies;
-        Begin([&bodies](const boost::shared_ptr<Delivery>& message) {
-            bodies.Put(std::string(reinterpret_cast<const char*>(message->GetBody()->bytes), message->GetBodyLength()));
-            return true;
-        });
+        Begin(
+            [&bodies](const boost::shared_ptr<Delivery>& message)
+            {
+                bodies.Put(
+                    std::string(reinterpret_cast<const char*>(message->GetBody()->bytes), message->GetBodyLength()));
+                return true;
+            });
         const std::string body = bodies.Take().value_or("nothing");
         End();
         return body;
@@ -228,10 +231,12 @@ class SettlementTest : public testing::Test
 TEST_F(SettlementTest, AnAcceptedMessageWithoutReceiversIsAcknowledged)
 {
     Inbox<bool> handled;
-    Begin([&handled](const boost::shared_ptr<Delivery>&) {
-        handled.Put(true);
-        return true;
-    });
+    Begin(
+        [&handled](const boost::shared_ptr<Delivery>&)
+        {
+            handled.Put(true);
+            return true;
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     ASSERT_TRUE(handled.Take());
     End();
@@ -242,10 +247,12 @@ TEST_F(SettlementTest, AnAcceptedMessageWithoutReceiversIsAcknowledged)
 TEST_F(SettlementTest, AMessageIsAcknowledgedWhenItsLastReceiverIsDone)
 {
     Inbox<std::pair<boost::shared_ptr<Receipt>, boost::shared_ptr<Receipt>>> receipts;
-    Begin([&receipts](const boost::shared_ptr<Delivery>& message) {
-        receipts.Put({message->Expect("web"), message->Expect("mail")});
-        return true;
-    });
+    Begin(
+        [&receipts](const boost::shared_ptr<Delivery>& message)
+        {
+            receipts.Put({message->Expect("web"), message->Expect("mail")});
+            return true;
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     auto both = receipts.Take();
     ASSERT_TRUE(both);
@@ -260,12 +267,14 @@ TEST_F(SettlementTest, AMessageIsAcknowledgedWhenItsLastReceiverIsDone)
 TEST_F(SettlementTest, AMessageThatOneReceiverHasNotAnsweredStaysWithTheBroker)
 {
     Inbox<bool> handled;
-    Begin([this, &handled](const boost::shared_ptr<Delivery>& message) {
-        message->Expect("web")->Done();
-        kept.push_back(message->Expect("mail"));
-        handled.Put(true);
-        return true;
-    });
+    Begin(
+        [this, &handled](const boost::shared_ptr<Delivery>& message)
+        {
+            message->Expect("web")->Done();
+            kept.push_back(message->Expect("mail"));
+            handled.Put(true);
+            return true;
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     ASSERT_TRUE(handled.Take());
     End();
@@ -274,10 +283,12 @@ TEST_F(SettlementTest, AMessageThatOneReceiverHasNotAnsweredStaysWithTheBroker)
 
 TEST_F(SettlementTest, ADeadMessageGoesToTheDeadLetterQueueWithReasonAndOrigin)
 {
-    Begin([](const boost::shared_ptr<Delivery>& message) {
-        message->Expect("web")->Dead("cannot be parsed", 3);
-        return true;
-    });
+    Begin(
+        [](const boost::shared_ptr<Delivery>& message)
+        {
+            message->Expect("web")->Dead("cannot be parsed", 3);
+            return true;
+        });
     RmqProperties properties;
     properties.type = "order";
     properties.expiration = "3600000";
@@ -314,10 +325,12 @@ TEST_F(SettlementTest, ARefusedMessageIsDeadLetteredAsTakenByNobody)
 TEST_F(SettlementTest, AMessageWhoseHandlingThrowsIsDeadLetteredAfterFiveTries)
 {
     std::atomic<int> tries{0};
-    Begin([&tries](const boost::shared_ptr<Delivery>& message) -> bool {
-        ++tries;
-        throw std::runtime_error("no luck with " + std::to_string(message->GetBodyLength()) + " bytes");
-    });
+    Begin(
+        [&tries](const boost::shared_ptr<Delivery>& message) -> bool
+        {
+            ++tries;
+            throw std::runtime_error("no luck with " + std::to_string(message->GetBodyLength()) + " bytes");
+        });
     outsider.Publish(settings.names.clientQueue, "cursed");
     const auto letter = outsider.Get(Plain(settings.names.deadLetterQueue));
     ASSERT_TRUE(letter);
@@ -329,14 +342,16 @@ TEST_F(SettlementTest, WhatAnExceptionHeldBackIsHandledAtALaterTry)
 {
     std::atomic<int> tries{0};
     Inbox<bool> handled;
-    Begin([&tries, &handled](const boost::shared_ptr<Delivery>&) {
-        if (++tries == 1)
+    Begin(
+        [&tries, &handled](const boost::shared_ptr<Delivery>&)
         {
-            throw std::runtime_error("not yet");
-        }
-        handled.Put(true);
-        return true;
-    });
+            if (++tries == 1)
+            {
+                throw std::runtime_error("not yet");
+            }
+            handled.Put(true);
+            return true;
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     EXPECT_TRUE(handled.Take());
     End();
@@ -347,11 +362,13 @@ TEST_F(SettlementTest, WhatAnExceptionHeldBackIsHandledAtALaterTry)
 TEST_F(SettlementTest, WhatTheAgentHoldsWhenItStopsIsDeliveredAgain)
 {
     Inbox<bool> handled;
-    Begin([this, &handled](const boost::shared_ptr<Delivery>& message) {
-        kept.push_back(message->Expect("web"));
-        handled.Put(true);
-        return true;
-    });
+    Begin(
+        [this, &handled](const boost::shared_ptr<Delivery>& message)
+        {
+            kept.push_back(message->Expect("web"));
+            handled.Put(true);
+            return true;
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     ASSERT_TRUE(handled.Take());
     End();
@@ -361,14 +378,16 @@ TEST_F(SettlementTest, WhatTheAgentHoldsWhenItStopsIsDeliveredAgain)
 TEST_F(SettlementTest, AnAnswerAfterTheConnectionIsGoneHasNoEffect)
 {
     Inbox<bool> handled;
-    Begin([this, &handled](const boost::shared_ptr<Delivery>& message) {
-        if (kept.empty())
+    Begin(
+        [this, &handled](const boost::shared_ptr<Delivery>& message)
         {
-            kept.push_back(message->Expect("web"));
-        }
-        handled.Put(message->IsRedelivered());
-        return true;
-    });
+            if (kept.empty())
+            {
+                kept.push_back(message->Expect("web"));
+            }
+            handled.Put(message->IsRedelivered());
+            return true;
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     EXPECT_EQ(handled.Take(), false);
     client->MoveTo(0);
@@ -388,20 +407,22 @@ TEST_F(SettlementTest, AParkedMessageComesBackAsItWasInOrder)
         bool operator==(const Seen&) const = default;
     };
     Inbox<Seen> seen;
-    Begin([&seen](const boost::shared_ptr<Delivery>& message) {
-        const boost::shared_ptr<Receipt> receipt = message->Expect("web");
-        if (message->GetParkedFor().empty())
+    Begin(
+        [&seen](const boost::shared_ptr<Delivery>& message)
         {
-            receipt->Park(2);
+            const boost::shared_ptr<Receipt> receipt = message->Expect("web");
+            if (message->GetParkedFor().empty())
+            {
+                receipt->Park(2);
+                return true;
+            }
+            seen.Put(
+                {std::string(reinterpret_cast<const char*>(message->GetBody()->bytes), message->GetBodyLength()),
+                 message->GetRoutingKey(), message->GetQueue(), message->GetParkedFor(),
+                 message->GetProperties()->expiration, message->GetTries()});
+            receipt->Done();
             return true;
-        }
-        seen.Put(
-            {std::string(reinterpret_cast<const char*>(message->GetBody()->bytes), message->GetBodyLength()),
-             message->GetRoutingKey(), message->GetQueue(), message->GetParkedFor(),
-             message->GetProperties()->expiration, message->GetTries()});
-        receipt->Done();
-        return true;
-    });
+        });
     RmqProperties properties;
     properties.expiration = "3600000";
     for (const char* body : {"1", "2", "3"})
@@ -419,23 +440,26 @@ TEST_F(SettlementTest, AParkedMessageComesBackAsItWasInOrder)
 TEST_F(SettlementTest, AMarkerComesBehindWhatWasParkedBefore)
 {
     Inbox<std::string> seen;
-    Begin([&seen](const boost::shared_ptr<Delivery>& message) {
-        const boost::shared_ptr<Receipt> receipt = message->Expect("web");
-        if (message->GetParkedFor().empty())
+    Begin(
+        [&seen](const boost::shared_ptr<Delivery>& message)
         {
-            receipt->Park(0);
-            seen.Put("parked");
+            const boost::shared_ptr<Receipt> receipt = message->Expect("web");
+            if (message->GetParkedFor().empty())
+            {
+                receipt->Park(0);
+                seen.Put("parked");
+                return true;
+            }
+            const bool marker = !message->GetProperties()->headers.empty();
+            seen.Put(marker ? "marker" : "message");
+            receipt->Done();
             return true;
-        }
-        const bool marker = !message->GetProperties()->headers.empty();
-        seen.Put(marker ? "marker" : "message");
-        receipt->Done();
-        return true;
-    });
+        });
     outsider.Publish(settings.names.clientQueue, "first");
     EXPECT_EQ(seen.Take(), "parked");
     Inbox<bool> sent;
-    client->Settling().Mark("web", {{"x-test", RmqValue::Integer(1)}}, [&sent](bool confirmed) { sent.Put(confirmed); });
+    client->Settling().Mark(
+        "web", {{"x-test", RmqValue::Integer(1)}}, [&sent](bool confirmed) { sent.Put(confirmed); });
     EXPECT_EQ(sent.Take(), true);
     client->ConsumeParking("web", 10);
     EXPECT_EQ(seen.Take(), "message");

@@ -20,7 +20,10 @@ RouteRecord Topic(const std::string& name, const std::string& queue = "normal")
     return {"", RouteKind::topic, name, queue, RouteState::intended};
 }
 
-RouteRecord Queue(const std::string& name) { return {"", RouteKind::queue, name, "", RouteState::intended}; }
+RouteRecord Queue(const std::string& name)
+{
+    return {"", RouteKind::queue, name, "", RouteState::intended};
+}
 
 class TopologyTest : public testing::Test
 {
