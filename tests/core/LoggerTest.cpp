@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -228,8 +229,24 @@ TEST(LoggerDeathTest, ThreadsMayLogWhileTheProcessExits)
     EXPECT_EXIT(
         {
             static std::atomic<int> lines{0};
+            static std::atomic<bool> sinkDestroyed{false};
+            // Registered before the logger is first used, so it runs after whatever that would destroy at exit.
+            std::atexit(
+                []
+                {
+                    const int until = lines + 1000;
+                    while (lines < until && !sinkDestroyed)
+                    {
+                        std::this_thread::yield();
+                    }
+                    if (sinkDestroyed)
+                    {
+                        std::_Exit(1);
+                    }
+                });
             vtx::Logger::logLevel = 7;
-            vtx::SetLogSink([](const vtx::LogLine&) { ++lines; });
+            const std::shared_ptr<void> token(nullptr, [](void*) { sinkDestroyed = true; });
+            vtx::SetLogSink([token](const vtx::LogLine&) { ++lines; });
             for (int i = 0; i < 3; ++i)
             {
                 std::thread(
@@ -246,16 +263,6 @@ TEST(LoggerDeathTest, ThreadsMayLogWhileTheProcessExits)
             {
                 std::this_thread::yield();
             }
-            // Registered last, runs first: the exit goes on while a good many more lines are written.
-            std::atexit(
-                []
-                {
-                    const int until = lines + 1000;
-                    while (lines < until)
-                    {
-                        std::this_thread::yield();
-                    }
-                });
             std::exit(0);
         },
         testing::ExitedWithCode(0), "");
