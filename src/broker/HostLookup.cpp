@@ -26,6 +26,15 @@ struct HostLookup::Shared
     Done done;
 };
 
+void HostLookup::Tell(Shared& shared, const Endpoints& endpoints, const std::string& why)
+{
+    // Taken out first: what it calls may destroy the lookup.
+    if (const Done told = std::exchange(shared.done, nullptr))
+    {
+        told(endpoints, why);
+    }
+}
+
 HostLookup::HostLookup(boost::asio::io_context& io, const std::string& host, std::uint16_t port, Done done)
     : m_shared(std::make_shared<Shared>())
 {
@@ -37,15 +46,7 @@ HostLookup::HostLookup(boost::asio::io_context& io, const std::string& host, std
     }
     catch (const std::system_error& e)
     {
-        boost::asio::post(
-            io,
-            [shared = m_shared, why = std::string(e.what())]
-            {
-                if (const Done done = std::exchange(shared->done, nullptr))
-                {
-                    done({}, why);
-                }
-            });
+        boost::asio::post(io, [shared = m_shared, why = std::string(e.what())] { Tell(*shared, {}, why); });
     }
 }
 
@@ -84,15 +85,7 @@ void HostLookup::Run(const std::shared_ptr<Shared>& shared, const std::string& h
     if (shared->io != nullptr)
     {
         boost::asio::post(
-            *shared->io,
-            [shared, endpoints = std::move(endpoints), why]
-            {
-                // Taken out first: what it calls may destroy the lookup.
-                if (const Done done = std::exchange(shared->done, nullptr))
-                {
-                    done(endpoints, why);
-                }
-            });
+            *shared->io, [shared, endpoints = std::move(endpoints), why] { Tell(*shared, endpoints, why); });
     }
 }
 

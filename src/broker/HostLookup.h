@@ -33,6 +33,7 @@ class HostLookup
   private:
     struct Shared;
 
+    static void Tell(Shared& shared, const Endpoints& endpoints, const std::string& why);
     static void Run(const std::shared_ptr<Shared>& shared, const std::string& host, std::uint16_t port);
 
     std::shared_ptr<Shared> m_shared;
