@@ -57,8 +57,8 @@ std::string Check(const proto::Verdict& verdict)
     if (verdict.retry_delay_ms() > longestRetryDelay)
     {
         return SFormat(
-            "retry_delay_ms for delivery %llu is %u: the longest delay is %u, a quarter of an hour", id, verdict.retry_delay_ms(),
-            longestRetryDelay);
+            "retry_delay_ms for delivery %llu is %u: the longest delay is %u, a quarter of an hour", id,
+            verdict.retry_delay_ms(), longestRetryDelay);
     }
     return "";
 }
@@ -229,7 +229,7 @@ std::string AttachSession::TakeHello(const proto::Hello& hello)
     {
         return SFormat("Hello.instance has %zu bytes: shorten it to %zu", hello.instance().size(), longestInstance);
     }
-    const std::string wrong = CheckWindow(hello.window());
+    std::string wrong = CheckWindow(hello.window());
     if (!wrong.empty())
     {
         return wrong;
@@ -283,7 +283,7 @@ std::string AttachSession::TakeVerdicts(const proto::VerdictBatch& batch)
 
 std::string AttachSession::TakeWindow(const proto::WindowUpdate& update)
 {
-    const std::string wrong =
+    std::string wrong =
         update.window() == 0 ? "the window is 0: ask for 1 to 65535 deliveries" : CheckWindow(update.window());
     if (wrong.empty())
     {

@@ -28,6 +28,7 @@ using testing::IsEmpty;
 std::vector<std::string> BodiesOf(const std::vector<proto::Delivery>& deliveries)
 {
     std::vector<std::string> bodies;
+    bodies.reserve(deliveries.size());
     for (const proto::Delivery& delivery : deliveries)
     {
         bodies.push_back(delivery.body());
@@ -107,6 +108,7 @@ TEST_F(GatewayTest, ManyDeliveriesComeInOrderAndInBatches)
     TestClient client(PathOf("first"));
     AttachLive(client, "first");
     std::vector<std::string> bodies;
+    bodies.reserve(400);
     for (int number = 0; number < 400; ++number)
     {
         bodies.push_back(std::to_string(number));
@@ -251,7 +253,7 @@ TEST_F(GatewayTest, AMissingHelloEndsTheStream)
     client.Open();
     // The server counts the ten seconds from the moment that it sees the stream.
     EXPECT_TRUE(Eventually(
-        [this, &client]
+        [this]
         {
             m_timers.Step(std::chrono::seconds(10));
             return m_timers.HasRun();

@@ -168,7 +168,7 @@ class TestClient
         while (Read())
         {
         }
-        const grpc::Status status = m_stream->Finish();
+        grpc::Status status = m_stream->Finish();
         m_stream.reset();
         return status;
     }
