@@ -420,6 +420,16 @@ TEST_F(SlowApplicationTest, LongAbsenceParksTheOlderOnesToo)
     EXPECT_EQ(m_budget.Held().messages, 0U);
 }
 
+TEST_F(SlowApplicationTest, AReturnInTimeEndsTheAbsence)
+{
+    m_application->Detach(m_id);
+    m_timers.Step(seconds(59));
+    Attach(m_session, 1);
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("1"));
+    m_timers.Step(seconds(2));
+    EXPECT_THAT(m_log.Take(), IsEmpty()) << "the second one waits for the first, not for the application";
+}
+
 TEST_F(SlowApplicationTest, AbsenceWhileSwitchingParksWhatWaitedInMemory)
 {
     OfferLive({"10"});
