@@ -337,6 +337,7 @@ TEST_F(Callback, ThreadsMayCallItAtOnce)
     const auto dispatcher = boost::make_shared<Counting>(dispatched);
     QelMsgHandler shared(routingRegistry, appRegistry, dispatcher, rmqClient, rmqInfo, endpointController);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i)
     {
         threads.emplace_back(

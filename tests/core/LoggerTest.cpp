@@ -199,6 +199,7 @@ TEST(Logger, SinkAndLevelMayChangeWhileOtherThreadsLog)
     const vtx::LogSink count = [&lines](const vtx::LogLine&) { ++lines; };
     const vtx::LogSink before = vtx::SetLogSink(count);
     std::vector<std::thread> threads;
+    threads.reserve(threadCount);
     for (int i = 0; i < threadCount; ++i)
     {
         threads.emplace_back(

@@ -83,7 +83,7 @@ TEST(RoutingRegistryEntry, DestroyingItReleasesItsHandler)
     EXPECT_EQ(handler.use_count(), 1);
 }
 
-TEST(RoutingRegistry, FindOfAnAbsentKeyIsEmptyAndInsertsNothing)
+TEST(RoutingRegistry, FindOfAnAbsentKeyIsEmptyAndMakesNoDifference)
 {
     const LogCapture log(7);
     RoutingRegistry registry;
@@ -216,6 +216,16 @@ TEST(RoutingRegistry, RemoveReturnsWhetherOneElementWasErased)
     EXPECT_EQ(log.Lines(), Strings());
 }
 
+// Shown by Remove, which counts what it erases: had Find inserted the key, there would be something to erase.
+TEST(RoutingRegistry, FindNeverInserts)
+{
+    const LogCapture log(2);
+    WatchedRegistry registry;
+    EXPECT_FALSE(registry.Find("key"));
+    registry.answer = Entry();
+    EXPECT_FALSE(registry.Remove("key"));
+}
+
 TEST(RoutingRegistry, RemoveDropsTheEntryFoundBeforeItErases)
 {
     WatchedRegistry registry;
@@ -266,6 +276,7 @@ TEST(RoutingRegistry, ThreadsMayUseItAtOnce)
     const LogCapture log(1);
     RoutingRegistry registry;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int thread = 0; thread < 4; ++thread)
     {
         threads.emplace_back(
