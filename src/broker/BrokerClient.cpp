@@ -39,8 +39,7 @@ BrokerClient::BrokerClient(
       m_topology(*this, journal, *m_info), m_link(m_settings.link, *this),
       m_settlement(
           m_link, *m_info, m_worker,
-          [this](const std::string& queue)
-          { return m_link.DeclareQueue(PlainQueue(queue, 0), REQUEST_BUDGET).answer == Answer::ok; }),
+          [this](const std::string& queue) { return DeclareParking(PlainQueue(queue, 0)).answer == Answer::ok; }),
       m_lanes(std::move(registry), m_info, m_settlement, m_timers)
 {
     m_settlement.SetHeldObserver([this](std::size_t bytes) { OnHeld(bytes); });
@@ -128,14 +127,11 @@ void BrokerClient::StopParking(const std::string& application, bool giveBack)
     m_worker.Post(
         [this, queue = m_settlement.ParkingQueue(application), giveBack]
         {
-            if (giveBack)
-            {
-                m_link.ReleaseQueue(queue, REQUEST_BUDGET);
-            }
-            else
-            {
-                m_link.CancelQueue(queue, REQUEST_BUDGET);
-            }
+            WhileReading(
+                [&] {
+                    return giveBack ? m_link.ReleaseQueue(queue, REQUEST_BUDGET)
+                                    : m_link.CancelQueue(queue, REQUEST_BUDGET);
+                });
         });
 }
 
@@ -151,7 +147,7 @@ void BrokerClient::ReconcileParking(const std::string& application)
         }
         queue = PlainQueue(m_settlement.ParkingQueue(application), wanted->second);
     }
-    const RequestResult result = m_link.DeclareQueue(queue, REQUEST_BUDGET);
+    const RequestResult result = DeclareParking(queue);
     if (result.answer != Answer::ok)
     {
         QEL_LOG(
@@ -238,6 +234,11 @@ RequestResult BrokerClient::Consume(const std::string& queue)
 RequestResult BrokerClient::StopConsuming(const std::string& queue)
 {
     return WhileReading([&] { return m_link.CancelQueue(queue, REQUEST_BUDGET); });
+}
+
+RequestResult BrokerClient::DeclareParking(const QueueSpec& queue)
+{
+    return WhileReading([&] { return m_link.DeclareQueue(queue, REQUEST_BUDGET); });
 }
 
 QueueSpec BrokerClient::OwnQueue(const std::string& name) const

@@ -110,6 +110,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     RequestResult Consume(const std::string& queue) override;
     RequestResult StopConsuming(const std::string& queue) override;
 
+    RequestResult DeclareParking(const QueueSpec& queue);
     QueueSpec OwnQueue(const std::string& name) const;
     QueueSpec PlainQueue(const std::string& name, std::uint16_t prefetch) const;
     void ReconcileParking(const std::string& application);
