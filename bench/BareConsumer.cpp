@@ -57,14 +57,16 @@ amqp_connection_state_t Connect(std::string url)
     return connection;
 }
 
-/** Consumes and acknowledges so many messages. */
-void Consume(amqp_connection_state_t connection, std::uint64_t messages, std::uint64_t batch)
+/** Consumes and acknowledges so many messages; the seconds from the first to the last. */
+double Consume(amqp_connection_state_t connection, std::uint64_t messages, std::uint64_t batch)
 {
+    std::chrono::steady_clock::time_point start;
     for (std::uint64_t i = 1; i <= messages; ++i)
     {
         amqp_maybe_release_buffers(connection);
         amqp_envelope_t envelope;
         Require(amqp_consume_message(connection, &envelope, nullptr, 0), "consuming");
+        start = i == 1 ? std::chrono::steady_clock::now() : start;
         const std::uint64_t tag = envelope.delivery_tag;
         amqp_destroy_envelope(&envelope);
         if (i % batch == 0 || i == messages)
@@ -72,6 +74,7 @@ void Consume(amqp_connection_state_t connection, std::uint64_t messages, std::ui
             amqp_basic_ack(connection, 1, tag, batch > 1);
         }
     }
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 void Run(const std::string& url, const std::string& queue, std::uint64_t messages, int prefetch, std::uint64_t batch)
@@ -80,15 +83,13 @@ void Run(const std::string& url, const std::string& queue, std::uint64_t message
     amqp_basic_qos(connection, 1, 0, static_cast<std::uint16_t>(prefetch), 0);
     Require(amqp_get_rpc_reply(connection), "setting the prefetch");
     const double cpu = CpuSeconds();
-    const auto start = std::chrono::steady_clock::now();
     amqp_basic_consume(connection, 1, amqp_cstring_bytes(queue.c_str()), amqp_empty_bytes, 0, 0, 0, amqp_empty_table);
     Require(amqp_get_rpc_reply(connection), "consuming");
-    Consume(connection, messages, batch);
-    const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
+    const double seconds = Consume(connection, messages, batch);
     const auto count = static_cast<double>(messages);
     std::printf(
         "%.0f messages/s, %.2f us CPU per message (%.0f messages, prefetch %d, acknowledged by %.0f)\n",
-        count / elapsed.count(), (CpuSeconds() - cpu) * 1e6 / count, count, prefetch, static_cast<double>(batch));
+        count / seconds, (CpuSeconds() - cpu) * 1e6 / count, count, prefetch, static_cast<double>(batch));
     amqp_connection_close(connection, AMQP_REPLY_SUCCESS);
     amqp_destroy_connection(connection);
 }

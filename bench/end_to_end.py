@@ -6,8 +6,8 @@ Both drain the same queue on the same broker in turns, so that a slow minute of 
 runs and their ratio count, single figures do not. The bare consumer is run acknowledging each message and acknowledging
 them by the hundred: the agent batches, too. Expect a ratio of at least 0.8.
 
-The agent is halted while its queue is filled: it finds the queue full, the application attached, and starts. Its
-processor time is that of the whole process, from the start to the last verdict.
+Who drains is connected and halted while the queue is filled, then goes on: the broker keeps a queue that has a consumer
+in another state than one that has none. The agent's processor time is that of the whole process, to the last verdict.
 
 Nothing is written but the table on the standard output.
 """
@@ -67,6 +67,7 @@ class Bench:
                         self.agent.client_queue, "--app-id", APPLICATION, "--persistent", "--mandatory", "--count",
                         str(self.options.messages), "--body-file", self.body],
                        check=True, stdout=subprocess.DEVNULL, timeout=600)
+        self.expect_left(self.options.messages)
 
     def through_the_agent(self):
         """One run: (messages a second, the agent's microseconds a message)."""
@@ -87,29 +88,53 @@ class Bench:
             if status != 0:
                 raise RuntimeError(f"the consumer ended with status {status}: {tail(output)}{self.agent.log_tail()}")
             result = json.loads(output.read_text(encoding="utf-8").splitlines()[-1])
-            self.expect_empty()
+            self.expect_left(0)
         finally:
             end(consumer)
             self.agent.signal(signal.SIGCONT)
             self.agent.stop()
+        self.wait_for_no_connection()
         return result["messages"] / result["seconds"], used * 1e6 / result["messages"]
 
-    def expect_empty(self):
-        """The broker has got every acknowledgement and nothing is left, parked or dead."""
-        queues = wait_until(lambda: (found := self.node.list_queues()) and
-                            found[self.agent.client_queue]["messages"] == 0 and found, "the client queue to be empty")
-        left = {name: row["messages"] for name, row in queues.items() if row["messages"]}
-        if left:
-            raise RuntimeError(f"messages are left in queues: {left}")
+    def expect_left(self, count):
+        """The client queue holds so many messages, acknowledgements included, and no other queue any."""
+        wanted = {self.agent.client_queue: count} if count else {}
+        left = {}
+
+        def as_wanted():
+            left.clear()
+            left.update({name: row["messages"] for name, row in self.node.list_queues().items() if row["messages"]})
+            return left == wanted
+
+        wait_until(as_wanted, f"the queues to hold {wanted}", 20, lambda: f"they hold {left}")
 
     def bare(self, batch):
         """One run of the bare consumer: (messages a second, its microseconds a message)."""
-        self.fill()
-        done = subprocess.run([self.build / "bench/qel_bare_consumer", self.node.url(), self.agent.client_queue,
-                               str(self.options.messages), str(PREFETCH), str(batch)],
-                              check=True, capture_output=True, text=True, timeout=600)
-        rate, cost = re.match(r"([\d.]+) messages/s, ([\d.]+) us CPU per message", done.stdout).groups()
+        output = self.folder / "bare.out"
+        with open(output, "wb") as out:
+            consumer = spawn([self.build / "bench/qel_bare_consumer", self.node.url(), self.agent.client_queue,
+                              self.options.messages, PREFETCH, batch], stdout=out, stderr=out)
+        try:
+            wait_until(lambda: self.node.ctl("list_consumers", "--no-table-headers", "queue_name").strip(),
+                       "the bare consumer to consume", 30, lambda: tail(output))
+            consumer.send_signal(signal.SIGSTOP)
+            self.fill()
+            consumer.send_signal(signal.SIGCONT)
+            if consumer.wait(600) != 0:
+                raise RuntimeError(f"the bare consumer failed: {tail(output)}")
+        finally:
+            end(consumer, signal.SIGKILL)
+        # It hangs up at once, and a quorum queue then takes messages back whose acknowledgement it has not dealt with.
+        self.wait_for_no_connection()
+        self.node.ctl("purge_queue", self.agent.client_queue)
+        self.expect_left(0)
+        rate, cost = re.match(r"([\d.]+) messages/s, ([\d.]+) us CPU per message", tail(output)).groups()
         return float(rate), float(cost)
+
+    def wait_for_no_connection(self):
+        """The broker has noticed that everybody has hung up."""
+        wait_until(lambda: not self.node.ctl("list_connections", "--no-table-headers", "pid").strip(),
+                   "all connections to be gone")
 
 
 def measure(bench, runs):
