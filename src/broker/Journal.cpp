@@ -18,21 +18,32 @@ namespace
 constexpr int APPLICATION_ID = 0x71656c6a;
 
 const char* const SCHEMA = "PRAGMA journal_mode=WAL;"
-                           // The process may die at any instant, which WAL survives without a sync per transaction.
-                           // A power cut may cost the last ones; the broker restarts or redelivers then as well.
-                           "PRAGMA synchronous=NORMAL;"
-                           "PRAGMA application_id=0x71656c6a;"
-                           "PRAGMA user_version=1;"
+                           "BEGIN IMMEDIATE;"
                            "CREATE TABLE IF NOT EXISTS route ("
                            " application TEXT NOT NULL, kind INTEGER NOT NULL, name BLOB NOT NULL, queue BLOB NOT NULL,"
-                           " state INTEGER NOT NULL, UNIQUE (name, queue, kind, application));";
+                           " state INTEGER NOT NULL, UNIQUE (name, queue, kind, application));"
+                           "PRAGMA application_id=0x71656c6a;"
+                           "PRAGMA user_version=1;"
+                           "COMMIT;";
+
+/** Whether a file with which SQLite fails like this will never do as a journal; a full disk passes. */
+bool IsDamage(int status)
+{
+    const int primary = status & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB || primary == SQLITE_ERROR;
+}
 
 /** A failed step of SQLite. Stays within this file. */
 class JournalError : public std::runtime_error
 {
   public:
-    explicit JournalError(sqlite3* database) : std::runtime_error(sqlite3_errmsg(database)) {}
-    explicit JournalError(const std::string& text) : std::runtime_error(text) {}
+    explicit JournalError(sqlite3* database)
+        : std::runtime_error(sqlite3_errmsg(database)), isDamage(IsDamage(sqlite3_errcode(database)))
+    {
+    }
+    JournalError(const std::string& text, bool damage) : std::runtime_error(text), isDamage(damage) {}
+
+    const bool isDamage;
 };
 
 void BindBlob(sqlite3_stmt* statement, int column, const std::string& bytes)
@@ -64,20 +75,30 @@ Journal::Journal(const std::string& file) : m_file(file)
     try
     {
         Open();
-        return;
     }
     catch (const JournalError& error)
     {
-        QEL_LOG(vtx::LevelWarning, "journal %s cannot be used: %s", file.c_str(), error.what());
+        if (error.isDamage)
+        {
+            QEL_LOG(vtx::LevelWarning, "journal %s cannot be used: %s", file.c_str(), error.what());
+            BeginAnew();
+        }
+        else
+        {
+            Degrade(error.what());
+        }
     }
-    m_put.reset();
-    m_erase.reset();
-    m_eraseLeaving.reset();
-    m_database.reset();
+}
+
+Journal::~Journal() = default;
+
+void Journal::BeginAnew()
+{
+    Close();
     std::error_code ignored;
-    std::filesystem::rename(file, file + ".corrupt", ignored);
-    std::filesystem::remove(file + "-wal", ignored);
-    std::filesystem::remove(file + "-shm", ignored);
+    std::filesystem::rename(m_file, m_file + ".corrupt", ignored);
+    std::filesystem::remove(m_file + "-wal", ignored);
+    std::filesystem::remove(m_file + "-shm", ignored);
     try
     {
         Open();
@@ -85,7 +106,7 @@ Journal::Journal(const std::string& file) : m_file(file)
             vtx::LevelWarning,
             "journal begun anew; the old one is kept as %s.corrupt, the applications' configurations "
             "are asked for again",
-            file.c_str());
+            m_file.c_str());
     }
     catch (const JournalError& error)
     {
@@ -93,7 +114,13 @@ Journal::Journal(const std::string& file) : m_file(file)
     }
 }
 
-Journal::~Journal() = default;
+void Journal::Close()
+{
+    m_put.reset();
+    m_erase.reset();
+    m_eraseLeaving.reset();
+    m_database.reset();
+}
 
 void Journal::Open()
 {
@@ -106,24 +133,49 @@ void Journal::Open()
         throw JournalError(m_database.get());
     }
     sqlite3_busy_timeout(m_database.get(), 2000);
+    // Without its two companions, which closing would remove, the file cannot be read where nothing can be written.
+    int keepCompanions = 1;
+    sqlite3_file_control(m_database.get(), nullptr, SQLITE_FCNTL_PERSIST_WAL, &keepCompanions);
+    // The process may die at any instant, which WAL survives without a sync per transaction. A power cut may cost the
+    // last ones; the broker restarts or redelivers then as well.
+    Execute("PRAGMA synchronous=NORMAL");
+    const bool isNew = Check();
+    if (sqlite3_db_readonly(m_database.get(), nullptr) == 1)
     {
-        const Statement identity = Prepare("PRAGMA application_id");
-        const int found = sqlite3_step(identity.get()) == SQLITE_ROW ? sqlite3_column_int(identity.get(), 0) : -1;
-        if (found != 0 && found != APPLICATION_ID)
-        {
-            throw JournalError("it is not a journal of qel");
-        }
-        const Statement check = Prepare("PRAGMA quick_check(1)");
-        if (sqlite3_step(check.get()) != SQLITE_ROW || ColumnBytes(check.get(), 0) != "ok")
-        {
-            throw JournalError("it is damaged");
-        }
+        throw JournalError("it is read-only", false);
     }
-    Execute(SCHEMA);
+    if (isNew)
+    {
+        Execute(SCHEMA);
+    }
     m_put = Prepare("INSERT INTO route VALUES (?1, ?2, ?3, ?4, ?5)"
                     " ON CONFLICT (name, queue, kind, application) DO UPDATE SET state = ?5");
     m_erase = Prepare("DELETE FROM route WHERE application = ?1 AND kind = ?2 AND name = ?3 AND queue = ?4");
     m_eraseLeaving = Prepare("DELETE FROM route WHERE kind = 2 AND name = ?1 AND queue = ?2 AND state = 2");
+}
+
+bool Journal::Check()
+{
+    const Statement identity = Prepare("PRAGMA application_id");
+    if (sqlite3_step(identity.get()) != SQLITE_ROW)
+    {
+        throw JournalError(m_database.get());
+    }
+    const int found = sqlite3_column_int(identity.get(), 0);
+    if (found != 0 && found != APPLICATION_ID)
+    {
+        throw JournalError("it is not a journal of qel", true);
+    }
+    const Statement check = Prepare("PRAGMA quick_check(1)");
+    if (sqlite3_step(check.get()) != SQLITE_ROW)
+    {
+        throw JournalError(m_database.get());
+    }
+    if (ColumnBytes(check.get(), 0) != "ok")
+    {
+        throw JournalError("it is damaged", true);
+    }
+    return found == 0;
 }
 
 Journal::Statement Journal::Prepare(const char* sql)
@@ -207,8 +259,9 @@ bool Journal::Replace(const std::vector<RouteRecord>& records)
     }
     try
     {
-        if (!m_put)
+        if (m_degraded)
         {
+            Close();
             Open();
         }
     }

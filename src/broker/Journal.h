@@ -64,7 +64,8 @@ class Journal
   public:
     /**
      * Opens or creates the file. A file that is not a sound journal is set aside as FILE.corrupt with a warning and a
-     * new one begun; when none can be opened at all the journal starts degraded.
+     * new one begun. One that cannot be written, for want of room or rights, stays where it is: the journal starts
+     * degraded, and Load gives what can be read.
      */
     explicit Journal(const std::string& file);
     ~Journal();
@@ -94,7 +95,11 @@ class Journal
     using Database = std::unique_ptr<sqlite3, Closer>;
     using Statement = std::unique_ptr<sqlite3_stmt, Closer>;
 
+    void BeginAnew();
+    void Close();
     void Open();
+    /** Whether the file is sound, by exception. @return whether it is empty yet. */
+    bool Check();
     Statement Prepare(const char* sql);
     void Execute(const char* sql);
     void Apply(const JournalChange& change);

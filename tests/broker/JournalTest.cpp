@@ -5,11 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include <sys/resource.h>
 
 namespace VtxQel
 {
@@ -21,6 +24,29 @@ std::ptrdiff_t Count(const std::vector<std::string>& lines, const std::string& t
     return std::count_if(
         lines.begin(), lines.end(), [&text](const std::string& line) { return line.find(text) != std::string::npos; });
 }
+
+/** No file of this process may grow beyond the size given, as on a full disk, while it lives. */
+class FullDisk
+{
+  public:
+    explicit FullDisk(rlim_t size)
+    {
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit tight{size, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &tight);
+    }
+    ~FullDisk()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &m_before);
+        std::signal(SIGXFSZ, m_handlerBefore);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+  private:
+    rlimit m_before{};
+    void (*const m_handlerBefore)(int) = std::signal(SIGXFSZ, SIG_IGN);
+};
 
 class JournalTest : public testing::Test
 {
@@ -131,6 +157,68 @@ TEST_F(JournalTest, ReplaceEndsADegradedState)
         EXPECT_FALSE(journal.IsDegraded());
     }
     EXPECT_EQ(Journal((later / "journal").string()).Load(), (std::vector<RouteRecord>{topic, queue}));
+}
+
+TEST_F(JournalTest, AFullDiskDegradesAndSaysSoOnceUntilReplaceFindsRoom)
+{
+    std::vector<RouteRecord> many;
+    std::vector<JournalChange> changes;
+    for (int number = 0; number < 5000; ++number)
+    {
+        many.push_back({"web", RouteKind::topic, "topic." + std::to_string(number), "normal", RouteState::inForce});
+        changes.push_back({many.back()});
+    }
+    const Fakes::LogCapture log(vtx::LevelWarning);
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{topic}}));
+        {
+            const FullDisk full(std::filesystem::file_size(file + "-wal"));
+            EXPECT_FALSE(journal.Write(changes));
+            EXPECT_TRUE(journal.IsDegraded());
+            EXPECT_FALSE(journal.Write({{queue}}));
+            EXPECT_FALSE(journal.Replace(many));
+            EXPECT_EQ(Count(log.Lines(), "cannot be written"), 1);
+        }
+        EXPECT_EQ(journal.Load(), std::vector<RouteRecord>{topic}) << "all or nothing";
+        EXPECT_EQ(Count(log.Lines(), "complete again"), 0);
+        EXPECT_TRUE(journal.Replace(many));
+        EXPECT_FALSE(journal.IsDegraded());
+        EXPECT_EQ(Count(log.Lines(), "complete again"), 1);
+        EXPECT_TRUE(journal.Write({{queue}}));
+    }
+    many.push_back(queue);
+    EXPECT_EQ(Reopened(), many);
+}
+
+TEST_F(JournalTest, AFullDiskAtTheStartKeepsTheFile)
+{
+    {
+        Journal journal(file);
+        EXPECT_TRUE(journal.Write({{topic}}));
+    }
+    const Fakes::LogCapture log(vtx::LevelWarning);
+    const FullDisk full(std::filesystem::file_size(file + "-shm"));
+    EXPECT_EQ(Journal(file).Load(), std::vector<RouteRecord>{topic});
+    EXPECT_FALSE(std::filesystem::exists(file + ".corrupt"));
+}
+
+TEST_F(JournalTest, AFileThatIsNotOursIsSetAside)
+{
+    std::ofstream(file) << "short";
+    Journal journal(file);
+    EXPECT_FALSE(journal.IsDegraded());
+    EXPECT_TRUE(std::filesystem::exists(file + ".corrupt"));
+}
+
+TEST_F(JournalTest, AFileThatCannotBeOpenedIsNotSetAside)
+{
+    const Fakes::LogCapture log(vtx::LevelWarning);
+    std::filesystem::create_directory(file);
+    const Journal journal(file);
+    EXPECT_TRUE(journal.IsDegraded());
+    EXPECT_TRUE(std::filesystem::is_directory(file));
+    EXPECT_EQ(Count(log.Lines(), "cannot be written"), 1);
 }
 
 } // namespace
