@@ -28,7 +28,7 @@ std::vector<RouteRecord> Topology::Restore(const std::function<bool(const std::s
 {
     const std::lock_guard lock(m_mutex);
     std::vector<RouteRecord> inUse;
-    std::vector<JournalChange> gone;
+    std::vector<JournalChange> changes;
     for (const RouteRecord& record : m_journal.Load())
     {
         const bool wanted = record.state != RouteState::leaving && isKnown(record.application);
@@ -49,18 +49,26 @@ std::vector<RouteRecord> Topology::Restore(const std::function<bool(const std::s
         {
             const auto [place, added] = m_bindings.try_emplace(binding);
             place->second.state = added ? RouteState::leaving : place->second.state;
+            // Without it an application of this name would have the route back some day.
+            changes.push_back({record});
+            changes.back().record.state = RouteState::leaving;
         }
         else
         {
             // Consumers ended with the process that had them.
-            gone.push_back({record, true});
+            changes.push_back({record, true});
         }
         if (wanted)
         {
             inUse.push_back(record);
         }
     }
-    m_journal.Write(gone);
+    for (JournalChange& change : changes)
+    {
+        const auto place = m_bindings.find({change.record.queue, m_info.exchange, change.record.name});
+        change.erase = change.erase || !place->second.users.empty();
+    }
+    m_journal.Write(changes);
     return inUse;
 }
 

@@ -250,6 +250,30 @@ TEST_F(TopologyTest, RoutesOfAnApplicationThatIsGoneBecomeOrphans)
     EXPECT_EQ(port.asked, Asked{"unbind normal a"});
 }
 
+TEST_F(TopologyTest, AnApplicationThatWasGoneComesBackWithoutRoutes)
+{
+    Configure("web", {Topic("a"), Topic("shared"), Queue("q")});
+    Configure("mail", {Topic("shared")});
+    Restart({"mail"});
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.bound, std::set<std::string>{"normal shared"});
+    const std::vector<RouteRecord> mails{{"mail", RouteKind::topic, "shared", "normal", RouteState::inForce}};
+    EXPECT_EQ(journal->Load(), mails);
+    EXPECT_EQ(Restart(), mails);
+}
+
+TEST_F(TopologyTest, AnApplicationThatWasGoneForOneStartOnlyComesBackWithoutRoutes)
+{
+    Configure("web", {Topic("a")});
+    port.refused.insert("unbind normal a");
+    Restart({"mail"});
+    EXPECT_FALSE(topology->RemoveOrphans());
+    EXPECT_EQ(Restart(), std::vector<RouteRecord>());
+    port.refused.clear();
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(journal->Load(), std::vector<RouteRecord>());
+}
+
 /** The process dies after every possible number of requests of a replacement; then the configuration comes again. */
 TEST_F(TopologyTest, AReplacementConvergesWhateverItsMomentOfDeath)
 {
