@@ -105,6 +105,10 @@ amqp_table_t TableToAmqp(const RmqTable& table, AmqpPool& pool, std::size_t dept
     {
         throw RmqMessageException("headers nested too deeply");
     }
+    if (table.empty())
+    {
+        return amqp_empty_table;
+    }
     amqp_table_t out{static_cast<int>(table.size()), pool.Allocate<amqp_table_entry_t>(table.size())};
     for (std::size_t i = 0; i < table.size(); ++i)
     {

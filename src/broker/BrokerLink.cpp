@@ -119,7 +119,6 @@ class BrokerLink::Impl
     std::unique_ptr<PublishLink> m_publish;
     boost::thread m_thread;
     int m_openLinks = 2;
-    bool m_closing = false;
 
     std::atomic<std::size_t> m_unconfirmed{0};
     std::atomic<std::size_t> m_unconfirmedBytes{0};
@@ -337,11 +336,8 @@ void BrokerLink::Impl::MoveTo(std::size_t urlIndex)
 void BrokerLink::Impl::Stop(Milliseconds budget)
 {
     const std::lock_guard stopping(m_stopMutex);
-    if (Post([this, budget] { Close(budget); }))
-    {
-        m_thread.join();
-    }
-    else if (m_thread.joinable())
+    Post([this, budget] { Close(budget); });
+    if (m_thread.joinable())
     {
         m_thread.join();
     }

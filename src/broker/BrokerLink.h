@@ -79,6 +79,7 @@ struct Binding
     std::string exchange;
     std::string topic;
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): a false alarm of clang-tidy 14 about the comparison with zero
     auto operator<=>(const Binding&) const = default;
 };
 

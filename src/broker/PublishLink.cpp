@@ -24,7 +24,7 @@ constexpr std::chrono::seconds HEALTHY{60};
 } // namespace
 
 PublishLink::PublishLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state, OnEnded onEnded)
-    : m_io(io), m_source(source), m_state(state), m_onEnded(std::move(onEnded)), m_connectTimer(io), m_tick(io)
+    : m_source(source), m_state(state), m_onEnded(std::move(onEnded)), m_connectTimer(io), m_tick(io)
 {
 }
 

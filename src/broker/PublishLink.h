@@ -94,7 +94,6 @@ class PublishLink : private AmqpConnectionHandler
     void OnTick();
     void CheckIdle();
 
-    boost::asio::io_context& m_io;
     ConnectionSource& m_source;
     LinkState& m_state;
     OnEnded m_onEnded;

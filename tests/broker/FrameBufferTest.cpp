@@ -5,8 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <algorithm>
 #include <string>
+#include <vector>
 
 namespace VtxQel
 {
@@ -18,7 +19,7 @@ void Put(FrameBuffer& buffer, const std::string& bytes)
 {
     char* space = buffer.Space();
     ASSERT_LE(bytes.size(), buffer.SpaceSize());
-    std::memcpy(space, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), space);
     buffer.Filled(bytes.size());
 }
 

@@ -121,7 +121,8 @@ TEST_F(LinkDelivery, AcknowledgedMessagesAreGone)
     }
     ASSERT_TRUE(Listener().WaitForDeliveries(20));
     // Out of order, with holes that close later.
-    for (const std::size_t index : {3, 2, 1, 9, 0, 5, 4, 19, 18, 17, 16, 15, 14, 13, 12, 11, 10, 8, 7, 6})
+    for (const unsigned index :
+         {3U, 2U, 1U, 9U, 0U, 5U, 4U, 19U, 18U, 17U, 16U, 15U, 14U, 13U, 12U, 11U, 10U, 8U, 7U, 6U})
     {
         (*m_link)->Settle(Listener().Delivery(index).tag, SettleAs::ack);
     }

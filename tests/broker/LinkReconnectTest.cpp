@@ -15,7 +15,7 @@ using testing::Not;
 /** One link with exchange, own queue, binding and an application's queue; the broker ends its connections. */
 class LinkReconnect : public testing::Test
 {
-  protected:
+  public:
     LinkReconnect()
     {
         m_desired.exchanges = {{m_exchange, "topic", false}};
@@ -26,7 +26,10 @@ class LinkReconnect : public testing::Test
     }
 
     ~LinkReconnect() override { Rabbitmqctl("resume_listeners"); }
+    LinkReconnect(const LinkReconnect&) = delete;
+    LinkReconnect& operator=(const LinkReconnect&) = delete;
 
+  protected:
     RecordingListener& Listener() { return m_link->Listener(); }
     static void CloseConnections() { Rabbitmqctl("close_all_connections 'a test wants it'"); }
 

@@ -46,6 +46,7 @@ std::vector<Restoration::Request> Take(Restoration& restoration)
 std::vector<std::string> Names(const std::vector<Restoration::Request>& requests)
 {
     std::vector<std::string> names;
+    names.reserve(requests.size());
     for (const auto& request : requests)
     {
         names.push_back(NameOf(*request));

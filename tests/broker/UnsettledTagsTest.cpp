@@ -47,7 +47,7 @@ using testing::IsEmpty;
 TEST(UnsettledTags, WhatIsSettledFromTheOldestOnIsOneAcknowledgement)
 {
     UnsettledTags tags = Delivered(5);
-    for (const std::uint64_t tag : {3, 1, 2})
+    for (const std::uint64_t tag : {3U, 1U, 2U})
     {
         tags.Settle(tag, SettleAs::ack);
     }
