@@ -113,8 +113,9 @@ Lanes::Lane& Lanes::LaneOf(const BrokerMessage& message)
     {
         kind = LaneKind::configuration;
     }
-    else if (message.GetQueue() == m_info->priorityQueue)
+    else if (message.GetParkedFor().empty() && message.GetQueue() == m_info->priorityQueue)
     {
+        // Not what was parked: that keeps the order of its parking queue, and the markers in it.
         kind = LaneKind::priority;
     }
     return m_lanes[static_cast<std::size_t>(kind)];
