@@ -3,6 +3,7 @@
 #include "broker/HeaderCheck.h"
 #include "common/QelException.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -104,10 +105,6 @@ amqp_table_t TableToAmqp(const RmqTable& table, AmqpPool& pool, std::size_t dept
     if (depth > MAX_HEADER_DEPTH)
     {
         throw RmqMessageException("headers nested too deeply");
-    }
-    if (table.empty())
-    {
-        return amqp_empty_table;
     }
     amqp_table_t out{static_cast<int>(table.size()), pool.Allocate<amqp_table_entry_t>(table.size())};
     for (std::size_t i = 0; i < table.size(); ++i)
@@ -228,11 +225,7 @@ AmqpPool::~AmqpPool()
 
 void* AmqpPool::AllocateBytes(std::size_t size)
 {
-    if (size == 0)
-    {
-        return nullptr;
-    }
-    void* memory = amqp_pool_alloc(&m_pool, size);
+    void* memory = amqp_pool_alloc(&m_pool, std::max<std::size_t>(size, 1));
     if (memory == nullptr)
     {
         throw std::bad_alloc();
