@@ -488,7 +488,7 @@ void Topology::CheckNotFrozen() const
 
 RequestResult Topology::Remove(const Binding& binding)
 {
-    const RequestResult result = m_port.Unbind(binding);
+    RequestResult result = m_port.Unbind(binding);
     if (result.answer == Answer::ok)
     {
         const std::lock_guard lock(m_mutex);
