@@ -43,5 +43,7 @@ target_compile_options(qel_trapping INTERFACE -ftrapv)
 
 find_program(QEL_CCACHE ccache)
 if(QEL_CCACHE AND QEL_IS_TOP_LEVEL)
-  set(CMAKE_CXX_COMPILER_LAUNCHER "${QEL_CCACHE}")
+  # What one clone has compiled serves the next: paths count from the clone's own folder.
+  set(CMAKE_CXX_COMPILER_LAUNCHER "${CMAKE_COMMAND}" -E env "CCACHE_BASEDIR=${PROJECT_SOURCE_DIR}"
+                                  CCACHE_NOHASHDIR=true "${QEL_CCACHE}")
 endif()

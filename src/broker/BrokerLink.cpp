@@ -12,6 +12,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/thread/thread.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
 #include <future>
@@ -33,6 +34,8 @@ namespace
 constexpr std::size_t STACK_SIZE = std::size_t{8} << 20U;
 constexpr std::size_t SETTLEMENT_BATCH = 64;
 constexpr std::chrono::microseconds SETTLEMENT_DELAY{500};
+/** A quorum queue forgets acknowledgements that it has not worked off when their channel ends. */
+constexpr Milliseconds SETTLED{100};
 
 std::shared_ptr<TopologyRequest> Request(Kind kind, const std::string& queue)
 {
@@ -105,6 +108,7 @@ class BrokerLink::Impl
     void FlushSettlements();
     void DrainPublications();
     void Close(Milliseconds budget);
+    void CloseAfter(Milliseconds delay);
     void CloseBoth();
 
     const LinkSettings m_settings;
@@ -119,6 +123,7 @@ class BrokerLink::Impl
     std::unique_ptr<PublishLink> m_publish;
     boost::thread m_thread;
     int m_openLinks = 2;
+    bool m_closing = false;
 
     std::atomic<std::size_t> m_unconfirmed{0};
     std::atomic<std::size_t> m_unconfirmedBytes{0};
@@ -348,13 +353,29 @@ void BrokerLink::Impl::Close(Milliseconds budget)
 {
     m_consume->FlushSettlements();
     DrainPublications();
-    m_stopTimer.expires_after(budget);
-    m_stopTimer.async_wait([this](const boost::system::error_code&) { CloseBoth(); });
-    m_publish->WhenIdle([this] { m_stopTimer.cancel(); });
+    CloseAfter(budget);
+    m_publish->WhenIdle([this, budget] { CloseAfter(std::min(budget, SETTLED)); });
+}
+
+void BrokerLink::Impl::CloseAfter(Milliseconds delay)
+{
+    m_stopTimer.expires_after(delay);
+    m_stopTimer.async_wait(
+        [this](const boost::system::error_code& error)
+        {
+            if (!error)
+            {
+                CloseBoth();
+            }
+        });
 }
 
 void BrokerLink::Impl::CloseBoth()
 {
+    if (std::exchange(m_closing, true))
+    {
+        return;
+    }
     DrainPublications();
     const auto closed = [this]
     {
@@ -415,11 +436,6 @@ RequestResult BrokerLink::CancelQueue(const std::string& queue, std::chrono::mil
 RequestResult BrokerLink::ReleaseQueue(const std::string& queue, std::chrono::milliseconds deadline)
 {
     return m_impl->Call(Request(Kind::releaseQueue, queue), deadline);
-}
-
-RequestResult BrokerLink::DeleteEmptyQueue(const std::string& queue, std::chrono::milliseconds deadline)
-{
-    return m_impl->Call(Request(Kind::deleteQueue, queue), deadline);
 }
 
 RequestResult BrokerLink::CountMessages(

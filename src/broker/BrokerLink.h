@@ -248,8 +248,6 @@ class BrokerLink : public Publisher
      * its original order; settlements of it are dropped from then on. Ok also when it was not consumed.
      */
     RequestResult ReleaseQueue(const std::string& queue, std::chrono::milliseconds deadline);
-    /** Deletes the queue when it is empty and unused; ok also when it does not exist. */
-    RequestResult DeleteEmptyQueue(const std::string& queue, std::chrono::milliseconds deadline);
     /** How many messages and consumers the queue has (passive declare); written to `counts` when ok. */
     RequestResult CountMessages(const std::string& queue, std::chrono::milliseconds deadline, QueueCounts& counts);
 

@@ -451,14 +451,6 @@ void ConsumeLink::Execute(const Request& request)
     case Kind::releaseQueue:
         StopQueue(request);
         break;
-    case Kind::deleteQueue:
-        Call(
-            request, AMQP_QUEUE_DELETE_METHOD,
-            [request](AmqpConnection& connection, std::uint16_t channel) {
-                connection.Send(
-                    channel, AMQP_QUEUE_DELETE_METHOD, amqp_queue_delete_t{0, ToAmqp(request->queue.name), 1, 1, 0});
-            });
-        break;
     case Kind::countMessages:
         Call(
             request, AMQP_QUEUE_DECLARE_METHOD,

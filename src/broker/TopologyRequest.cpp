@@ -106,8 +106,6 @@ std::string TopologyRequest::ToString() const
         return "cancelling of queue '" + queue.name + "'";
     case Kind::releaseQueue:
         return "release of queue '" + queue.name + "'";
-    case Kind::deleteQueue:
-        return "deletion of queue '" + queue.name + "'";
     case Kind::countMessages:
         return "message count of queue '" + queue.name + "'";
     }
@@ -155,7 +153,6 @@ std::optional<RequestResult> AnswerWithoutBroker(const TopologyRequest& request)
     case Kind::unbind:
     case Kind::cancelQueue:
     case Kind::releaseQueue:
-    case Kind::deleteQueue:
         return RequestResult{Answer::ok, 0, "such a name can never have existed"};
     default:
         return RequestResult{Answer::refused, 0, "a name is longer than 255 bytes or not UTF-8"};

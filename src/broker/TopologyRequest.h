@@ -27,7 +27,6 @@ struct TopologyRequest
         unbind,
         cancelQueue,
         releaseQueue,
-        deleteQueue,
         countMessages
     };
 

@@ -1,6 +1,7 @@
 #include "handler/QelMsgHandler.h"
 
 #include "common/LockOrThrow.h"
+#include "common/MessageTypes.h"
 #include "common/QelException.h"
 #include "logging/Log.h"
 
@@ -8,10 +9,6 @@ namespace VtxQel
 {
 namespace
 {
-
-constexpr const char* pingType = "com.brelix.vtx.messaging.ping.PingRequest";
-constexpr const char* reassignType = "com.brelix.vtx.messaging.discovery.ReassignHint";
-constexpr const char* appInitType = "com.brelix.vtx.messaging.appinit.AppInitConfigMsg";
 
 // What a hint asks the front end for; the hint itself carries nothing.
 constexpr int reassignCode = 6;
@@ -45,15 +42,15 @@ bool QelMsgHandler::Callback(boost::shared_ptr<RmqMessage> msg)
             type.c_str());
         // For every message, also those that do not need it: without a dispatcher the agent is not able to work.
         const boost::shared_ptr<AppDispatcher> dispatcher = LockOrThrow(m_appDispatcher);
-        if (type == pingType)
+        if (type == PING_REQUEST_TYPE)
         {
             return PingFromMPCallback(msg);
         }
-        if (type == reassignType)
+        if (type == REASSIGN_HINT_TYPE)
         {
             return ReassignHintCallback(msg);
         }
-        if (type == appInitType)
+        if (type == APP_INIT_CONFIG_TYPE)
         {
             if (!HandleSyncResponse(msg))
             {

@@ -274,20 +274,6 @@ TEST_F(LinkTopology, ReleaseQueueGivesEverythingBackInOrder)
     EXPECT_EQ(Link()->ReleaseQueue("never-consumed", DEADLINE).answer, Answer::ok);
 }
 
-TEST_F(LinkTopology, DeleteEmptyQueueDeletesOnlyEmptyOnes)
-{
-    const std::string queue = Unique("parked");
-    EXPECT_EQ(Link()->DeclareQueue(Queue(queue, 0), DEADLINE).answer, Answer::ok);
-    Link().Send(queue, "x");
-    const RequestResult full = Link()->DeleteEmptyQueue(queue, DEADLINE);
-    EXPECT_EQ(full.answer, Answer::refused);
-    EXPECT_EQ(full.code, 406);
-    Rabbitmqctl("purge_queue " + queue);
-    EXPECT_EQ(Link()->DeleteEmptyQueue(queue, DEADLINE).answer, Answer::ok);
-    EXPECT_EQ(Link()->DeleteEmptyQueue(queue, DEADLINE).answer, Answer::ok) << "missing is as good as deleted";
-    EXPECT_EQ(Link()->DeleteEmptyQueue(m_queue, DEADLINE).answer, Answer::refused) << "it is consumed";
-}
-
 TEST_F(LinkTopology, CountMessagesCountsWhatIsReady)
 {
     const std::string queue = Unique("parked");

@@ -33,7 +33,6 @@ TEST(TopologyRequest, EveryReplyCodeHasItsMeaning)
         {Kind::declareQueue, 404, homeNode, Outcome::transient},
         {Kind::declareQueue, 405, "", Outcome::inUse},
         {Kind::declareQueue, 406, "", Outcome::refused},
-        {Kind::deleteQueue, 406, "", Outcome::refused},
         {Kind::countMessages, 404, "", Outcome::refused},
         {Kind::countMessages, 404, homeNode, Outcome::transient},
         {Kind::bind, 0, "connection lost", Outcome::transient},
