@@ -5,12 +5,12 @@
 // dispatch with a reference of its own. Expect Callback within a few per cent of it: what is left is one virtual call
 // and the level tests of three lines that are off.
 
-#include "common/LockOrThrow.h"
 #include "handler/QelMsgHandler.h"
 #include "logging/Logger.h"
 
 #include <benchmark/benchmark.h>
 #include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <cstddef>
 #include <string>

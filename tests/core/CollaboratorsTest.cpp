@@ -94,11 +94,9 @@ TEST(Collaborators, RecordsKeepTheOrderOfTheirFields)
 TEST(EndpointController, HandsOutACopyOfItsReference)
 {
     Fakes::Journal journal;
-    auto frontEnd = boost::make_shared<Fakes::FakeFE>(journal);
+    const auto frontEnd = boost::make_shared<Fakes::FakeFE>(journal);
     EndpointController controller(frontEnd);
     EXPECT_EQ(controller.FE().lock(), frontEnd);
-    frontEnd.reset();
-    EXPECT_TRUE(controller.FE().expired());
 }
 
 TEST(LockOrThrow, AnObjectAliveIsHeld)
@@ -127,9 +125,7 @@ std::string WhatLockingThrows(const boost::weak_ptr<T>& reference)
 TEST(LockOrThrow, AnObjectGoneIsNamedByItsType)
 {
     EXPECT_EQ(WhatLockingThrows(boost::weak_ptr<RmqInfo>()), typeid(RmqInfo).name());
-    boost::weak_ptr<class FE> expired =
-        boost::shared_ptr<class FE>(boost::make_shared<Fakes::FakeFE>(*std::make_unique<Fakes::Journal>()));
-    EXPECT_EQ(WhatLockingThrows(expired), typeid(FE).name());
+    EXPECT_EQ(WhatLockingThrows(boost::weak_ptr<class FE>()), typeid(FE).name());
 }
 
 TEST(LockOrThrow, AnEmptyPointerIsTreatedLikeAnObjectGone)

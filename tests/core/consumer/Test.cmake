@@ -10,8 +10,10 @@ function(run out)
   set(${out} "${output}" PARENT_SCOPE)
 endfunction()
 
+# Through the environment, because it may be a list.
+set(ENV{CMAKE_CXX_COMPILER_LAUNCHER} "${LAUNCHER}")
 run(ignored "${CMAKE_COMMAND}" -S "${CMAKE_CURRENT_LIST_DIR}" -B "${WORK}" -G Ninja "-DQEL_SOURCE=${QEL_SOURCE}"
-    "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_COMPILER_LAUNCHER=${LAUNCHER}")
+    "-DCMAKE_CXX_COMPILER=${CXX}")
 run(ignored "${CMAKE_COMMAND}" --build "${WORK}" --target consumer)
 run(said "${WORK}/consumer")
 if(NOT said STREQUAL "1 topic\nnull rmq message in qel message handler\n")
