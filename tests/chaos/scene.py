@@ -205,7 +205,7 @@ class Scene:
             shown = "\n".join(f"  {application}: {self.ledger.describe(message_id)}"
                               for application, message_id in missing[:20])
             raise Violation(f"{len(missing)} confirmed messages have not arrived after {patience:.0f} s:\n{shown}\n"
-                            f"{self._queues()}\n{self.agent.log_tail()}") from None
+                            f"queues: {list(self._queues().values())}\n{self.agent.log_tail()}") from None
 
     def check_recovered(self):
         """After a fault: bindings, flow, and nothing owed any more."""
@@ -261,11 +261,11 @@ class Scene:
             raise Violation(f"messages are left on the broker: {self._left_over()}\n{self.agent.log_tail()}") from None
 
     def _left_over(self):
-        return {name: row["messages"] for name, row in self.node.list_queues().items()
+        return {name: row for name, row in self._queues().items()
                 if row["messages"] and name not in (self.agent.dead_letter_queue, SYNC_QUEUE)}
 
     def _queues(self):
-        return "queues: " + str({name: row["messages"] for name, row in self.node.list_queues().items()})
+        return self.node.list_queues(columns=["messages", "messages_ready", "messages_unacknowledged", "consumers"])
 
     def dead_letters(self):
         """The dead letters as texts: message id, application and reason."""
