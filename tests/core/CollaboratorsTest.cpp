@@ -1,6 +1,5 @@
 #include "common/LockOrThrow.h"
 #include "core/VirtualSlot.h"
-#include "fakes/FakeEndpoint.h"
 #include "handler/QelMsgHandler.h"
 
 #include <boost/make_shared.hpp>
@@ -89,14 +88,6 @@ TEST(Collaborators, RecordsKeepTheOrderOfTheirFields)
     const RmqInfo info;
     EXPECT_LT(&info.exchange, &info.clientQueue);
     EXPECT_LT(&info.clientQueue, &info.priorityQueue);
-}
-
-TEST(EndpointController, HandsOutACopyOfItsReference)
-{
-    Fakes::Journal journal;
-    const auto frontEnd = boost::make_shared<Fakes::FakeFE>(journal);
-    EndpointController controller(frontEnd);
-    EXPECT_EQ(controller.FE().lock(), frontEnd);
 }
 
 TEST(LockOrThrow, AnObjectAliveIsHeld)

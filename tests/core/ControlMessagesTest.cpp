@@ -110,6 +110,12 @@ TEST_F(ReassignHintCallback, TheFrontEndReassignsWithSixAndAHundredAndEighty)
     EXPECT_EQ(log.Lines(), Strings());
 }
 
+TEST_F(ReassignHintCallback, TheControllerHandsOutACopyOfItsReference)
+{
+    const boost::weak_ptr<FE> handedOut = endpointController->EndpointController::FE();
+    EXPECT_EQ(handedOut.lock(), fe);
+}
+
 TEST_F(ReassignHintCallback, TheMessageIsNotRead)
 {
     EXPECT_TRUE(handler.ReassignHintCallback(Message(hintType, "\xff garbage")));
