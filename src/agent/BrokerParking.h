@@ -20,7 +20,7 @@ class BrokerParking : public ParkingQueues
 
     void Consume(const std::string& application, std::uint32_t window) override
     {
-        m_client.ConsumeParking(application, static_cast<std::uint16_t>(std::clamp(window, 1U, 65535U)));
+        m_client.ConsumeParking(application, static_cast<std::uint16_t>(std::clamp(window, 1U, MOST_AHEAD)));
     }
     void SendMarker(
         const std::string& application, std::uint64_t marker, std::function<void(bool sent)> completion) override
@@ -28,10 +28,12 @@ class BrokerParking : public ParkingQueues
         const RmqTable headers{{parkingMarkerHeader, RmqValue::Integer(static_cast<std::int64_t>(marker))}};
         m_client.Settling().Mark(application, headers, std::move(completion));
     }
-    void Release(const std::string& application) override { m_client.StopParking(application, true); }
-    void Stop(const std::string& application) override { m_client.StopParking(application, false); }
+    void Release(const std::string& application) override { m_client.ReleaseParking(application); }
 
   private:
+    /** Bounds what is in memory for an application that does not take it: the rest waits on the broker. */
+    static constexpr std::uint32_t MOST_AHEAD = 100;
+
     BrokerClient& m_client;
 };
 

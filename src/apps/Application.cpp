@@ -57,7 +57,7 @@ void Application::Offer(boost::shared_ptr<Delivery> message, boost::shared_ptr<R
     if (item.fromParking)
     {
         // One that was still on its way when the parking queue was given back comes again when that is consumed.
-        if (m_flow != ApplicationFlow::parked)
+        if (m_consuming)
         {
             Append(std::move(item));
         }
@@ -391,7 +391,6 @@ void Application::CountAgainstOldest(std::vector<Item>& items)
 void Application::Shut(const std::string& why, bool park, Effects& effects)
 {
     m_closed = true;
-    const bool parkedIsConsumed = m_flow == ApplicationFlow::draining || m_flow == ApplicationFlow::switching;
     while (!m_sessions.empty())
     {
         Session& session = m_sessions.begin()->second;
@@ -407,13 +406,9 @@ void Application::Shut(const std::string& why, bool park, Effects& effects)
     MergeRetries();
     if (park)
     {
-        DropUnanswered(m_pending, true);
+        GiveBackParked();
         ParkAll(m_pending);
         ParkAll(m_behindMarker);
-    }
-    if (park && parkedIsConsumed)
-    {
-        m_context.parking.Release(m_name);
     }
     LeaveBehind(m_pending);
     DropUnanswered(m_behindMarker, false);

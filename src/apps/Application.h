@@ -223,6 +223,8 @@ class Application : public boost::enable_shared_from_this<Application>
     /** Guarded by m_mutex, like everything below. */
     ApplicationSettings m_settings;
     ApplicationFlow m_flow = ApplicationFlow::parked;
+    /** Whether the parking queue is consumed: since an instance attached, until none has been for a while. */
+    bool m_consuming = false;
     bool m_delivering = true;
     bool m_closed = false;
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <random>
+#include <utility>
 
 namespace VtxQel
 {
@@ -126,6 +127,7 @@ void Application::StartDraining()
 {
     m_flow = ApplicationFlow::draining;
     m_absenceEndsAt.reset();
+    m_consuming = true;
     m_context.parking.Consume(m_name, m_settings.window);
     SendMarker();
 }
@@ -137,8 +139,9 @@ void Application::BecomeLive()
         Append(std::move(item));
     }
     m_behindMarker.clear();
+    // The parking queue, empty now, stays consumed: a queue whose consumer changes while messages arrive may mix them
+    // up.
     m_flow = ApplicationFlow::live;
-    m_context.parking.Stop(m_name);
 }
 
 void Application::BecomeSlow(Item* last)
@@ -153,31 +156,26 @@ void Application::BecomeSlow(Item* last)
 
 void Application::BecomeAbsent()
 {
+    // What is older than anything parked stays in memory for a while, and the parking queue consumed, so that the order
+    // holds when the application is back soon.
+    MergeRetries();
     if (m_flow == ApplicationFlow::live)
     {
-        MergeRetries();
         ParkAll(m_pending);
     }
-    else if (m_flow != ApplicationFlow::parked)
-    {
-        GiveBackParked();
-    }
+    ParkAll(m_behindMarker);
     m_flow = ApplicationFlow::parked;
     m_markerRetryAt.reset();
+    m_absenceEndsAt = m_context.timers.Now() + m_settings.ackTimeout;
+    ArmFor(*m_absenceEndsAt);
 }
 
 void Application::GiveBackParked()
 {
-    // What is older than anything parked stays in memory for a while, so that the order holds when the application is
-    // back soon.
-    MergeRetries();
     DropUnanswered(m_pending, true);
-    m_context.parking.Release(m_name);
-    ParkAll(m_behindMarker);
-    if (!m_pending.empty())
+    if (std::exchange(m_consuming, false))
     {
-        m_absenceEndsAt = m_context.timers.Now() + m_settings.ackTimeout;
-        ArmFor(*m_absenceEndsAt);
+        m_context.parking.Release(m_name);
     }
 }
 
@@ -345,6 +343,7 @@ void Application::EndAbsence(TimePoint now)
     if (m_absenceEndsAt && *m_absenceEndsAt <= now)
     {
         m_absenceEndsAt.reset();
+        GiveBackParked();
         ParkAll(m_pending);
     }
     else if (m_absenceEndsAt)

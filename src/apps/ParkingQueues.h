@@ -35,8 +35,6 @@ class ParkingQueues
      * consumption that was stopped before has left unsettled. Nothing of it is dispatched any more.
      */
     virtual void Release(const std::string& application) = 0;
-    /** Stops consuming; what is unsettled stays to be settled. */
-    virtual void Stop(const std::string& application) = 0;
 };
 
 } // namespace VtxQel

@@ -120,19 +120,12 @@ void BrokerClient::ConsumeParking(const std::string& application, std::uint16_t 
     m_worker.Post([this, application] { ReconcileParking(application); });
 }
 
-void BrokerClient::StopParking(const std::string& application, bool giveBack)
+void BrokerClient::ReleaseParking(const std::string& application)
 {
     const std::lock_guard lock(m_parkingMutex);
     m_parking.erase(application);
-    m_worker.Post(
-        [this, queue = m_settlement.ParkingQueue(application), giveBack]
-        {
-            WhileReading(
-                [&] {
-                    return giveBack ? m_link.ReleaseQueue(queue, REQUEST_BUDGET)
-                                    : m_link.CancelQueue(queue, REQUEST_BUDGET);
-                });
-        });
+    m_worker.Post([this, queue = m_settlement.ParkingQueue(application)]
+                  { WhileReading([&] { return m_link.ReleaseQueue(queue, REQUEST_BUDGET); }); });
 }
 
 void BrokerClient::ReconcileParking(const std::string& application)

@@ -92,8 +92,8 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     /** Consumes an application's parking queue with this many unsettled ahead. Does not wait; repeated until it works.
      */
     void ConsumeParking(const std::string& application, std::uint16_t prefetch);
-    /** Stops that. @param giveBack whether what is unsettled goes back to the queue, in its order. */
-    void StopParking(const std::string& application, bool giveBack);
+    /** Stops that and gives what is unsettled back to the queue, in its order. Does not wait. */
+    void ReleaseParking(const std::string& application);
 
   private:
     DesiredTopology OnConnected() override;

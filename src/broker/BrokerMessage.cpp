@@ -98,12 +98,18 @@ BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement,
         m_tries = CountedTries();
     }
     m_body = RmqBody{m_incoming.body.size(), reinterpret_cast<const std::uint8_t*>(m_incoming.body.data())};
-    m_settlement.Hold(m_incoming.body.size());
+    m_settlement.Hold(HeldBytes());
 }
 
 BrokerMessage::~BrokerMessage()
 {
-    m_settlement.Release(m_incoming.body.size());
+    m_settlement.Release(HeldBytes());
+}
+
+std::size_t BrokerMessage::HeldBytes() const
+{
+    // What waits for a slow application must not keep the others' messages from being read; its prefetch bounds it.
+    return m_parkedFor.empty() ? m_incoming.body.size() : 0;
 }
 
 boost::shared_ptr<RmqBody> BrokerMessage::GetBody() const

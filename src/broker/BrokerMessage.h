@@ -66,6 +66,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
 
   private:
     void Unpark();
+    std::size_t HeldBytes() const;
     std::uint32_t CountedTries() const;
 
     IncomingMessage m_incoming;

@@ -79,11 +79,6 @@ class ModelBroker : public ParkingQueues
         }
         m_unsettled.clear();
     }
-    void Stop(const std::string&) override
-    {
-        const std::lock_guard lock(m_mutex);
-        m_consuming = false;
-    }
 
     /** Delivers the next message of the client queue. */
     void DeliverLive(Application& application)

@@ -225,7 +225,6 @@ class FakeParkingQueues : public ParkingQueues
         m_markers.emplace_back(marker, std::move(completion));
     }
     void Release(const std::string& application) override { Record("release " + application); }
-    void Stop(const std::string& application) override { Record("stop " + application); }
 
     /** The number of the marker sent last. */
     std::uint64_t LastMarker() const
