@@ -29,6 +29,7 @@ std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitC
         queueOfTopic[topic.topic()] = topic.priority() == 0 ? info.clientQueue : info.priorityQueue;
     }
     std::vector<RouteRecord> routes;
+    routes.reserve(queueOfTopic.size() + static_cast<std::size_t>(config.queue_name_size()));
     for (const auto& [topic, queue] : queueOfTopic)
     {
         routes.push_back({application, RouteKind::topic, topic, queue, RouteState::intended});

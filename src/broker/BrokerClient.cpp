@@ -288,7 +288,7 @@ RequestResult BrokerClient::WhileReading(Request request)
             m_link.PauseReading(false);
         }
     }
-    const RequestResult result = request();
+    RequestResult result = request();
     const std::lock_guard lock(m_readingMutex);
     --m_requests;
     return result;

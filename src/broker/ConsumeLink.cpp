@@ -22,6 +22,8 @@ constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
+/** Longer than a quorum queue needs to elect its leader. */
+constexpr Milliseconds RESTORE_PATIENCE{15000};
 
 Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
 {
@@ -131,7 +133,26 @@ void ConsumeLink::OnOpen()
     DesiredTopology desired = m_listener.OnConnected();
     m_restoration.Begin(desired);
     m_base = DesiredTopology{std::move(desired.exchanges), std::move(desired.ownQueues), {}, {}};
+    WatchRestoration();
     Pump();
+}
+
+/** A broker that has just started may never answer a request of its first moments; a new connection gets its answers.
+ */
+void ConsumeLink::WatchRestoration()
+{
+    After(
+        RESTORE_PATIENCE,
+        [this, before = m_restoreReplies]
+        {
+            if (m_restoration.IsAwaited() && m_restoreReplies == before && !m_paused)
+            {
+                const auto connection = m_connection;
+                connection->Abort("the broker does not answer while queues and bindings are restored");
+                return;
+            }
+            WatchRestoration();
+        });
 }
 
 void ConsumeLink::OnMethod(std::uint16_t channel, const amqp_method_t& method)
@@ -637,6 +658,7 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
         // Lost with its connection: the next one starts over.
         return;
     }
+    ++m_restoreReplies;
     if (outcome == Outcome::ok)
     {
         m_restoration.Finished();

@@ -66,6 +66,7 @@ class ConsumeLink : private AmqpConnectionHandler
 
     void Connect();
     void ConnectLater();
+    void WatchRestoration();
     void GiveUp();
 
     void Pump();
@@ -118,6 +119,8 @@ class ConsumeLink : private AmqpConnectionHandler
     DesiredTopology m_base;
     Restoration m_restoration;
     bool m_restored = false;
+    /** Answers to what was being restored, so that silence can be told from slowness. */
+    std::uint64_t m_restoreReplies = 0;
     bool m_pumping = false;
     /** The queues that are to be consumed, by name. */
     std::map<std::string, QueueSpec> m_consumed;

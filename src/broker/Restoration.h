@@ -51,6 +51,8 @@ class Restoration
     /** Whether requests of others may be made: exchanges and own queues are there. */
     bool IsBaseReady() const { return m_step > Step::ownQueues; }
     bool IsDone() const { return m_step == Step::done; }
+    /** Whether the broker owes an answer to something that is being restored. */
+    bool IsAwaited() const { return m_underWay > 0; }
 
     /** Keeps the restoration from making (again) what somebody gave up, or takes that back. */
     void GiveUp(const Binding& binding) { m_givenUpBindings.insert(binding); }

@@ -175,6 +175,7 @@ TEST_F(ApplicationTest, AnInstanceThatLeavesHandsItsMessagesToAnotherInOrder)
     m_application->SetWindow(2, 10);
     const auto deliveries = second->Take();
     std::vector<std::string> bodies;
+    bodies.reserve(deliveries.size());
     for (const SessionDelivery& delivery : deliveries)
     {
         bodies.push_back(delivery.message->ToString() + (delivery.redelivered ? " again" : ""));

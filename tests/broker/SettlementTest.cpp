@@ -211,7 +211,7 @@ class SettlementTest : public testing::Test
                     std::string(reinterpret_cast<const char*>(message->GetBody()->bytes), message->GetBodyLength()));
                 return true;
             });
-        const std::string body = bodies.Take().value_or("nothing");
+        std::string body = bodies.Take().value_or("nothing");
         End();
         return body;
     }

@@ -16,7 +16,7 @@ class FakeTopologyPort : public TopologyPort
   public:
     RequestResult Bind(const Binding& binding) override
     {
-        const RequestResult result = Ask("bind " + binding.queue + " " + binding.topic);
+        RequestResult result = Ask("bind " + binding.queue + " " + binding.topic);
         if (result.answer == Answer::ok)
         {
             bound.insert(binding.queue + " " + binding.topic);
@@ -25,7 +25,7 @@ class FakeTopologyPort : public TopologyPort
     }
     RequestResult Unbind(const Binding& binding) override
     {
-        const RequestResult result = Ask("unbind " + binding.queue + " " + binding.topic);
+        RequestResult result = Ask("unbind " + binding.queue + " " + binding.topic);
         if (result.answer == Answer::ok)
         {
             bound.erase(binding.queue + " " + binding.topic);

@@ -10,8 +10,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace VtxQel
 {
 
@@ -37,6 +35,7 @@ ProgramRun::ProgramRun(const std::vector<std::string>& arguments)
     std::vector<std::string> texts = {QELCTL_PROGRAM};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts)
     {
         pointers.push_back(text.data());

@@ -91,7 +91,7 @@ void AttachCommand::Run(const GlobalOptions& options)
 
 std::string AttachCommand::Socket() const
 {
-    const std::string socket = m_socket.empty() ? m_runtimeDirectory + "/apps/" + m_application + ".sock" : m_socket;
+    std::string socket = m_socket.empty() ? m_runtimeDirectory + "/apps/" + m_application + ".sock" : m_socket;
     if (socket.size() > longestPath)
     {
         throw UsageError(

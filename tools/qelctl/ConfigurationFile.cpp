@@ -92,8 +92,9 @@ class Reader
         std::set<std::string> seen;
         for (std::size_t i = 0; i < object.members.size(); ++i)
         {
-            const std::string& name = object.members[i].first;
-            const std::string path = field.empty() ? name : field + "." + name;
+            const std::string& name = object.members[i].name;
+            std::string path = field.empty() ? "" : field + ".";
+            path += name;
             std::vector<std::string> candidates;
             std::string canonical;
             for (const FieldName& candidate : known)

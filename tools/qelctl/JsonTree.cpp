@@ -46,7 +46,7 @@ class TreeBuilder : public nlohmann::json_sax<nlohmann::json>
     bool end_array() override { return Close(); }
     bool key(string_t& name) override
     {
-        m_open.back()->members.emplace_back(std::move(name), JsonNode{});
+        m_open.back()->members.push_back({std::move(name), JsonNode{}});
         m_open.back()->names.push_back(m_tracker.TokenStart());
         return true;
     }
@@ -60,7 +60,7 @@ class TreeBuilder : public nlohmann::json_sax<nlohmann::json>
     {
         if (m_error)
         {
-            throw *m_error;
+            throw JsonSyntaxError(*m_error);
         }
         return std::move(m_root);
     }
@@ -71,7 +71,7 @@ class TreeBuilder : public nlohmann::json_sax<nlohmann::json>
         JsonNode* node = &m_root;
         if (!m_open.empty() && m_open.back()->kind == JsonNode::Kind::object)
         {
-            node = &m_open.back()->members.back().second;
+            node = &m_open.back()->members.back().value;
         }
         else if (!m_open.empty())
         {

@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace VtxQel
 {
+
+struct JsonMember;
 
 /** One value of a JSON text with the place where it stands. A plain value; at most 64 levels deep. */
 struct JsonNode
@@ -33,9 +34,16 @@ struct JsonNode
     std::string text;
     std::vector<JsonNode> elements;
     /** In the order of the text; a name may be there twice. */
-    std::vector<std::pair<std::string, JsonNode>> members;
+    std::vector<JsonMember> members;
     /** Where the names of `members` stand. */
     std::vector<Position> names;
+};
+
+/** A name of an object and its value. */
+struct JsonMember
+{
+    std::string name;
+    JsonNode value;
 };
 
 /** The text is not JSON; what() says why, `at` where. */
