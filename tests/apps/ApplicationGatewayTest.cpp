@@ -658,6 +658,8 @@ class DescriptorsUsedUp
     std::vector<int> m_taken;
 };
 
+// The sanitizers look at memory through a pipe, and without a descriptor for it they take sound objects for broken ones.
+#ifndef __SANITIZE_ADDRESS__
 TEST_F(GatewayTest, WithoutDescriptorsConnectionsAreRefusedAndLaterOnesServed)
 {
     {
@@ -671,6 +673,7 @@ TEST_F(GatewayTest, WithoutDescriptorsConnectionsAreRefusedAndLaterOnesServed)
     TestClient client(PathOf("first"));
     EXPECT_EQ(client.Attach().application(), "first");
 }
+#endif
 
 } // namespace
 } // namespace VtxQel
