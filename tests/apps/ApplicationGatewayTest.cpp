@@ -658,7 +658,8 @@ class DescriptorsUsedUp
     std::vector<int> m_taken;
 };
 
-// The sanitizers look at memory through a pipe, and without a descriptor for it they take sound objects for broken ones.
+// The sanitizers look at memory through a pipe, and without a descriptor for it they take sound objects for broken
+// ones.
 #ifndef __SANITIZE_ADDRESS__
 TEST_F(GatewayTest, WithoutDescriptorsConnectionsAreRefusedAndLaterOnesServed)
 {
