@@ -1,5 +1,7 @@
 """The broker goes away and comes back."""
 
+from support.plane import ManagementPlane
+
 
 def populated(world):
     """An agent on a node of its own, two configured applications."""
@@ -50,7 +52,8 @@ def test_an_orderly_restart(lonely_world):
 def test_a_crash(lonely_world):
     node, agent, alpha, beta, queue = populated(lonely_world)
     # A quorum queue that has not written anything yet may come out of a crash without a leader, for good.
-    lonely_world.plane().publish("", queue, b"before")
+    with ManagementPlane(node.url()) as plane:
+        plane.publish("", queue, b"before")
     assert beta.take() == [b"before"]
     bindings = node.list_bindings()
     node.kill()
