@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <random>
 
 namespace VtxQel
@@ -8,26 +9,34 @@ namespace VtxQel
 
 /**
  * BackOff says how long to wait before the next attempt: at random between half a second and one and a half at first
- * (never at once: a broker that was just lost elects a new leader meanwhile), then up to a limit that doubles with each
- * failure, so that a fleet that lost its broker together does not come back together. Used by one thread.
+ * (never at once: a broker that was just lost elects a new leader meanwhile), then up to a limit that doubles when
+ * every address has failed once more, so that a fleet that lost its broker together does not come back together, and
+ * one that lost a node of its cluster finds another soon. Used by one thread.
  */
 class BackOff
 {
   public:
     using Milliseconds = std::chrono::milliseconds;
 
-    BackOff() : m_random(std::random_device{}()) {}
+    /** @param addresses how many there are, tried in turn */
+    explicit BackOff(std::size_t addresses = 1) : m_addresses(addresses), m_random(std::random_device{}()) {}
 
     /** The wait before the next attempt. */
     Milliseconds Next();
-    /** The attempt succeeded and lasted: the next wait is a first one. */
-    void Reset() { m_limit = FIRST; }
+    /**
+     * The attempt succeeded and lasted this long. When that is a minute, or ten times what there could have been to
+     * wait for it, the next wait is a first one.
+     */
+    void Lasted(std::chrono::steady_clock::duration time);
 
     static constexpr Milliseconds SHORTEST{500};
     static constexpr Milliseconds FIRST{1500};
     static constexpr Milliseconds LONGEST{30000};
+    static constexpr Milliseconds HEALTHY{60000};
 
   private:
+    std::size_t m_addresses;
+    std::size_t m_waits = 0;
     Milliseconds m_limit = FIRST;
     std::minstd_rand m_random;
 };

@@ -17,7 +17,6 @@ namespace
 {
 
 constexpr std::uint16_t RPC_CHANNEL = 1;
-constexpr std::chrono::seconds HEALTHY{60};
 constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
@@ -34,7 +33,8 @@ Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
 
 ConsumeLink::ConsumeLink(
     boost::asio::io_context& io, ConnectionSource& source, LinkListener& listener, LinkState& state)
-    : m_io(io), m_source(source), m_listener(listener), m_state(state), m_connectTimer(io), m_firstDeadline(io)
+    : m_io(io), m_source(source), m_listener(listener), m_state(state), m_backOff(source.UrlCount()),
+      m_connectTimer(io), m_firstDeadline(io)
 {
 }
 
@@ -93,11 +93,6 @@ void ConsumeLink::Connect()
 
 void ConsumeLink::ConnectLater()
 {
-    if (m_everOpen && m_openedAt.time_since_epoch().count() != 0 &&
-        std::chrono::steady_clock::now() - m_openedAt > HEALTHY)
-    {
-        m_backOff.Reset();
-    }
     m_connectTimer.expires_after(m_backOff.Next());
     m_connectTimer.async_wait(
         [this](const error_code& error)
@@ -217,6 +212,7 @@ void ConsumeLink::OnClosed(const std::string& why)
         {
             QEL_LOG(vtx::LevelWarning, "Connection to the broker %s ended: %s", url.c_str(), why.c_str());
         }
+        m_backOff.Lasted(std::chrono::steady_clock::now() - m_openedAt);
         m_listener.OnDisconnected(why);
     }
     else if (!m_stopping && !m_moving)

@@ -19,12 +19,12 @@ constexpr std::uint16_t CHANNEL = 1;
 constexpr std::size_t BACKLOG = 1048576;
 constexpr std::chrono::milliseconds TICK{100};
 constexpr std::chrono::seconds ONLY_NACKS{1};
-constexpr std::chrono::seconds HEALTHY{60};
 
 } // namespace
 
 PublishLink::PublishLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state, OnEnded onEnded)
-    : m_source(source), m_state(state), m_onEnded(std::move(onEnded)), m_connectTimer(io), m_tick(io)
+    : m_source(source), m_state(state), m_onEnded(std::move(onEnded)), m_backOff(source.UrlCount()), m_connectTimer(io),
+      m_tick(io)
 {
 }
 
@@ -76,7 +76,7 @@ void PublishLink::Connect()
     {
         return;
     }
-    m_urlIndex = (m_preferredUrl() + m_failures) % m_source.UrlCount();
+    m_urlIndex = NextUrl();
     try
     {
         m_connection = m_source.Make(m_urlIndex, true, *this);
@@ -86,6 +86,13 @@ void PublishLink::Connect()
     {
         OnClosed(e.what());
     }
+}
+
+/** Where the consuming connection is (or tries to be next), but not twice in a row where it has just failed. */
+std::size_t PublishLink::NextUrl() const
+{
+    const std::size_t preferred = m_preferredUrl();
+    return m_failures > 0 && preferred == m_urlIndex ? (preferred + 1) % m_source.UrlCount() : preferred;
 }
 
 void PublishLink::ConnectLater()
@@ -389,10 +396,7 @@ void PublishLink::OnClosed(const std::string& why)
     if (wasOpen)
     {
         QEL_LOG(vtx::LevelWarning, "Publishing connection to the broker %s ended: %s", url.c_str(), why.c_str());
-        if (Clock::now() - m_openedAt > HEALTHY)
-        {
-            m_backOff.Reset();
-        }
+        m_backOff.Lasted(Clock::now() - m_openedAt);
     }
     else
     {

@@ -80,6 +80,7 @@ class PublishLink : private AmqpConnectionHandler
     void OnClosed(const std::string& why) override;
 
     void Connect();
+    std::size_t NextUrl() const;
     void ConnectLater();
     void OpenChannel();
     void Pump();

@@ -44,15 +44,50 @@ TEST(BackOff, WaitsDiffer)
     EXPECT_LT(shortest + std::chrono::milliseconds(5000), longest);
 }
 
-TEST(BackOff, ResetStartsOver)
+TEST(BackOff, EveryAddressIsTriedOnceBeforeTheLimitDoubles)
+{
+    for (int i = 0; i < 200; ++i)
+    {
+        BackOff backOff(3);
+        for (int address = 0; address < 3; ++address)
+        {
+            EXPECT_LE(backOff.Next().count(), 1500);
+        }
+        EXPECT_LE(backOff.Next().count(), 3000);
+    }
+}
+
+TEST(BackOff, AConnectionThatLastedStartsOver)
 {
     BackOff backOff;
     for (int i = 0; i < 10; ++i)
     {
         backOff.Next();
     }
-    backOff.Reset();
+    backOff.Lasted(std::chrono::seconds(60));
     EXPECT_LE(backOff.Next().count(), 1500);
+}
+
+TEST(BackOff, AConnectionThatLastedTenTimesTheWaitStartsOver)
+{
+    BackOff backOff;
+    backOff.Next();
+    backOff.Lasted(std::chrono::seconds(30));
+    EXPECT_LE(backOff.Next().count(), 1500);
+}
+
+TEST(BackOff, AConnectionThatDidNotLastDoesNot)
+{
+    std::chrono::milliseconds longest{0};
+    for (int i = 0; i < 100; ++i)
+    {
+        BackOff backOff;
+        backOff.Next();
+        backOff.Next();
+        backOff.Lasted(std::chrono::seconds(59));
+        longest = std::max(longest, backOff.Next());
+    }
+    EXPECT_GT(longest.count(), 1500);
 }
 
 } // namespace VtxQel
