@@ -72,7 +72,7 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
       m_endpointController(boost::make_shared<EndpointController>(m_frontEnd)),
       m_handler(boost::make_shared<AgentMsgHandler>(
           HandlerCollaborators{m_routingRegistry, m_appRegistry, m_dispatcher, m_client, m_info, m_endpointController},
-          m_client->Routes(), m_subscriptions, m_config.controlUsers,
+          m_client->Routes(), m_subscriptions,
           [this](const std::string& application) { m_requests.AskLater(application); }))
 {
     m_subscriptions.Observe([this](const SubscriptionChange& change) { OnSubscriptionChange(change); });

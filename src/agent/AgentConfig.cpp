@@ -117,6 +117,18 @@ std::string ReadFileName(StrictToml& toml, const std::string& key)
     return file;
 }
 
+void ReadControlUsers(StrictToml& toml, AgentConfig& config)
+{
+    config.broker.controlUsers = toml.Strings("broker.control_users");
+    for (const std::string& user : config.broker.controlUsers)
+    {
+        if (user.empty() || user.size() > LONGEST_NAME)
+        {
+            toml.Fail("broker.control_users", "must list names of 1 to " + std::to_string(LONGEST_NAME) + " bytes");
+        }
+    }
+}
+
 void ReadBroker(StrictToml& toml, AgentConfig& config)
 {
     BrokerSettings& broker = config.broker;
@@ -146,7 +158,7 @@ void ReadBroker(StrictToml& toml, AgentConfig& config)
     {
         toml.Fail("broker.tls", "needs both certificate_file and key_file, or neither");
     }
-    config.controlUsers = toml.Strings("broker.control_users");
+    ReadControlUsers(toml, config);
     config.reassignWithin = std::chrono::seconds(toml.Integer("broker.reassign_within_seconds", 180, {0, 3600}));
 }
 

@@ -19,8 +19,6 @@ struct AgentConfig
     std::string runtimeDirectory;
     BrokerSettings broker;
     ManagementAddress management;
-    /** Publishers whose control messages are obeyed; everybody's when empty. */
-    std::vector<std::string> controlUsers;
     std::chrono::seconds reassignWithin{180};
     std::string applicationsDirectory;
     int logLevel = 4;

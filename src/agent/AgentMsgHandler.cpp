@@ -1,13 +1,11 @@
 #include "agent/AgentMsgHandler.h"
 
 #include "common/LockOrThrow.h"
-#include "common/MessageTypes.h"
 #include "logging/Log.h"
 
 #include <boost/make_shared.hpp>
 #include <boost/pointer_cast.hpp>
 
-#include <algorithm>
 #include <exception>
 #include <map>
 #include <utility>
@@ -45,25 +43,13 @@ std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitC
 
 AgentMsgHandler::AgentMsgHandler(
     const HandlerCollaborators& collaborators, Topology& topology, Subscriptions& subscriptions,
-    std::vector<std::string> controlUsers, std::function<void(const std::string& application)> onFailed)
+    std::function<void(const std::string& application)> onFailed)
     : QelMsgHandler(
           collaborators.routingRegistry, collaborators.appRegistry, collaborators.appDispatcher,
           collaborators.rmqClient, collaborators.rmqInfo, collaborators.endpointController),
       m_collaborators(collaborators), m_topology(topology), m_subscriptions(subscriptions),
-      m_controlUsers(std::move(controlUsers)), m_onFailed(std::move(onFailed))
+      m_onFailed(std::move(onFailed))
 {
-}
-
-bool AgentMsgHandler::Callback(boost::shared_ptr<RmqMessage> msg)
-{
-    if (msg && !MayControl(*msg))
-    {
-        QEL_LOG(
-            vtx::LevelWarning, "a control message of a publisher that is not in broker.control_users was refused: %s",
-            msg->ToString().c_str());
-        return false;
-    }
-    return QelMsgHandler::Callback(msg);
 }
 
 bool AgentMsgHandler::HandleSyncResponse(boost::shared_ptr<RmqMessage> msg)
@@ -232,19 +218,6 @@ void AgentMsgHandler::AlignRegistry(const std::set<std::string>& keys)
             registry->Remove(key);
         }
     }
-}
-
-bool AgentMsgHandler::MayControl(const RmqMessage& message) const
-{
-    if (m_controlUsers.empty())
-    {
-        return true;
-    }
-    const boost::shared_ptr<RmqProperties> properties = message.GetProperties();
-    const bool control = properties->type == PING_REQUEST_TYPE || properties->type == REASSIGN_HINT_TYPE ||
-                         properties->type == APP_INIT_CONFIG_TYPE;
-    return !control ||
-           std::find(m_controlUsers.begin(), m_controlUsers.end(), properties->userId) != m_controlUsers.end();
 }
 
 boost::shared_ptr<AppRegistryEntry> AgentMsgHandler::EntryOf(const std::string& application) const

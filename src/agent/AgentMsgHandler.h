@@ -43,10 +43,8 @@ class AgentMsgHandler : public QelMsgHandler
     /** @param onFailed told the application whose configuration could not be carried out; must not block. */
     AgentMsgHandler(
         const HandlerCollaborators& collaborators, Topology& topology, Subscriptions& subscriptions,
-        std::vector<std::string> controlUsers, std::function<void(const std::string& application)> onFailed);
+        std::function<void(const std::string& application)> onFailed);
 
-    /** Refuses control messages of publishers that may not send any. */
-    bool Callback(boost::shared_ptr<RmqMessage> msg) override;
     bool HandleSyncResponse(boost::shared_ptr<RmqMessage> msg) override;
     int ParseAppInitConfig(
         boost::shared_ptr<RmqMessage> msg, brelix::vtx::messaging::appinit::AppInitConfigMsg& config) override;
@@ -80,14 +78,12 @@ class AgentMsgHandler : public QelMsgHandler
 
     void End(bool succeeded, const std::string& error);
     void AlignRegistry(const std::set<std::string>& keys);
-    bool MayControl(const RmqMessage& message) const;
     boost::shared_ptr<AppRegistryEntry> EntryOf(const std::string& application) const;
     void AddRoute(RoutingRegistry& registry, const RouteRecord& route) const;
 
     const HandlerCollaborators m_collaborators;
     Topology& m_topology;
     Subscriptions& m_subscriptions;
-    const std::vector<std::string> m_controlUsers;
     const std::function<void(const std::string& application)> m_onFailed;
     /** Held while a configuration is carried out; guards m_frame. */
     std::mutex m_turn;

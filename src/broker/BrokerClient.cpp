@@ -40,7 +40,10 @@ BrokerClient::BrokerClient(
       m_settlement(
           m_link, *m_info, m_worker,
           [this](const std::string& queue) { return DeclareParking(PlainQueue(queue, 0)).answer == Answer::ok; }),
-      m_lanes(std::move(registry), m_info, m_settlement, m_timers)
+      m_lanes(std::move(registry), m_info, m_settlement, m_timers),
+      m_controlUsers(
+          m_settings.controlUsers,
+          [this](std::chrono::seconds delay, Scheduler::Task task) { m_timers.After(delay, std::move(task)); })
 {
     m_settlement.SetHeldObserver([this](std::size_t bytes) { OnHeld(bytes); });
 }
@@ -195,7 +198,14 @@ void BrokerClient::OnConsumerCancelled(const std::string& queue)
 
 void BrokerClient::OnDelivery(IncomingMessage&& message)
 {
-    m_lanes.Push(boost::make_shared<BrokerMessage>(std::move(message), m_settlement, m_names));
+    auto delivery = boost::make_shared<BrokerMessage>(std::move(message), m_settlement, m_names);
+    const std::string refusal = m_controlUsers.Refusal(*delivery);
+    if (!refusal.empty())
+    {
+        delivery->RefuseSilently(refusal);
+        return;
+    }
+    m_lanes.Push(std::move(delivery));
 }
 
 void BrokerClient::OnRefusedDelivery(const std::string& queue, const std::string& why)

@@ -2,6 +2,7 @@
 
 #include "broker/BrokerLink.h"
 #include "broker/BrokerMessage.h"
+#include "broker/ControlUsers.h"
 #include "broker/Journal.h"
 #include "broker/Lanes.h"
 #include "broker/Settlement.h"
@@ -21,6 +22,7 @@
 #include <map>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace VtxQel
 {
@@ -38,6 +40,8 @@ struct BrokerSettings
     std::uint16_t prefetch = 1000;
     /** While more bytes than this are held, nothing more is read from the broker. */
     std::size_t maxHeldBytes = 67108864;
+    /** The broker users whose control messages are obeyed; everybody's when empty. */
+    std::vector<std::string> controlUsers;
 };
 
 /** What the client tells the agent. Called on the link's thread; must not block. */
@@ -87,6 +91,8 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     void MoveTo(std::size_t urlIndex) { m_link.MoveTo(urlIndex); }
     void ReloadTls() { m_link.ReloadTls(); }
     LinkStatus Status() const { return m_link.Status(); }
+    /** How many control messages were refused because of who sent them. */
+    std::uint64_t RefusedControlMessages() const { return m_controlUsers.Refused(); }
     std::size_t Waiting(LaneKind lane) const { return m_lanes.Waiting(lane); }
 
     /** Consumes an application's parking queue with this many unsettled ahead. Does not wait; repeated until it works.
@@ -133,6 +139,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
 
     std::atomic<bool> m_stopping{false};
     std::mutex m_parkingMutex;
+    ControlUsers m_controlUsers;
     /** The parking queues that are to be consumed, with their prefetch. Guarded by m_parkingMutex. */
     std::map<std::string, std::uint16_t> m_parking;
     std::mutex m_readingMutex;

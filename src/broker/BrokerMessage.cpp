@@ -2,6 +2,7 @@
 
 #include "broker/Settlement.h"
 #include "common/Printable.h"
+#include "logging/Log.h"
 
 #include <boost/make_shared.hpp>
 
@@ -41,6 +42,13 @@ std::uint32_t CountIn(const RmqTable& headers, const std::string& name)
     return number == nullptr ? 0 : static_cast<std::uint32_t>(std::clamp<std::int64_t>(*number, 0, INT32_MAX));
 }
 
+void LogDeadLetter(const BrokerMessage& message, const std::string& application, const std::string& reason)
+{
+    QEL_LOG(
+        vtx::LevelWarning, "dead-lettered for application %s: %s. %s",
+        application.empty() ? "(none)" : application.c_str(), reason.c_str(), message.ToString().c_str());
+}
+
 /** One receiver's answer, given once. */
 class BrokerReceipt : public Receipt
 {
@@ -62,6 +70,7 @@ class BrokerReceipt : public Receipt
     {
         if (Take())
         {
+            LogDeadLetter(*m_message, m_application, reason);
             m_settlement.DeadLetter(m_message, m_application, reason, tries);
         }
     }
@@ -153,6 +162,12 @@ void BrokerMessage::Accept()
 }
 
 void BrokerMessage::Refuse(const std::string& reason)
+{
+    LogDeadLetter(*this, GetAppName(), reason);
+    RefuseSilently(reason);
+}
+
+void BrokerMessage::RefuseSilently(const std::string& reason)
 {
     m_settlement.DeadLetter(shared_from_this(), GetAppName(), reason, m_tries + m_failures);
 }

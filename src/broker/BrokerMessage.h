@@ -54,6 +54,8 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     void Accept();
     /** The lane's own share: nobody takes the message. */
     void Refuse(const std::string& reason);
+    /** The same without a line in the log, for what the caller logs in its own way. */
+    void RefuseSilently(const std::string& reason);
     /** How often the lane has tried the handler with it in vain, this time included. Only the lane calls it. */
     std::uint32_t CountFailure() { return ++m_failures; }
 

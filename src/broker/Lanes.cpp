@@ -105,13 +105,9 @@ Lanes::Lane& Lanes::LaneOf(const BrokerMessage& message)
 {
     const std::string& type = message.Incoming().properties->type;
     LaneKind kind = LaneKind::normal;
-    if (type == PING_REQUEST_TYPE || type == REASSIGN_HINT_TYPE)
+    if (IsControlType(type))
     {
-        kind = LaneKind::control;
-    }
-    else if (type == APP_INIT_CONFIG_TYPE)
-    {
-        kind = LaneKind::configuration;
+        kind = type == APP_INIT_CONFIG_TYPE ? LaneKind::configuration : LaneKind::control;
     }
     else if (message.GetParkedFor().empty() && message.GetQueue() == m_info->priorityQueue)
     {

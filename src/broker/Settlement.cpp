@@ -84,9 +84,6 @@ void Settlement::DeadLetter(
     const boost::shared_ptr<BrokerMessage>& message, const std::string& application, const std::string& reason,
     std::uint32_t tries)
 {
-    QEL_LOG(
-        vtx::LevelWarning, "dead-lettered for application %s: %s. %s",
-        application.empty() ? "(none)" : application.c_str(), reason.c_str(), message->ToString().c_str());
     Copy copy{message, m_deadLetterQueue, Origin(message->Incoming(), tries), 0};
     copy.headers.emplace_back(Header::REASON, RmqValue::String(reason));
     copy.headers.emplace_back(Header::APPLICATION, RmqValue::String(application));

@@ -12,4 +12,10 @@ constexpr std::string_view REASSIGN_HINT_TYPE = "com.brelix.vtx.messaging.discov
 constexpr std::string_view APP_INIT_CONFIG_TYPE = "com.brelix.vtx.messaging.appinit.AppInitConfigMsg";
 constexpr std::string_view APP_INIT_REQUEST_TYPE = "com.brelix.vtx.messaging.appinit.AppInitRequestMsg";
 
+/** Whether the agent itself acts on messages of this type; all others are for applications. */
+constexpr bool IsControlType(std::string_view type)
+{
+    return type == PING_REQUEST_TYPE || type == REASSIGN_HINT_TYPE || type == APP_INIT_CONFIG_TYPE;
+}
+
 } // namespace VtxQel

@@ -151,5 +151,20 @@ TEST_F(AgentConfigTest, AClientCertificateNeedsItsKey)
         std::string::npos);
 }
 
+TEST_F(AgentConfigTest, ControlUsersAreEverybodyUnlessListed)
+{
+    EXPECT_TRUE(Load(least).broker.controlUsers.empty());
+    EXPECT_EQ(
+        Load(least + "control_users = [\"plane\", \"spare\"]\n").broker.controlUsers,
+        (std::vector<std::string>{"plane", "spare"}));
+}
+
+TEST_F(AgentConfigTest, AControlUserWithoutANameIsAnError)
+{
+    EXPECT_EQ(
+        ProblemsOf(least + "control_users = [\"plane\", \"\"]\n"),
+        ":5:17: broker.control_users must list names of 1 to 255 bytes");
+}
+
 } // namespace
 } // namespace VtxQel

@@ -60,7 +60,7 @@ class AgentMsgHandlerTest : public testing::Test
     ~AgentMsgHandlerTest() override { std::filesystem::remove_all(folder); }
 
     /** A new process on the same journal. */
-    void Start(std::vector<std::string> controlUsers = {})
+    void Start()
     {
         handler.reset();
         topology.reset();
@@ -71,7 +71,7 @@ class AgentMsgHandlerTest : public testing::Test
         client = boost::make_shared<TopologyClient>(*topology);
         handler = boost::make_shared<AgentMsgHandler>(
             HandlerCollaborators{registry, appRegistry, dispatcher, client, info, endpoint}, *topology, *subscriptions,
-            std::move(controlUsers), [this](const std::string& name) { failed.push_back(name); });
+            [this](const std::string& name) { failed.push_back(name); });
         for (const std::string& queue : {info->clientQueue, info->priorityQueue})
         {
             registry->Add(
@@ -306,24 +306,6 @@ TEST_F(AgentMsgHandlerTest, AForgottenApplicationLeavesNothingButWhatOthersShare
     EXPECT_EQ(registry->Find("q"), nullptr);
     EXPECT_NE(registry->Find("shared"), nullptr);
     EXPECT_EQ(ReceiversOf("normal", "shared"), Asked{"mail"});
-}
-
-TEST_F(AgentMsgHandlerTest, OnlyListedUsersControlTheAgent)
-{
-    Start({"plane"});
-    const auto message = Message("web", Config({{"a", 0}}).SerializeAsString());
-    EXPECT_FALSE(handler->Callback(message));
-    EXPECT_EQ(port.asked, Asked());
-    message->properties->userId = "plane";
-    EXPECT_TRUE(handler->Callback(message));
-    EXPECT_EQ(port.asked, Asked{"bind normal a"});
-}
-
-TEST_F(AgentMsgHandlerTest, OrdinaryMessagesNeedNoListedUser)
-{
-    Start({"plane"});
-    const auto message = boost::make_shared<Fakes::FakeRmqMessage>(notes, "order", "");
-    EXPECT_TRUE(handler->Callback(message));
 }
 
 } // namespace
