@@ -1,5 +1,6 @@
 #include "agent/Agent.h"
 
+#include "agent/ServiceNotifier.h"
 #include "common/QelException.h"
 #include "logging/Log.h"
 
@@ -19,6 +20,8 @@ namespace
 constexpr std::chrono::milliseconds VERDICT_BUDGET{2500};
 constexpr std::chrono::milliseconds FLUSH_BUDGET{1500};
 constexpr std::chrono::milliseconds SLOW_AFTER{250};
+/** More than one request of a handler may take (30 s). */
+constexpr std::chrono::seconds LANE_PATIENCE{60};
 constexpr std::chrono::seconds FIRST_ORPHAN_DELAY{5};
 constexpr std::chrono::seconds LONGEST_ORPHAN_DELAY{300};
 
@@ -98,10 +101,17 @@ void Agent::Start()
 {
     m_started = true;
     m_client->Start();
+    const std::chrono::microseconds interval = ServiceNotifier::WatchdogInterval();
+    if (interval.count() > 0)
+    {
+        WatchThreads(interval);
+    }
+    ServiceNotifier::Ready();
 }
 
 void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSettings>& applications)
 {
+    ServiceNotifier::Reloading();
     vtx::Logger::logLevel = config.logLevel;
     m_client->ReloadTls();
     const std::set<std::string> names = NamesOf(applications);
@@ -126,6 +136,7 @@ void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSetti
     m_applicationNames = names;
     QEL_LOG(
         vtx::LevelStatus, "configuration read again: log level %d, %zu applications", config.logLevel, names.size());
+    ServiceNotifier::Ready();
 }
 
 void Agent::Stop()
@@ -134,6 +145,7 @@ void Agent::Stop()
     {
         return;
     }
+    ServiceNotifier::Stopping();
     QEL_LOG(vtx::LevelStatus, "stopping: finishing what is in hand");
     m_client->StopConsuming();
     m_gateway.Stop(VERDICT_BUDGET);
@@ -163,11 +175,13 @@ void Agent::OnRestored()
             vtx::LevelStatus, "qel-agent is ready: consuming %s and %s", m_info->clientQueue.c_str(),
             m_info->priorityQueue.c_str());
     }
+    ServiceNotifier::Status("consuming " + m_info->clientQueue + " and " + m_info->priorityQueue);
     m_chores.Post([this] { RemoveOrphans(FIRST_ORPHAN_DELAY); });
 }
 
 void Agent::OnDisconnected()
 {
+    ServiceNotifier::Status("not connected to the broker, trying again");
     m_applications.DropUnsent();
 }
 
@@ -200,6 +214,36 @@ void Agent::OnSubscriptionChange(const SubscriptionChange& change)
     {
         m_requests.Satisfied(change.application);
     }
+}
+
+void Agent::WatchThreads(std::chrono::microseconds interval)
+{
+    std::vector<WatchedThread> threads{{"link", &m_linkProgress, interval / 2}};
+    for (const auto& [kind, name] : {std::pair(LaneKind::control, "control"),
+                                     {LaneKind::configuration, "configuration"},
+                                     {LaneKind::priority, "priority"},
+                                     {LaneKind::normal, "normal"}})
+    {
+        threads.push_back({std::string("lane ") + name, &m_client->ProgressOf(kind), LANE_PATIENCE});
+    }
+    m_linkProgress.Rest(false);
+    m_watchdog = std::make_unique<Watchdog>(std::move(threads));
+    m_timers.Post([this, interval] { FeedWatchdog(interval); });
+}
+
+void Agent::FeedWatchdog(std::chrono::microseconds interval)
+{
+    const std::vector<std::string> stuck = m_watchdog->Stuck(std::chrono::steady_clock::now());
+    for (const std::string& name : stuck)
+    {
+        QEL_LOG_ERROR("WATCHDOG", "thread %s does not get on", name.c_str());
+    }
+    if (stuck.empty())
+    {
+        ServiceNotifier::Alive();
+    }
+    m_client->PostToLink([this] { m_linkProgress.Step(); });
+    m_timers.After(interval / 4, [this, interval] { FeedWatchdog(interval); });
 }
 
 } // namespace VtxQel

@@ -4,6 +4,7 @@
 #include "agent/AgentMsgHandler.h"
 #include "agent/BrokerParking.h"
 #include "agent/ConfigurationRequests.h"
+#include "agent/Watchdog.h"
 #include "apps/ApplicationGateway.h"
 #include "apps/ApplicationSet.h"
 #include "apps/HoldBudget.h"
@@ -13,6 +14,7 @@
 #include "apps/Timers.h"
 #include "broker/BrokerClient.h"
 #include "broker/Journal.h"
+#include "common/Progress.h"
 #include "common/Scheduler.h"
 #include "endpoint/BrokerFrontEnd.h"
 #include "routing/RoutingRegistry.h"
@@ -61,6 +63,8 @@ class Agent
     void MoveToNextUrl();
     bool LacksConfiguration(const std::string& application) const;
     void OnSubscriptionChange(const SubscriptionChange& change);
+    void WatchThreads(std::chrono::microseconds interval);
+    void FeedWatchdog(std::chrono::microseconds interval);
 
     const AgentConfig m_config;
     std::set<std::string> m_applicationNames;
@@ -85,6 +89,10 @@ class Agent
     boost::shared_ptr<BrokerFrontEnd> m_frontEnd;
     boost::shared_ptr<EndpointController> m_endpointController;
     boost::shared_ptr<AgentMsgHandler> m_handler;
+    /** Steps that the link's thread made when the watchdog asked for them. */
+    Progress m_linkProgress;
+    /** Used by m_timers' thread alone. */
+    std::unique_ptr<Watchdog> m_watchdog;
     std::atomic<bool> m_ready{false};
     bool m_started = false;
 };

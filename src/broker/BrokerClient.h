@@ -94,6 +94,9 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     /** How many control messages were refused because of who sent them. */
     std::uint64_t RefusedControlMessages() const { return m_controlUsers.Refused(); }
     std::size_t Waiting(LaneKind lane) const { return m_lanes.Waiting(lane); }
+    /** For a watchdog: whether a lane gets on, and a task on the link's thread that shows that it does. */
+    const Progress& ProgressOf(LaneKind lane) const { return m_lanes.ProgressOf(lane); }
+    void PostToLink(std::function<void()> task) { m_link.Post(std::move(task)); }
 
     /** Consumes an application's parking queue with this many unsettled ahead. Does not wait; repeated until it works.
      */

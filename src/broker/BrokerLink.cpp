@@ -5,6 +5,7 @@
 #include "broker/LinkState.h"
 #include "broker/PublishLink.h"
 #include "broker/TopologyRequest.h"
+#include "common/Progress.h"
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -18,6 +19,8 @@
 #include <future>
 #include <mutex>
 #include <utility>
+
+#include <pthread.h>
 
 namespace VtxQel
 {
@@ -158,6 +161,7 @@ void BrokerLink::Impl::Start()
 
 void BrokerLink::Impl::Run()
 {
+    pthread_setname_np(pthread_self(), "qel-link");
     m_io.run();
     // Nobody posts any more from here on; what was posted before is answered.
     {
@@ -192,6 +196,7 @@ RequestResult BrokerLink::Impl::Call(
         return {Answer::unanswered, 0, "the connection to the broker is closed"};
     }
     const auto [result, found] = answer.get();
+    Progress::Note();
     if (counts != nullptr && result.answer == Answer::ok)
     {
         *counts = found;
@@ -467,6 +472,11 @@ void BrokerLink::MoveTo(std::size_t urlIndex)
 void BrokerLink::ReloadTls()
 {
     m_impl->Post([this] { m_impl->Source().ForgetTls(); });
+}
+
+void BrokerLink::Post(std::function<void()> task)
+{
+    m_impl->Post(std::move(task));
 }
 
 LinkStatus BrokerLink::Status() const

@@ -267,6 +267,9 @@ class BrokerLink : public Publisher
 
     LinkStatus Status() const;
 
+    /** Runs a short task on the I/O thread, as a proof that it gets on. Dropped when the link does not run. */
+    void Post(std::function<void()> task);
+
   private:
     class Impl;
     std::unique_ptr<Impl> m_impl;

@@ -94,6 +94,11 @@ void Lanes::Stop()
     }
 }
 
+const Progress& Lanes::ProgressOf(LaneKind kind) const
+{
+    return m_lanes[static_cast<std::size_t>(kind)].progress;
+}
+
 std::size_t Lanes::Waiting(LaneKind kind) const
 {
     const Lane& lane = m_lanes[static_cast<std::size_t>(kind)];
@@ -119,6 +124,7 @@ Lanes::Lane& Lanes::LaneOf(const BrokerMessage& message)
 
 void Lanes::Run(Lane& lane, bool keepOrder)
 {
+    lane.progress.Attach();
     std::deque<boost::shared_ptr<BrokerMessage>> batch;
     std::unique_lock lock(lane.mutex);
     while (!lane.stopping)
@@ -126,7 +132,9 @@ void Lanes::Run(Lane& lane, bool keepOrder)
         if (lane.messages.empty())
         {
             lane.idle = true;
+            lane.progress.Rest(true);
             lane.changed.wait(lock);
+            lane.progress.Rest(false);
             lane.idle = false;
             continue;
         }
@@ -136,6 +144,7 @@ void Lanes::Run(Lane& lane, bool keepOrder)
             lock.unlock();
             Handle(lane, batch.front(), keepOrder);
             batch.pop_front();
+            lane.progress.Step();
             lock.lock();
         }
     }
@@ -163,10 +172,12 @@ void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, 
             return;
         }
         std::unique_lock lock(lane.mutex);
+        lane.progress.Rest(true);
         if (lane.changed.wait_for(lock, delay, [&lane] { return lane.stopping; }))
         {
             return;
         }
+        lane.progress.Rest(false);
     }
 }
 

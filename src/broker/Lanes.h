@@ -2,6 +2,7 @@
 
 #include "broker/BrokerMessage.h"
 #include "broker/Settlement.h"
+#include "common/Progress.h"
 #include "common/RmqInfo.h"
 #include "common/Scheduler.h"
 #include "routing/RoutingRegistry.h"
@@ -59,6 +60,8 @@ class Lanes
 
     /** How many messages wait in the lane. */
     std::size_t Waiting(LaneKind kind) const;
+    /** Whether the lane gets on, for a watchdog: a message is a step, and so is each of the broker's answers. */
+    const Progress& ProgressOf(LaneKind kind) const;
 
   private:
     struct Lane
@@ -69,6 +72,7 @@ class Lanes
         std::deque<boost::shared_ptr<BrokerMessage>> messages;
         bool idle = false;
         bool stopping = false;
+        Progress progress;
         std::thread thread;
     };
 
