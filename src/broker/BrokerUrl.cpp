@@ -1,5 +1,6 @@
 #include "broker/BrokerUrl.h"
 
+#include "common/Printable.h"
 #include "common/QelException.h"
 
 #include <amqp.h>
@@ -35,7 +36,8 @@ BrokerUrl BrokerUrl::Parse(const std::string& url)
     if (url.find('\0') != std::string::npos || amqp_parse_url(text.data(), &info) != AMQP_STATUS_OK)
     {
         throw RmqConnectionException(
-            "malformed broker URL: " + WithoutSecrets(url) + ": it must be amqp://HOST:PORT/VHOST or amqps://...");
+            "malformed broker URL: " + VtxQel::Printable(WithoutSecrets(url)) +
+            ": it must be amqp://HOST:PORT/VHOST or amqps://...");
     }
     BrokerUrl result;
     result.host = info.host;

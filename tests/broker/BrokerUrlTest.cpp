@@ -54,4 +54,18 @@ TEST(BrokerUrl, AMalformedUrlIsNamedWithoutItsSecrets)
     }
 }
 
+TEST(BrokerUrl, AMalformedUrlIsShownOnOneLineToItsEnd)
+{
+    try
+    {
+        BrokerUrl::Parse(std::string("no\0url\nat all", 13));
+        ADD_FAILURE() << "accepted";
+    }
+    catch (const RmqConnectionException& e)
+    {
+        EXPECT_STREQ(
+            e.what(), "malformed broker URL: no\\x00url\\x0aat all: it must be amqp://HOST:PORT/VHOST or amqps://...");
+    }
+}
+
 } // namespace VtxQel
