@@ -3,6 +3,7 @@
 #include "common/QelException.h"
 #include "logging/Log.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -18,13 +19,16 @@ namespace
 constexpr std::uint16_t CHANNEL = 1;
 constexpr std::size_t BACKLOG = 1048576;
 constexpr std::chrono::milliseconds TICK{100};
-constexpr std::chrono::seconds ONLY_NACKS{1};
+/** How long a channel may nack the same message: at first, and at most when new channels do not help. */
+constexpr std::chrono::milliseconds NACKS{1000};
+constexpr std::chrono::milliseconds NACKS_CAP{30000};
+constexpr std::chrono::seconds DRAIN{1};
 
 } // namespace
 
 PublishLink::PublishLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state, OnEnded onEnded)
     : m_source(source), m_state(state), m_onEnded(std::move(onEnded)), m_backOff(source.UrlCount()), m_connectTimer(io),
-      m_tick(io)
+      m_nackPatience(NACKS), m_tick(io)
 {
 }
 
@@ -58,6 +62,22 @@ void PublishLink::Publish(OutgoingMessage message, PublishCompletion done, Clock
             Connect();
         }
         Pump();
+    }
+}
+
+/** Visits every publication that is not over. */
+template <typename Visit>
+void PublishLink::ForEach(Visit visit)
+{
+    for (auto* list : {&m_nacked, &m_waiting, &m_sent})
+    {
+        for (const PublicationPtr& publication : *list)
+        {
+            if (publication && publication->done)
+            {
+                visit(*publication);
+            }
+        }
     }
 }
 
@@ -121,7 +141,8 @@ void PublishLink::OnOpen()
 void PublishLink::OpenChannel()
 {
     m_ready = false;
-    m_nacksSince = {};
+    m_drainingSince.reset();
+    ForEach([](Publication& publication) { publication.nackedAt.reset(); });
     m_connection->Send(CHANNEL, AMQP_CHANNEL_OPEN_METHOD, amqp_channel_open_t{amqp_empty_bytes});
     m_connection->Send(CHANNEL, AMQP_CONFIRM_SELECT_METHOD, amqp_confirm_select_t{0});
 }
@@ -169,7 +190,8 @@ void PublishLink::OnMethod(std::uint16_t channel, const amqp_method_t& method)
 
 void PublishLink::Pump()
 {
-    while (m_ready && !m_blocked && !m_waiting.empty() && m_connection && m_connection->Backlog() < BACKLOG)
+    while (m_ready && !m_drainingSince && !m_blocked && !m_waiting.empty() && m_connection &&
+           m_connection->Backlog() < BACKLOG)
     {
         const bool suspect = m_waiting.front()->suspect;
         if (m_suspectOnItsWay || (suspect && m_unconfirmed > 0))
@@ -214,18 +236,6 @@ void PublishLink::OnConfirm(std::uint64_t tag, bool multiple, bool ack)
     {
         throw RmqConnectionException("received a confirm of something that was not published");
     }
-    if (m_reopening)
-    {
-        return;
-    }
-    if (ack)
-    {
-        m_nacksSince = {};
-    }
-    else if (m_nacksSince == Clock::time_point{})
-    {
-        m_nacksSince = Clock::now();
-    }
     for (std::uint64_t each = multiple ? m_firstTag : tag; each <= tag; ++each)
     {
         if (each >= m_firstTag)
@@ -258,6 +268,7 @@ void PublishLink::Confirm(PublicationPtr publication, bool ack)
     {
         // The broker could not take it now; the next tick sends it again.
         publication->returned = false;
+        publication->nackedAt = publication->nackedAt.value_or(Clock::now());
         m_nacked.push_back(std::move(publication));
     }
     else if (publication->returned && publication->suspect)
@@ -377,6 +388,7 @@ void PublishLink::OnClosed(const std::string& why)
     m_lastError = why;
     TakeBack(false);
     m_reopening = false;
+    m_drainingSince.reset();
     m_blocked = false;
     m_state.Update([](LinkStatus& status) { status.blocked = false; });
     const std::string url = m_source.Url(m_urlIndex).Printable();
@@ -447,21 +459,36 @@ void PublishLink::StartTick()
 void PublishLink::OnTick()
 {
     const auto now = Clock::now();
+    EndLate(now);
+    SendNackedAgain();
+    WatchNacks(now);
+    Pump();
+    CheckIdle();
+    if (!IsIdle())
+    {
+        StartTick();
+    }
+}
+
+void PublishLink::EndLate(Clock::time_point now)
+{
     const std::string why =
         "no confirm within the deadline" + (m_blocked             ? std::string(": the broker takes no messages")
                                             : m_connection        ? std::string()
                                             : m_lastError.empty() ? std::string(": not connected")
                                                                   : ": " + m_lastError);
-    for (auto* list : {&m_nacked, &m_waiting, &m_sent})
-    {
-        for (const PublicationPtr& publication : *list)
+    ForEach(
+        [&](Publication& publication)
         {
-            if (publication && publication->done && publication->deadline <= now)
+            if (publication.deadline <= now)
             {
-                End(*publication, PublishResult::timedOut, why);
+                End(publication, PublishResult::timedOut, why);
             }
-        }
-    }
+        });
+}
+
+void PublishLink::SendNackedAgain()
+{
     while (!m_nacked.empty())
     {
         m_waiting.push_front(std::move(m_nacked.back()));
@@ -471,21 +498,46 @@ void PublishLink::OnTick()
     {
         m_waiting.pop_front();
     }
-    if (m_ready && m_nacksSince != Clock::time_point{} && now - m_nacksSince >= ONLY_NACKS)
+}
+
+/**
+ * A channel that met a quorum queue without a leader may nack everything for it even after there is one again, while
+ * other queues take their messages from the same channel.
+ */
+void PublishLink::WatchNacks(Clock::time_point now)
+{
+    std::optional<Clock::time_point> oldest;
+    ForEach(
+        [&](const Publication& publication)
+        {
+            if (publication.nackedAt)
+            {
+                oldest = std::min(oldest.value_or(now), *publication.nackedAt);
+            }
+        });
+    if (!oldest)
     {
-        // A quorum queue without a leader nacks on a channel even after there is one again.
-        m_nacksSince = {};
-        m_ready = false;
-        m_reopening = true;
-        m_connection->Send(
-            CHANNEL, AMQP_CHANNEL_CLOSE_METHOD, amqp_channel_close_t{AMQP_REPLY_SUCCESS, ToAmqp("nacks"), 0, 0});
+        m_nackPatience = NACKS;
     }
-    Pump();
-    CheckIdle();
-    if (!IsIdle())
+    else if (m_ready && !m_drainingSince && now - *oldest >= m_nackPatience)
     {
-        StartTick();
+        m_drainingSince = now;
     }
+    if (m_drainingSince && (m_unconfirmed == 0 || now - *m_drainingSince >= DRAIN))
+    {
+        Reopen();
+    }
+}
+
+void PublishLink::Reopen()
+{
+    QEL_LOG(vtx::LevelStatus, "The broker does not take messages for a queue; trying a new channel");
+    m_nackPatience = std::min(2 * m_nackPatience, NACKS_CAP);
+    m_drainingSince.reset();
+    m_ready = false;
+    m_reopening = true;
+    m_connection->Send(
+        CHANNEL, AMQP_CHANNEL_CLOSE_METHOD, amqp_channel_close_t{AMQP_REPLY_SUCCESS, ToAmqp("nacks"), 0, 0});
 }
 
 void PublishLink::CheckIdle()
@@ -507,16 +559,8 @@ void PublishLink::Stop(std::function<void()> stopped)
     m_stopping = true;
     m_connectTimer.cancel();
     m_tick.cancel();
-    for (auto* list : {&m_nacked, &m_waiting, &m_sent})
-    {
-        for (const PublicationPtr& publication : *list)
-        {
-            if (publication)
-            {
-                End(*publication, PublishResult::timedOut, "the connection to the broker is being closed");
-            }
-        }
-    }
+    ForEach([this](Publication& publication)
+            { End(publication, PublishResult::timedOut, "the connection to the broker is being closed"); });
     if (const auto connection = m_connection)
     {
         m_stopped = std::move(stopped);

@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace VtxQel
@@ -34,6 +35,8 @@ struct Publication
      * so that the broker's answer is about it.
      */
     bool suspect = false;
+    /** When the broker could not take it for the first time on this channel. */
+    std::optional<std::chrono::steady_clock::time_point> nackedAt;
 };
 
 /**
@@ -42,7 +45,8 @@ struct Publication
  *
  * Every publication ends once: confirmed, returned, refused, or at its deadline. What was sent and not confirmed is
  * sent again on the next connection (the broker may see it twice). The broker closes the channel at a message that it
- * refuses without saying at which; those in question are then sent one by one. Lives on the I/O thread.
+ * refuses without saying at which; those in question are then sent one by one. What it cannot take now (nack) is sent
+ * again, and when that does not help, on a new channel. Lives on the I/O thread.
  */
 class PublishLink : private AmqpConnectionHandler
 {
@@ -93,6 +97,12 @@ class PublishLink : private AmqpConnectionHandler
     void End(Publication& publication, PublishResult result, const std::string& why);
     void StartTick();
     void OnTick();
+    void EndLate(std::chrono::steady_clock::time_point now);
+    void SendNackedAgain();
+    void WatchNacks(std::chrono::steady_clock::time_point now);
+    void Reopen();
+    template <typename Visit>
+    void ForEach(Visit visit);
     void CheckIdle();
 
     ConnectionSource& m_source;
@@ -126,8 +136,10 @@ class PublishLink : private AmqpConnectionHandler
     std::uint64_t m_firstTag = 1;
     std::size_t m_unconfirmed = 0;
     bool m_suspectOnItsWay = false;
-    /** Since when the channel has seen nothing but nacks. */
-    std::chrono::steady_clock::time_point m_nacksSince;
+    /** How long something may be nacked again and again before the channel is opened anew. */
+    std::chrono::milliseconds m_nackPatience;
+    /** Since when nothing is sent, so that the channel can be opened anew with nothing on its way. */
+    std::optional<std::chrono::steady_clock::time_point> m_drainingSince;
     boost::asio::steady_timer m_tick;
     bool m_ticking = false;
 };

@@ -85,6 +85,14 @@ class LinkPublish : public testing::Test
         m_link = std::make_unique<TestLink>(desired, std::move(settings));
     }
 
+    /** What the broker calls the channel that this test publishes on; empty while it has none. */
+    static std::string PublishingChannel()
+    {
+        const std::string channels = Rabbitmqctl("list_channels confirm pid");
+        const std::size_t found = channels.find("true\t");
+        return found == std::string::npos ? "" : channels.substr(found, channels.find('\n', found) - found);
+    }
+
     const std::string m_queue = Unique("queue");
     std::unique_ptr<TestLink> m_link;
     Outcomes m_outcomes;
@@ -194,6 +202,31 @@ TEST_F(LinkPublish, TooMuchAtATimeIsOverload)
     ASSERT_TRUE(m_outcomes.WaitForAll());
     EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 10);
     EXPECT_EQ(m_link->Publish(Message("", m_queue)).first, PublishResult::confirmed) << "there is room again";
+}
+
+TEST_F(LinkPublish, AChannelThatNacksOneQueueIsOpenedAnewWhileOthersGoOn)
+{
+    Connect();
+    const std::string full = Unique("full");
+    QueueSpec spec = Queue(full, 0);
+    spec.arguments = {{"x-max-length", RmqValue::Integer(1)}, {"x-overflow", RmqValue::String("reject-publish")}};
+    ASSERT_EQ((*m_link)->DeclareQueue(spec, DEADLINE).answer, Answer::ok);
+    ASSERT_EQ(m_link->Publish(Message("", full)).first, PublishResult::confirmed);
+    const std::string before = PublishingChannel();
+    (*m_link)->Publish(Message("", full), m_outcomes.Expect());
+    std::uint32_t others = 0;
+    EXPECT_TRUE(Eventually(
+        [&]
+        {
+            m_link->Send(m_queue, "other");
+            ++others;
+            const std::string now = PublishingChannel();
+            return !now.empty() && now != before;
+        }));
+    Rabbitmqctl("purge_queue " + full);
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 1) << m_outcomes.LastWhy();
+    EXPECT_EQ(m_link->Count(m_queue), others) << "nothing was on its way when the channel was closed";
 }
 
 TEST_F(LinkPublish, ABlockedBrokerIsWaitedForAndConsumingGoesOn)
