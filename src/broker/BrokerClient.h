@@ -139,10 +139,10 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     BrokerLink m_link;
     Settlement m_settlement;
     Lanes m_lanes;
+    ControlUsers m_controlUsers;
 
     std::atomic<bool> m_stopping{false};
     std::mutex m_parkingMutex;
-    ControlUsers m_controlUsers;
     /** The parking queues that are to be consumed, with their prefetch. Guarded by m_parkingMutex. */
     std::map<std::string, std::uint16_t> m_parking;
     std::mutex m_readingMutex;
