@@ -30,8 +30,6 @@ constexpr int OWN_ROUTE = 0;
 
 std::string JournalFile(const std::string& stateDirectory)
 {
-    std::error_code failed;
-    std::filesystem::create_directories(stateDirectory, failed);
     return (std::filesystem::path(stateDirectory) / "journal.sqlite").string();
 }
 
@@ -48,9 +46,9 @@ std::set<std::string> NamesOf(const std::vector<ApplicationSettings>& applicatio
 } // namespace
 
 Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
-    : m_config(std::move(config)), m_timers("qel-agent-timer"), m_chores("qel-chores"),
-      m_journal(JournalFile(m_config.stateDirectory)), m_routingRegistry(boost::make_shared<RoutingRegistry>()),
-      m_appRegistry(boost::make_shared<LocalAppRegistry>()),
+    : m_config(std::move(config)), m_stateLock(m_config.stateDirectory), m_runtimeLock(m_config.runtimeDirectory),
+      m_timers("qel-agent-timer"), m_chores("qel-chores"), m_journal(JournalFile(m_config.stateDirectory)),
+      m_routingRegistry(boost::make_shared<RoutingRegistry>()), m_appRegistry(boost::make_shared<LocalAppRegistry>()),
       m_subscriptions(
           m_config.broker.names.clientQueue, m_config.broker.names.priorityQueue,
           m_config.broker.names.exchangeType == "topic"),

@@ -4,6 +4,7 @@
 #include "agent/AgentMsgHandler.h"
 #include "agent/BrokerParking.h"
 #include "agent/ConfigurationRequests.h"
+#include "agent/DirectoryLock.h"
 #include "agent/Watchdog.h"
 #include "apps/ApplicationGateway.h"
 #include "apps/ApplicationSet.h"
@@ -67,6 +68,8 @@ class Agent
     void FeedWatchdog(std::chrono::microseconds interval);
 
     const AgentConfig m_config;
+    DirectoryLock m_stateLock;
+    DirectoryLock m_runtimeLock;
     std::set<std::string> m_applicationNames;
 
     /** For what is short: requests for configurations, moves. */

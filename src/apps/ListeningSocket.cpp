@@ -42,15 +42,18 @@ int NewSocket()
     return ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 }
 
-/** Whether somebody listens there. */
+/**
+ * Whether somebody listens there. A socket that we may not even ask was given to an application's user by an agent
+ * before us, which is gone.
+ */
 bool IsServed(const std::string& path)
 {
     const int probe = NewSocket();
     const sockaddr_un address = AddressOf(path);
-    const bool refused =
-        ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 && errno == ECONNREFUSED;
+    const bool isLeftBehind = ::connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+                              (errno == ECONNREFUSED || errno == EACCES);
     ::close(probe);
-    return !refused;
+    return !isLeftBehind;
 }
 
 } // namespace
@@ -127,9 +130,16 @@ void ListeningSocket::Bind()
     }
 }
 
-/** Nobody can connect before listen(), so nobody gets in before mode and owner are right. */
+/**
+ * Nobody can connect before listen(), so nobody gets in before mode and owner are right. The mode comes first: it is
+ * the owner's to change, and after that we may not be the owner.
+ */
 void ListeningSocket::SetAccess(const SocketOwner& owner) const
 {
+    if (::chmod(m_path.c_str(), socketMode) != 0)
+    {
+        Throw(m_path, "cannot get its mode");
+    }
     const bool isOurs = owner.user == ::geteuid() && owner.group == ::getegid();
     if (!isOurs && ::chown(m_path.c_str(), owner.user, owner.group) != 0)
     {
@@ -140,10 +150,6 @@ void ListeningSocket::SetAccess(const SocketOwner& owner) const
         QEL_LOG(
             vtx::LevelWarning, "socket %s: only root may give it to user %u and group %u; they cannot connect",
             m_path.c_str(), owner.user, owner.group);
-    }
-    if (::chmod(m_path.c_str(), socketMode) != 0)
-    {
-        Throw(m_path, "cannot get its mode");
     }
 }
 

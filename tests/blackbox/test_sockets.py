@@ -115,3 +115,12 @@ def test_garbage_on_a_socket_disturbs_nobody(world):
     plane.publish("", agent.client_queue, b"still served", app_id="alpha")
     assert alpha.take() == [b"still served"]
     assert agent.running()
+
+
+def test_one_agent_a_state_directory(world):
+    agent = world.agent()
+    twin = world.agent(start=False)
+    twin.config_file.write_text(agent.config_file.read_text(encoding="utf-8"), encoding="utf-8")
+    twin.launch()
+    assert twin.wait_for_exit() == 1
+    assert "state is used by another qel-agent" in twin.log()
