@@ -151,7 +151,7 @@ void AmqpConnection::Write()
                 self->m_writeFailed = true;
                 if (!self->m_reading)
                 {
-                    self->Abort(self->EndOfStream(error));
+                    self->Abort(self->EndOfStream(error), EndCause::network);
                 }
                 return;
             }
@@ -189,7 +189,7 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
     }
     if (error)
     {
-        Abort(EndOfStream(error));
+        Abort(EndOfStream(error), EndCause::network);
         return;
     }
     m_lastReceived = std::chrono::steady_clock::now();
@@ -208,7 +208,7 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
     }
     catch (const RmqException& e)
     {
-        Abort(e.what());
+        Abort(e.what(), EndCause::protocol);
     }
     if (m_state == State::open && m_handler != nullptr)
     {
@@ -431,7 +431,7 @@ void AmqpConnection::OnConnectionClose(const amqp_connection_close_t& close)
     why += std::to_string(close.reply_code) + " " + text;
     m_state = State::closing;
     // The write that answers is posted before this, so it goes out first.
-    asio::post(m_io, [self = shared_from_this(), why] { self->Abort(why); });
+    asio::post(m_io, [self = shared_from_this(), why] { self->Abort(why, EndCause::broker); });
 }
 
 void AmqpConnection::StartHeartbeat()
@@ -464,7 +464,7 @@ void AmqpConnection::OnHeartbeatTimer()
     }
     if (now - m_lastReceived > 2 * m_heartbeat)
     {
-        Abort("nothing heard from the broker for " + std::to_string(2 * m_heartbeat.count()) + " s");
+        Abort("nothing heard from the broker for " + std::to_string(2 * m_heartbeat.count()) + " s", EndCause::silence);
         return;
     }
     if (!std::exchange(m_sentSinceTick, false))
@@ -482,8 +482,9 @@ void AmqpConnection::PauseReading(bool paused)
     Read();
 }
 
-void AmqpConnection::Close()
+void AmqpConnection::Close(EndCause cause)
 {
+    m_cause = cause;
     if (m_state != State::open)
     {
         Abort("closed");
@@ -496,8 +497,9 @@ void AmqpConnection::Close()
     Read();
 }
 
-void AmqpConnection::Abort(const std::string& why)
+void AmqpConnection::Abort(const std::string& why, EndCause cause)
 {
+    m_cause = m_cause.value_or(cause);
     AmqpConnectionHandler* handler = m_handler;
     Drop();
     if (handler != nullptr)

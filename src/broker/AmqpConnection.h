@@ -3,6 +3,7 @@
 #include "broker/AmqpFrames.h"
 #include "broker/BrokerSocket.h"
 #include "broker/BrokerUrl.h"
+#include "broker/EndCause.h"
 #include "broker/FrameBuffer.h"
 
 #include <boost/asio/io_context.hpp>
@@ -11,6 +12,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 
@@ -84,9 +86,11 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
 
     void PauseReading(bool paused);
     /** Closes in order; the handler hears OnClosed when the broker has agreed or a second has passed. */
-    void Close();
+    void Close(EndCause cause = EndCause::moved);
     /** Ends at once. The handler hears OnClosed. */
-    void Abort(const std::string& why);
+    void Abort(const std::string& why, EndCause cause = EndCause::unanswered);
+    /** What ended it, or is about to. */
+    EndCause Cause() const { return m_cause.value_or(EndCause::network); }
     /** Ends at once and tells nobody. */
     void Drop();
 
@@ -125,6 +129,7 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     AmqpConnectionHandler* m_handler;
     std::shared_ptr<BrokerSocket> m_socket;
     State m_state = State::connecting;
+    std::optional<EndCause> m_cause;
     boost::asio::steady_timer m_deadline;
     boost::asio::steady_timer m_heartbeatTimer;
     std::chrono::seconds m_heartbeat{0};

@@ -479,6 +479,11 @@ void BrokerLink::Post(std::function<void()> task)
     m_impl->Post(std::move(task));
 }
 
+void BrokerLink::Reconnect(const std::string& why)
+{
+    m_impl->Post([this, why] { m_impl->Consuming().Reconnect(why); });
+}
+
 LinkStatus BrokerLink::Status() const
 {
     return m_impl->Status();

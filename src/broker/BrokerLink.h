@@ -1,11 +1,13 @@
 #pragma once
 
+#include "broker/EndCause.h"
 #include "common/Publisher.h"
 #include "common/RmqMessage.h"
 #include "common/RmqTable.h"
 
 #include <boost/shared_ptr.hpp>
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -165,6 +167,10 @@ struct LinkStatus
     /** The URL in use (or tried), without user and password. */
     std::string url;
     std::size_t urlIndex = 0;
+    /** Since when it is connected. */
+    std::chrono::steady_clock::time_point connectedAt;
+    /** Connections made again, by what ended the one before (EndCause), and together. */
+    std::array<std::uint64_t, END_CAUSE_COUNT> reconnectsBy{};
     std::uint64_t reconnects = 0;
     std::string lastError;
 };
@@ -261,6 +267,9 @@ class BrokerLink : public Publisher
 
     /** Leaves the current broker and connects to the URL of this index instead. Does not wait. */
     void MoveTo(std::size_t urlIndex);
+
+    /** Leaves the connection for a new one, because of what is said. Does not wait. */
+    void Reconnect(const std::string& why);
 
     /** Reads the TLS files again for connections made from now on. */
     void ReloadTls();

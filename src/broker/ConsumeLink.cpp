@@ -113,7 +113,9 @@ void ConsumeLink::OnOpen()
         [&](LinkStatus& status)
         {
             status.connected = true;
+            status.connectedAt = m_openedAt;
             status.reconnects += m_everOpen ? 1 : 0;
+            status.reconnectsBy[static_cast<std::size_t>(m_endCause)] += m_everOpen ? 1 : 0;
             status.lastError.clear();
         });
     m_everOpen = true;
@@ -194,6 +196,7 @@ void ConsumeLink::OnClosed(const std::string& why)
         });
     if (rpc)
     {
+        m_endCause = connection->Cause();
         rpc->Fail(why);
         consumers->Fail(why);
     }
@@ -276,6 +279,16 @@ void ConsumeLink::Stop(std::function<void()> stopped)
     else
     {
         stopped();
+    }
+}
+
+void ConsumeLink::Reconnect(const std::string& why)
+{
+    if (m_rpc && !m_stopping)
+    {
+        QEL_LOG(vtx::LevelWarning, "Leaving the connection to the broker: %s", why.c_str());
+        FlushSettlements();
+        m_connection->Close(EndCause::probe);
     }
 }
 

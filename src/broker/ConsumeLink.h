@@ -52,6 +52,8 @@ class ConsumeLink : private AmqpConnectionHandler
 
     /** Makes no more connections, answers every request, and closes the connection in order. */
     void Stop(std::function<void()> stopped);
+    /** Leaves the connection in order, because of what is said, and makes a new one as after any other end. */
+    void Reconnect(const std::string& why);
     /** Ends the connection at once. */
     void Abort();
 
@@ -106,6 +108,7 @@ class ConsumeLink : private AmqpConnectionHandler
     boost::asio::steady_timer m_firstDeadline;
     std::chrono::steady_clock::time_point m_openedAt;
     std::string m_lastError;
+    EndCause m_endCause = EndCause::network;
     std::size_t m_urlIndex = 0;
     /** The next connection goes to m_urlIndex at once. */
     bool m_moving = false;
