@@ -202,7 +202,7 @@ void BrokerClient::OnDelivery(IncomingMessage&& message)
     const std::string refusal = m_controlUsers.Refusal(*delivery);
     if (!refusal.empty())
     {
-        delivery->RefuseSilently(refusal);
+        delivery->RefuseSilently(DeadReason::controlRefused, refusal);
         return;
     }
     m_lanes.Push(std::move(delivery));
@@ -212,6 +212,7 @@ void BrokerClient::OnRefusedDelivery(const std::string& queue, const std::string
 {
     QEL_LOG(
         vtx::LevelWarning, "a message of queue %s was refused before it was decoded: %s", queue.c_str(), why.c_str());
+    m_settlement.Counters().DeadLettered(DeadReason::unreadable);
 }
 
 void BrokerClient::OnGaveUp(const std::string& why)

@@ -1,6 +1,7 @@
 #include "broker/BrokerMessage.h"
 
 #include "broker/Settlement.h"
+#include "common/MessageTypes.h"
 #include "common/Printable.h"
 #include "logging/Log.h"
 
@@ -71,6 +72,8 @@ class BrokerReceipt : public Receipt
         if (Take())
         {
             LogDeadLetter(*m_message, m_application, reason);
+            m_settlement.Counters().DeadLettered(
+                m_application.empty() ? DeadReason::noApplication : DeadReason::application);
             m_settlement.DeadLetter(m_message, m_application, reason, tries);
         }
     }
@@ -112,6 +115,8 @@ BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement,
 
 BrokerMessage::~BrokerMessage()
 {
+    Note(Outcome::returned);
+    CountSettled();
     m_settlement.Release(HeldBytes());
 }
 
@@ -161,14 +166,15 @@ void BrokerMessage::Accept()
     Resolve();
 }
 
-void BrokerMessage::Refuse(const std::string& reason)
+void BrokerMessage::Refuse(DeadReason kind, const std::string& reason)
 {
     LogDeadLetter(*this, GetAppName(), reason);
-    RefuseSilently(reason);
+    RefuseSilently(kind, reason);
 }
 
-void BrokerMessage::RefuseSilently(const std::string& reason)
+void BrokerMessage::RefuseSilently(DeadReason kind, const std::string& reason)
 {
+    Counters().DeadLettered(kind);
     m_settlement.DeadLetter(shared_from_this(), GetAppName(), reason, m_tries + m_failures);
 }
 
@@ -178,6 +184,50 @@ void BrokerMessage::Resolve()
     {
         m_settlement.Ack(*this);
     }
+}
+
+std::uint32_t BrokerMessage::CountFailure()
+{
+    if (m_lane)
+    {
+        Counters().Failed(*m_lane);
+    }
+    return ++m_failures;
+}
+
+void BrokerMessage::EnterLane(LaneKind lane)
+{
+    m_arrival = std::chrono::steady_clock::now();
+    m_lane = lane;
+    Counters().Received(lane);
+}
+
+void BrokerMessage::Note(Outcome outcome)
+{
+    Outcome before = m_outcome;
+    while (before < outcome && !m_outcome.compare_exchange_weak(before, outcome))
+    {
+    }
+}
+
+void BrokerMessage::CountSettled()
+{
+    if (!m_lane || m_counted.exchange(true))
+    {
+        return;
+    }
+    const Outcome outcome = m_outcome;
+    const auto latency = std::chrono::steady_clock::now() - m_arrival;
+    Counters().Settled(*m_lane, outcome, latency);
+    if (m_incoming.properties->type == PING_REQUEST_TYPE)
+    {
+        Counters().Pinged(outcome, latency);
+    }
+}
+
+DeliveryCounters& BrokerMessage::Counters() const
+{
+    return m_settlement.Counters();
 }
 
 void BrokerMessage::Unpark()

@@ -1,15 +1,18 @@
 #pragma once
 
 #include "broker/BrokerLink.h"
+#include "broker/DeliveryCounters.h"
 #include "common/Delivery.h"
 
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 
 namespace VtxQel
@@ -53,15 +56,22 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     /** The lane's own share: it is done with the message and every receiver has been added. */
     void Accept();
     /** The lane's own share: nobody takes the message. */
-    void Refuse(const std::string& reason);
+    void Refuse(DeadReason kind, const std::string& reason);
     /** The same without a line in the log, for what the caller logs in its own way. */
-    void RefuseSilently(const std::string& reason);
+    void RefuseSilently(DeadReason kind, const std::string& reason);
     /** How often the lane has tried the handler with it in vain, this time included. Only the lane calls it. */
-    std::uint32_t CountFailure() { return ++m_failures; }
+    std::uint32_t CountFailure();
 
     const IncomingMessage& Incoming() const { return m_incoming; }
     /** Which connection it came by; see Settlement::IsCurrent. */
     std::uint64_t Epoch() const { return m_epoch; }
+
+    /** Counts the message for this lane from now on until it is settled or given up. Before anybody else has it. */
+    void EnterLane(LaneKind lane);
+    /** Remembers what became of one share. */
+    void Note(Outcome outcome);
+    /** The broker is told what became of it, or never will be. Only the first call counts. */
+    void CountSettled();
 
     /** One share is settled; with the last one the broker is told. Called by receipts and by the settlement. */
     void Resolve();
@@ -70,6 +80,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     void Unpark();
     std::size_t HeldBytes() const;
     std::uint32_t CountedTries() const;
+    DeliveryCounters& Counters() const;
 
     IncomingMessage m_incoming;
     Settlement& m_settlement;
@@ -83,6 +94,10 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     mutable std::string m_appName;
     /** The lane and every receiver that has not answered. */
     std::atomic<std::uint32_t> m_open{1};
+    std::optional<LaneKind> m_lane;
+    std::chrono::steady_clock::time_point m_arrival;
+    std::atomic<Outcome> m_outcome{Outcome::done};
+    std::atomic<bool> m_counted{false};
 };
 
 } // namespace VtxQel

@@ -73,8 +73,9 @@ void Lanes::Start()
 
 void Lanes::Push(boost::shared_ptr<BrokerMessage> message)
 {
-    Lane& lane = LaneOf(*message);
-    Enqueue(lane, std::move(message));
+    const LaneKind kind = LaneOf(*message);
+    message->EnterLane(kind);
+    Enqueue(m_lanes[static_cast<std::size_t>(kind)], std::move(message));
 }
 
 void Lanes::Stop()
@@ -106,7 +107,7 @@ std::size_t Lanes::Waiting(LaneKind kind) const
     return lane.messages.size();
 }
 
-Lanes::Lane& Lanes::LaneOf(const BrokerMessage& message)
+LaneKind Lanes::LaneOf(const BrokerMessage& message) const
 {
     const std::string& type = message.Incoming().properties->type;
     LaneKind kind = LaneKind::normal;
@@ -119,7 +120,7 @@ Lanes::Lane& Lanes::LaneOf(const BrokerMessage& message)
         // Not what was parked: that keeps the order of its parking queue, and the markers in it.
         kind = LaneKind::priority;
     }
-    return m_lanes[static_cast<std::size_t>(kind)];
+    return kind;
 }
 
 void Lanes::Run(Lane& lane, bool keepOrder)
@@ -159,7 +160,9 @@ void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, 
         const std::uint32_t failures = message->CountFailure();
         if (failures >= MOST_FAILURES)
         {
-            message->Refuse("handling failed " + std::to_string(failures) + " times, last with: " + error);
+            message->Refuse(
+                DeadReason::handlingFailed,
+                "handling failed " + std::to_string(failures) + " times, last with: " + error);
             return;
         }
         const std::chrono::seconds delay = DelayAfter(failures);
@@ -192,7 +195,10 @@ bool Lanes::Try(const boost::shared_ptr<BrokerMessage>& message, std::string& er
         }
         else
         {
-            message->Refuse(RefusalOf(*message));
+            message->Refuse(
+                IsControlType(message->Incoming().properties->type) ? DeadReason::controlRefused
+                                                                    : DeadReason::noApplication,
+                RefusalOf(*message));
         }
         return true;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "broker/BrokerMessage.h"
+#include "broker/DeliveryCounters.h"
 #include "broker/Settlement.h"
 #include "common/Progress.h"
 #include "common/RmqInfo.h"
@@ -19,19 +20,6 @@
 
 namespace VtxQel
 {
-
-/** The lanes, by what they carry. */
-enum class LaneKind : std::size_t
-{
-    /** Pings and reassign hints. */
-    control,
-    /** Application init configurations, one at a time and in order. */
-    configuration,
-    /** Everything else from the priority queue. */
-    priority,
-    /** The rest. */
-    normal
-};
 
 /**
  * Lanes carry deliveries to the handlers of their routes, each kind on a thread of its own, so that a configuration of
@@ -76,7 +64,7 @@ class Lanes
         std::thread thread;
     };
 
-    Lane& LaneOf(const BrokerMessage& message);
+    LaneKind LaneOf(const BrokerMessage& message) const;
     void Run(Lane& lane, bool keepOrder);
     void Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder);
     /** @return whether the message is done with; else `error` says what its handling ended with. */
@@ -88,7 +76,7 @@ class Lanes
     const boost::shared_ptr<RmqInfo> m_info;
     Settlement& m_settlement;
     Scheduler& m_timers;
-    std::array<Lane, 4> m_lanes;
+    std::array<Lane, LANE_COUNT> m_lanes;
 };
 
 } // namespace VtxQel

@@ -75,8 +75,13 @@ Settlement::Settlement(
 {
 }
 
-void Settlement::Ack(const BrokerMessage& message)
+void Settlement::Ack(BrokerMessage& message)
 {
+    if (!IsCurrent(message))
+    {
+        message.Note(Outcome::returned);
+    }
+    message.CountSettled();
     m_link.Settle(message.Incoming().tag, SettleAs::ack);
 }
 
@@ -84,6 +89,7 @@ void Settlement::DeadLetter(
     const boost::shared_ptr<BrokerMessage>& message, const std::string& application, const std::string& reason,
     std::uint32_t tries)
 {
+    message->Note(Outcome::dead);
     Copy copy{message, m_deadLetterQueue, Origin(message->Incoming(), tries), 0};
     copy.headers.emplace_back(Header::REASON, RmqValue::String(reason));
     copy.headers.emplace_back(Header::APPLICATION, RmqValue::String(application));
@@ -93,6 +99,7 @@ void Settlement::DeadLetter(
 void Settlement::Park(
     const boost::shared_ptr<BrokerMessage>& message, const std::string& application, std::uint32_t tries)
 {
+    message->Note(Outcome::parked);
     const std::string queue = ParkingQueue(application);
     OncePresent(queue, [this, copy = Copy{message, queue, Origin(message->Incoming(), tries), 0}] { Publish(copy); });
 }
@@ -195,6 +202,9 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
             "exchange: %s",
             copy.queue.c_str(), why.c_str(), copy.message->ToString().c_str());
         // The share stays open, so that no ack follows when the other receivers are done.
+        m_counters.DeadLettered(DeadReason::copyRefused);
+        copy.message->Note(Outcome::rejected);
+        copy.message->CountSettled();
         m_link.Settle(copy.message->Incoming().tag, SettleAs::reject);
         return;
     }

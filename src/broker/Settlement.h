@@ -2,6 +2,7 @@
 
 #include "broker/BrokerLink.h"
 #include "broker/BrokerMessage.h"
+#include "broker/DeliveryCounters.h"
 #include "common/RmqInfo.h"
 #include "common/Scheduler.h"
 
@@ -53,7 +54,7 @@ class Settlement
         BrokerLink& link, const RmqInfo& info, Scheduler& worker,
         std::function<bool(const std::string& queue)> declare);
 
-    void Ack(const BrokerMessage& message);
+    void Ack(BrokerMessage& message);
     void DeadLetter(
         const boost::shared_ptr<BrokerMessage>& message, const std::string& application, const std::string& reason,
         std::uint32_t tries);
@@ -73,6 +74,11 @@ class Settlement
     void OnDisconnected() { ++m_epoch; }
     std::uint64_t Epoch() const { return m_epoch; }
     bool IsCurrent(const BrokerMessage& message) const { return message.Epoch() == m_epoch; }
+
+    /** What became of all deliveries. */
+    DeliveryCounters& Counters() { return m_counters; }
+    const DeliveryCounters& Counters() const { return m_counters; }
+    std::size_t HeldBytes() const { return m_held; }
 
     /** Bytes of the bodies of all messages in the agent's hands; the observer is told of each change. */
     void SetHeldObserver(std::function<void(std::size_t bytes)> observer) { m_heldObserver = std::move(observer); }
@@ -105,6 +111,7 @@ class Settlement
     Scheduler& m_worker;
     const std::function<bool(const std::string& queue)> m_declare;
     std::function<void(std::size_t bytes)> m_heldObserver;
+    DeliveryCounters m_counters;
     std::atomic<std::uint64_t> m_epoch{1};
     std::atomic<std::size_t> m_held{0};
     std::mutex m_mutex;
