@@ -43,7 +43,8 @@ BrokerClient::BrokerClient(
       m_lanes(std::move(registry), m_info, m_settlement, m_timers),
       m_controlUsers(
           m_settings.controlUsers,
-          [this](std::chrono::seconds delay, Scheduler::Task task) { m_timers.After(delay, std::move(task)); })
+          [this](std::chrono::seconds delay, Scheduler::Task task) { m_timers.After(delay, std::move(task)); }),
+      m_probe(m_settings.loopProbe, m_info->clientQueue, ProbeActions())
 {
     m_settlement.SetHeldObserver([this](std::size_t bytes) { OnHeld(bytes); });
 }
@@ -104,6 +105,11 @@ bool BrokerClient::SendPingReply(
     reply.routingKey = replyTo;
     reply.properties.type = PING_REPLY_TYPE;
     reply.properties.correlationId = correlationId;
+    if (m_events.pingReply)
+    {
+        reply.properties.contentType = "application/json";
+        reply.body = m_events.pingReply();
+    }
     reply.mandatory = !replyTo.starts_with(DIRECT_REPLY_TO);
     reply.deadline = PING_REPLY_BUDGET;
     if (replyTo.empty())
@@ -175,16 +181,25 @@ DesiredTopology BrokerClient::OnConnected()
 void BrokerClient::OnRestored()
 {
     m_events.restored();
+    m_probe.Start();
 }
 
 void BrokerClient::OnRestoreFailed(const std::string& what, const RequestResult& result)
 {
     QEL_LOG(vtx::LevelWarning, "%s could not be restored: %s", what.c_str(), result.text.c_str());
+    if (result.answer == Answer::refused)
+    {
+        m_refusedItems.insert(what);
+        m_unrestored = m_refusedItems.size();
+    }
 }
 
 void BrokerClient::OnDisconnected(const std::string& why)
 {
     QEL_LOG(vtx::LevelDetail, "deliveries in hand belong to the broker again: %s", why.c_str());
+    m_probe.Pause();
+    m_refusedItems.clear();
+    m_unrestored = 0;
     m_settlement.OnDisconnected();
     m_events.disconnected();
 }
@@ -198,6 +213,16 @@ void BrokerClient::OnConsumerCancelled(const std::string& queue)
 
 void BrokerClient::OnDelivery(IncomingMessage&& message)
 {
+    if (message.queue == m_info->clientQueue)
+    {
+        m_arrivals.fetch_add(1, std::memory_order_relaxed);
+        if (message.properties->type == LOOP_PROBE_TYPE)
+        {
+            m_link.Settle(message.tag, SettleAs::ack);
+            m_probe.Returned(message.properties->messageId);
+            return;
+        }
+    }
     auto delivery = boost::make_shared<BrokerMessage>(std::move(message), m_settlement, m_names);
     const std::string refusal = m_controlUsers.Refusal(*delivery);
     if (!refusal.empty())
@@ -284,6 +309,48 @@ void BrokerClient::OnHeld(std::size_t bytes)
     {
         m_paused = pause;
         m_link.PauseReading(pause);
+    }
+}
+
+LoopProbeActions BrokerClient::ProbeActions()
+{
+    return {
+        [this](OutgoingMessage message, PublishCompletion completion)
+        { m_link.Publish(std::move(message), std::move(completion)); },
+        [this](std::chrono::steady_clock::duration delay, std::function<void()> task)
+        { m_timers.After(delay, std::move(task)); },
+        [this] { return m_arrivals.load(); },
+        [this] { return IsSaturated(); },
+        [this] { m_worker.Post([this] { ConsumeClientQueueAgain(); }); },
+        [this] { m_link.Reconnect("the loop probe does not come back"); }};
+}
+
+bool BrokerClient::IsSaturated() const
+{
+    std::uint64_t inFlight = 0;
+    for (const LaneStatus& lane : Deliveries().lanes)
+    {
+        inFlight += lane.InFlight();
+    }
+    return m_full || inFlight >= m_settings.prefetch;
+}
+
+void BrokerClient::ConsumeClientQueueAgain()
+{
+    if (m_stopping)
+    {
+        return;
+    }
+    QEL_LOG(vtx::LevelStatus, "consuming queue %s anew", m_info->clientQueue.c_str());
+    StopConsuming(m_info->clientQueue);
+    const RequestResult result =
+        WhileReading([&] { return m_link.DeclareQueue(OwnQueue(m_info->clientQueue), REQUEST_BUDGET); });
+    if (result.answer != Answer::ok)
+    {
+        QEL_LOG(
+            vtx::LevelWarning, "queue %s could not be consumed anew: %s", m_info->clientQueue.c_str(),
+            result.text.c_str());
+        m_link.Reconnect("queue " + m_info->clientQueue + " could not be consumed anew");
     }
 }
 

@@ -5,6 +5,7 @@
 #include "broker/ControlUsers.h"
 #include "broker/Journal.h"
 #include "broker/Lanes.h"
+#include "broker/LoopProbe.h"
 #include "broker/Settlement.h"
 #include "broker/Topology.h"
 #include "common/RmqClient.h"
@@ -21,6 +22,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -42,15 +44,18 @@ struct BrokerSettings
     std::size_t maxHeldBytes = 67108864;
     /** The broker users whose control messages are obeyed; everybody's when empty. */
     std::vector<std::string> controlUsers;
+    LoopProbeSettings loopProbe;
 };
 
-/** What the client tells the agent. Called on the link's thread; must not block. */
+/** What the client tells and asks the agent. The first two are called on the link's thread; none may block. */
 struct BrokerEvents
 {
     /** The connection is gone: what was delivered by it comes again. */
     std::function<void()> disconnected;
     /** Connected, consuming and every route restored. */
     std::function<void()> restored;
+    /** The body of a ping's reply, as JSON; an empty body without it. */
+    std::function<std::string()> pingReply = nullptr;
 };
 
 /**
@@ -93,6 +98,14 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     LinkStatus Status() const { return m_link.Status(); }
     /** How many control messages were refused because of who sent them. */
     std::uint64_t RefusedControlMessages() const { return m_controlUsers.Refused(); }
+    /** What became of deliveries, lane by lane. */
+    DeliveryStatus Deliveries() const { return m_settlement.Counters().Read(); }
+    /** Bytes of the bodies in hand, and whether nothing more is read because of them. */
+    std::size_t HeldBytes() const { return m_settlement.HeldBytes(); }
+    bool IsReadingPaused() const { return m_full; }
+    /** How many bindings and queues of applications the broker refused to restore on this connection. */
+    std::size_t Unrestored() const { return m_unrestored; }
+    const LoopProbe& Probe() const { return m_probe; }
     std::size_t Waiting(LaneKind lane) const { return m_lanes.Waiting(lane); }
     /** For a watchdog: whether a lane gets on, and a task on the link's thread that shows that it does. */
     const Progress& ProgressOf(LaneKind lane) const { return m_lanes.ProgressOf(lane); }
@@ -124,6 +137,9 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     QueueSpec PlainQueue(const std::string& name, std::uint16_t prefetch) const;
     void ReconcileParking(const std::string& application);
     void OnHeld(std::size_t bytes);
+    LoopProbeActions ProbeActions();
+    bool IsSaturated() const;
+    void ConsumeClientQueueAgain();
     template <class Request>
     RequestResult WhileReading(Request request);
 
@@ -140,7 +156,13 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     Settlement m_settlement;
     Lanes m_lanes;
     ControlUsers m_controlUsers;
+    LoopProbe m_probe;
 
+    /** Messages that came from the client queue. */
+    std::atomic<std::uint64_t> m_arrivals{0};
+    /** What the broker refused to restore on this connection; used by the link's thread alone. */
+    std::set<std::string> m_refusedItems;
+    std::atomic<std::size_t> m_unrestored{0};
     std::atomic<bool> m_stopping{false};
     std::mutex m_parkingMutex;
     /** The parking queues that are to be consumed, with their prefetch. Guarded by m_parkingMutex. */
