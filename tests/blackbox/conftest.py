@@ -17,15 +17,26 @@ sys.path[:0] = [str(ROOT / "tools"), str(ROOT / "tests")]
 
 from support.agent import AgentProcess  # noqa: E402
 from support.application import AttachedApp, GrpcApplication  # noqa: E402
+from support import figures  # noqa: E402
+from support.network import DistantHost  # noqa: E402
 from support.plane import ManagementPlane  # noqa: E402
+from testbed.network import OURS, PrivateNetwork  # noqa: E402
 from testbed.rabbitnode import RabbitNode  # noqa: E402
+
+DISTANT_PORT = 5672
 
 
 class World:
-    """A test's own agents, planes and applications, under names that no other test uses."""
+    """A test's own agents, planes and applications, under names that no other test uses.
 
-    def __init__(self, folder, node):
+    url   of the node as the agents see it
+    side  where the agents run, when not here
+    """
+
+    def __init__(self, folder, node, url=None, side=None):
         self.node = node
+        self.url = url or (node.url() if node else None)
+        self._side = side
         self.folder = pathlib.Path(folder)
         self._ends = contextlib.ExitStack()
         self._agents = []
@@ -34,7 +45,7 @@ class World:
         """An agent with these applications' drop-ins (names, or a dictionary of their keys); started and ready."""
         drop_ins = applications if isinstance(applications, dict) else {name: {} for name in applications}
         agent_id = "t" + uuid.uuid4().hex[:8]
-        agent = AgentProcess(self.folder / agent_id, agent_id, urls or self.node.url(), options, drop_ins)
+        agent = AgentProcess(self.folder / agent_id, agent_id, urls or self.url, options, drop_ins, self._side)
         self._ends.callback(agent.stop)
         self._agents.append(agent)
         if start:
@@ -61,6 +72,7 @@ class World:
     def own_node(self, **options):
         """A RabbitMQ node for this test alone, to be stopped and killed at will."""
         self.node = self._ends.enter_context(RabbitNode(self.folder / "rabbit", **options))
+        self.url = self.node.url()
         return self.node
 
     def close(self):
@@ -89,16 +101,58 @@ def world(session_folder, node):
     yield from _world(session_folder, node)
 
 
+@pytest.fixture(scope="module")
+def network():
+    """Moves the tests of a file into a private network."""
+    with PrivateNetwork() as made:
+        yield made
+
+
+@pytest.fixture(scope="module")
+def distant_node(session_folder, network):
+    """A node that listens to the private network, too."""
+    lines = [f"listeners.tcp.network = {OURS}:{DISTANT_PORT}", "loopback_users = none"]
+    with RabbitNode(session_folder / "distant", config_lines=lines) as started:
+        yield started
+
+
+@pytest.fixture(scope="module")
+def the_host(network):
+    return network.add_host(DistantHost)
+
+
+@pytest.fixture
+def distant_host(the_host):
+    """The agents' host in a distant_world: its faults, which end with the test."""
+    try:
+        yield the_host
+    finally:
+        the_host.mend()
+
+
+@pytest.fixture
+def distant_world(session_folder, distant_node, distant_host):
+    """A world whose agents run on a host of their own."""
+    url = f"amqp://guest:guest@{OURS}:{DISTANT_PORT}"
+    yield from _world(session_folder, distant_node, url, distant_host)
+
+
 @pytest.fixture
 def lonely_world(session_folder):
     """A world without a node: the test starts its own, or none."""
     yield from _world(session_folder, None)
 
 
-def _world(session_folder, node):
+def _world(session_folder, node, url=None, side=None):
     with tempfile.TemporaryDirectory(prefix="w", dir=session_folder) as folder:
-        made = World(folder, node)
+        made = World(folder, node, url, side)
         try:
             yield made
         finally:
             made.close()
+
+
+def pytest_terminal_summary(terminalreporter):
+    """What the tests have measured; they assert what has to hold, not how quickly it came."""
+    for line in figures.noted():
+        terminalreporter.write_line(line)

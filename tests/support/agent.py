@@ -43,10 +43,12 @@ class AgentProcess:
 
     options       further keys by table, for example {"broker": {"queue_type": "classic"}}; they override ours
     applications  drop-ins by name; user and group default to the caller's
+    side          where the process runs: something with command(), such as support.network.Namespace; else here
     The log is collected over all starts; log() has it, and every failed wait shows its end.
     """
 
-    def __init__(self, folder, agent_id, urls, options=None, applications=None):
+    def __init__(self, folder, agent_id, urls, options=None, applications=None, side=None):
+        self._side = side
         self.folder = pathlib.Path(folder)
         self.agent_id = agent_id
         self.client_queue = f"qel.client.{agent_id}"
@@ -94,9 +96,9 @@ class AgentProcess:
     def launch(self):
         """Starts the process without waiting for anything."""
         self._starts += 1
+        command = [program("qel-agent"), "run", "--config", self.config_file]
         with open(self.log_file, "ab") as log:
-            self._process = spawn([program("qel-agent"), "run", "--config", self.config_file],
-                                  stdout=log, stderr=log)
+            self._process = spawn(self._side.command(command) if self._side else command, stdout=log, stderr=log)
 
     def start(self, patience=30.0):
         """Starts the process and waits until it is ready."""

@@ -133,7 +133,11 @@ class GrpcApplication:
         elif kind == "configuration":
             self.configurations.append(response.configuration)
         for delivery in response.deliveries.deliveries:
-            self._deliveries.put(delivery)
+            self.received(delivery)
+
+    def received(self, delivery):
+        """Keeps a delivery for next(); called by the reader thread, for derived classes to do something else."""
+        self._deliveries.put(delivery)
 
     def _wait_until(self, condition, what, patience=30.0):
         wait_until(condition, f"{what} (stream: {self.ended})", patience, self.agent.log_tail)

@@ -63,9 +63,9 @@ class PrivateNetwork:
         _check(_libc.setns(self._before, CLONE_NEWNET), "setns")
         os.close(self._before)
 
-    def add_host(self):
-        """A further host on the bridge."""
-        host = Host(len(self.hosts) + 1)
+    def add_host(self, kind=None):
+        """A further host on the bridge; `kind` is a class derived from Host."""
+        host = (kind or Host)(len(self.hosts) + 1)
         self.hosts.append(host)
         host.connect()
         return host
