@@ -301,6 +301,7 @@ void Application::Settle(Item item, const ApplicationVerdict& verdict)
         return;
     case ApplicationVerdict::Kind::dead:
         Bury(item, verdict.reason);
+        ++m_counters.dead;
         return;
     case ApplicationVerdict::Kind::retry:
         Retry(std::move(item), verdict.retryDelay);
@@ -314,6 +315,7 @@ void Application::Retry(Item item, std::chrono::milliseconds delay)
     if (item.tries >= m_settings.maxTries)
     {
         Bury(item, "too many tries");
+        ++m_counters.tooManyTries;
     }
     else
     {
@@ -328,7 +330,6 @@ void Application::Bury(Item& item, const std::string& reason)
 {
     item.receipt->Dead(reason, item.tries);
     LetGo(item);
-    ++m_counters.dead;
 }
 
 void Application::LetGo(Item& item)
@@ -384,6 +385,7 @@ void Application::CountAgainstOldest(std::vector<Item>& items)
     if (++oldest.tries >= m_settings.maxTries)
     {
         Bury(oldest, "too many tries");
+        ++m_counters.tooManyTries;
         items.erase(items.begin());
     }
 }

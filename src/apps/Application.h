@@ -66,6 +66,7 @@ struct ApplicationSnapshot
     std::uint64_t done = 0;
     std::uint64_t retried = 0;
     std::uint64_t dead = 0;
+    std::uint64_t tooManyTries = 0;
     std::uint64_t parked = 0;
     std::uint64_t overdue = 0;
 };

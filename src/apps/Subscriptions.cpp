@@ -172,6 +172,19 @@ ConfigurationStatus Subscriptions::Status(const std::string& application) const
     return status;
 }
 
+ConfigurationSummary Subscriptions::Summary(const std::string& application) const
+{
+    const std::shared_lock lock(m_mutex);
+    const auto position = m_subscribers.find(application);
+    if (position == m_subscribers.end())
+    {
+        return {};
+    }
+    const Subscriber& subscriber = *position->second;
+    return {
+        subscriber.state, subscriber.error, subscriber.current.queueOfTopic.size(), subscriber.current.queues.size()};
+}
+
 bool Subscriptions::IsPattern(const std::string& topic) const
 {
     return m_wildcards && TopicTrie<Entry>::HasWildcard(topic);

@@ -35,6 +35,15 @@ struct ConfigurationStatus
     std::vector<std::string> queues;
 };
 
+/** The same without the names. */
+struct ConfigurationSummary
+{
+    ConfigurationState state = ConfigurationState::missing;
+    std::string error;
+    std::size_t topics = 0;
+    std::size_t queues = 0;
+};
+
 /** What changed, for observers. */
 struct SubscriptionChange
 {
@@ -98,6 +107,7 @@ class Subscriptions
     /** Whether any configuration is being carried out. */
     bool IsConfiguring() const;
     ConfigurationStatus Status(const std::string& application) const;
+    ConfigurationSummary Summary(const std::string& application) const;
 
     bool IsPriorityQueue(const std::string& queue) const { return queue == m_priorityQueue; }
     bool IsClientQueue(const std::string& queue) const { return queue == m_clientQueue || queue == m_priorityQueue; }

@@ -405,6 +405,61 @@ bool Topology::IsJournalDegraded() const
     return m_journal.IsDegraded();
 }
 
+RouteCounts Topology::Counts() const
+{
+    const std::lock_guard lock(m_mutex);
+    RouteCounts counts;
+    for (const auto& [binding, use] : m_bindings)
+    {
+        ++counts.bindings[static_cast<std::size_t>(use.state)];
+    }
+    counts.queues = m_queues.size();
+    return counts;
+}
+
+RoutePage Topology::Find(const std::string& text, std::size_t offset, std::size_t limit) const
+{
+    struct Match
+    {
+        const std::string* name;
+        /** None for a queue. */
+        const Binding* binding;
+        const Use* use;
+    };
+    const std::lock_guard lock(m_mutex);
+    std::vector<Match> matches;
+    for (const auto& [binding, use] : m_bindings)
+    {
+        if (binding.topic.find(text) != std::string::npos)
+        {
+            matches.push_back({&binding.topic, &binding, &use});
+        }
+    }
+    for (const auto& [name, use] : m_queues)
+    {
+        if (name.find(text) != std::string::npos)
+        {
+            matches.push_back({&name, nullptr, &use});
+        }
+    }
+    const std::size_t skipped = std::min(offset, matches.size());
+    const auto first = matches.begin() + static_cast<std::ptrdiff_t>(skipped);
+    const auto last = first + static_cast<std::ptrdiff_t>(std::min(limit, matches.size() - skipped));
+    std::partial_sort(
+        matches.begin(), last, matches.end(),
+        [](const Match& left, const Match& right)
+        { return *left.name != *right.name ? *left.name < *right.name : left.binding < right.binding; });
+    RoutePage page{m_bindings.size() + m_queues.size(), matches.size(), {}};
+    for (auto match = first; match != last; ++match)
+    {
+        const bool topic = match->binding != nullptr;
+        page.routes.push_back(
+            {topic ? RouteKind::topic : RouteKind::queue, *match->name, topic ? match->binding->queue : std::string(),
+             match->use->state, match->use->users});
+    }
+    return page;
+}
+
 RouteRecord Topology::Record(const Binding& binding, RouteState state) const
 {
     return {m_frame ? m_frame->application : std::string(), RouteKind::topic, binding.topic, binding.queue, state};

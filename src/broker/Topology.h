@@ -4,6 +4,7 @@
 #include "broker/Journal.h"
 #include "common/RmqInfo.h"
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -25,6 +26,33 @@ class TopologyPort
     virtual RequestResult Unbind(const Binding& binding) = 0;
     virtual RequestResult Consume(const std::string& queue) = 0;
     virtual RequestResult StopConsuming(const std::string& queue) = 0;
+};
+
+/** A binding or queue with those who use it. */
+struct RouteUse
+{
+    RouteKind kind = RouteKind::topic;
+    /** The topic, or the queue's name. */
+    std::string name;
+    /** For a topic the queue that it is bound to. */
+    std::string queue;
+    RouteState state = RouteState::intended;
+    std::vector<std::string> applications;
+};
+
+/** One page of the routes that were searched for. */
+struct RoutePage
+{
+    std::size_t total = 0;
+    std::size_t matching = 0;
+    std::vector<RouteUse> routes;
+};
+
+/** How many bindings there are, by state (RouteState), and how many queues. */
+struct RouteCounts
+{
+    std::array<std::size_t, 3> bindings{};
+    std::size_t queues = 0;
 };
 
 /**
@@ -77,6 +105,10 @@ class Topology
     /** Whether the name is one that no application may use: the agent's own queues and the parking queues. */
     bool IsReserved(const std::string& name) const;
     bool IsJournalDegraded() const;
+
+    RouteCounts Counts() const;
+    /** The routes whose name contains the text, by name; at most `limit` from the place `offset` on. */
+    RoutePage Find(const std::string& text, std::size_t offset, std::size_t limit) const;
 
   private:
     struct Use

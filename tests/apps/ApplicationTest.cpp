@@ -582,6 +582,21 @@ TEST_F(ApplicationTest, SnapshotCounts)
     EXPECT_EQ(snapshot.retried, 1U);
 }
 
+TEST_F(ApplicationTest, SnapshotTellsAVerdictOfDeadFromTooManyTries)
+{
+    const auto id = AttachLive(2);
+    OfferLive({"a", "b"});
+    Answer(id, 1, Kind::dead);
+    EXPECT_EQ(m_application->Snapshot().dead, 1U);
+    EXPECT_EQ(m_application->Snapshot().tooManyTries, 0U);
+    ApplicationSettings once = SettingsOf("app", 2);
+    once.maxTries = 1;
+    m_application->UpdateSettings(once);
+    Answer(id, 2, Kind::retry, seconds(1));
+    EXPECT_EQ(m_application->Snapshot().dead, 1U);
+    EXPECT_EQ(m_application->Snapshot().tooManyTries, 1U);
+}
+
 TEST_F(ApplicationTest, ASmallerConfiguredWindowHoldsForAttachedInstances)
 {
     AttachLive();

@@ -298,6 +298,39 @@ TEST_F(TopologyTest, AReplacementConvergesWhateverItsMomentOfDeath)
     }
 }
 
+TEST_F(TopologyTest, CountsBindingsByStateAndQueues)
+{
+    Configure("web", {Topic("a"), Topic("b", "urgent"), Queue("jobs")});
+    const RouteCounts counts = topology->Counts();
+    EXPECT_EQ(counts.bindings[static_cast<std::size_t>(RouteState::inForce)], 2U);
+    EXPECT_EQ(counts.bindings[static_cast<std::size_t>(RouteState::leaving)], 0U);
+    EXPECT_EQ(counts.queues, 1U);
+}
+
+TEST_F(TopologyTest, FindGivesAPageOfWhatMatchesByName)
+{
+    Configure("web", {Topic("news.2", "urgent"), Topic("news.1"), Topic("other"), Queue("news.jobs")});
+    Configure("mail", {Topic("news.1")});
+    const RoutePage page = topology->Find("news", 0, 2);
+    EXPECT_EQ(page.total, 4U);
+    EXPECT_EQ(page.matching, 3U);
+    ASSERT_EQ(page.routes.size(), 2U);
+    EXPECT_EQ(page.routes[0].name, "news.1");
+    EXPECT_EQ(page.routes[0].applications, (std::vector<std::string>{"web", "mail"}));
+    EXPECT_EQ(page.routes[1].queue, "urgent");
+    const RoutePage next = topology->Find("news", 2, 2);
+    ASSERT_EQ(next.routes.size(), 1U);
+    EXPECT_EQ(next.routes[0].kind, RouteKind::queue);
+}
+
+TEST_F(TopologyTest, FindBeyondTheEndIsEmpty)
+{
+    Configure("web", {Topic("a")});
+    EXPECT_EQ(topology->Find("", 5, 10).routes.size(), 0U);
+    EXPECT_EQ(topology->Find("", 5, 10).matching, 1U);
+    EXPECT_EQ(topology->Find("x", 0, 10).matching, 0U);
+}
+
 TEST_F(TopologyTest, AFrozenTopologyAsksAndRecordsNothing)
 {
     Configure("web", {Topic("a"), Queue("q")});
