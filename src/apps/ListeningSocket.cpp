@@ -2,12 +2,14 @@
 
 #include "apps/AppsException.h"
 #include "common/SFormat.h"
-#include "logging/Log.h"
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 #include <system_error>
+#include <type_traits>
 
+#include <sys/acl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -130,10 +132,7 @@ void ListeningSocket::Bind()
     }
 }
 
-/**
- * Nobody can connect before listen(), so nobody gets in before mode and owner are right. The mode comes first: it is
- * the owner's to change, and after that we may not be the owner.
- */
+/** Nobody can connect before listen(), so nobody gets in before mode and owner are right. */
 void ListeningSocket::SetAccess(const SocketOwner& owner) const
 {
     if (::chmod(m_path.c_str(), socketMode) != 0)
@@ -141,15 +140,25 @@ void ListeningSocket::SetAccess(const SocketOwner& owner) const
         Throw(m_path, "cannot get its mode");
     }
     const bool isOurs = owner.user == ::geteuid() && owner.group == ::getegid();
-    if (!isOurs && ::chown(m_path.c_str(), owner.user, owner.group) != 0)
+    if (isOurs || ::chown(m_path.c_str(), owner.user, owner.group) == 0)
     {
-        if (errno != EPERM)
-        {
-            Throw(m_path, "cannot be given to its user and group");
-        }
-        QEL_LOG(
-            vtx::LevelWarning, "socket %s: only root may give it to user %u and group %u; they cannot connect",
-            m_path.c_str(), owner.user, owner.group);
+        return;
+    }
+    if (errno != EPERM)
+    {
+        Throw(m_path, "cannot be given to its user and group");
+    }
+    Admit(owner);
+}
+
+/** Without the right to give the socket away, it stays ours and its access list admits the user and the group. */
+void ListeningSocket::Admit(const SocketOwner& owner) const
+{
+    const std::string entries = SFormat("u::rw,g::rw,o::-,m::rw,u:%u:rw,g:%u:rw", owner.user, owner.group);
+    const std::unique_ptr<std::remove_pointer_t<acl_t>, int (*)(void*)> list(acl_from_text(entries.c_str()), acl_free);
+    if (!list || acl_set_file(m_path.c_str(), ACL_TYPE_ACCESS, list.get()) != 0)
+    {
+        Throw(m_path, "cannot be opened to its user and group");
     }
 }
 

@@ -10,7 +10,8 @@ namespace VtxQel
 {
 
 /**
- * ListeningSocket is a listening Unix socket at a path, non-blocking, of mode 0660 with an owner.
+ * ListeningSocket is a listening Unix socket at a path, non-blocking, of mode 0660 with an owner; or with an access
+ * list that admits the owner, when this process is not root.
  *
  * A file left behind by a process that is gone is replaced. The file is removed with the object, unless somebody has
  * put another one there. One thread at a time.
@@ -31,6 +32,7 @@ class ListeningSocket
     void Bind();
     void RemoveStale() const;
     void SetAccess(const SocketOwner& owner) const;
+    void Admit(const SocketOwner& owner) const;
 
     const std::string m_path;
     int m_descriptor = -1;

@@ -41,7 +41,7 @@ class World:
         self._ends = contextlib.ExitStack()
         self._agents = []
 
-    def agent(self, options=None, applications=("alpha", "beta"), urls=None, start=True):
+    def agent(self, options=None, applications=("alpha", "beta"), urls=None, start=True, side=None):
         """An agent with these applications' drop-ins (names, or a dictionary of their keys); started and ready."""
         drop_ins = applications if isinstance(applications, dict) else {name: {} for name in applications}
         agent_id = "t" + uuid.uuid4().hex[:8]
