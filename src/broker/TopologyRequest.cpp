@@ -1,8 +1,8 @@
 #include "broker/TopologyRequest.h"
 
-#include <amqp.h>
+#include "common/Utf8.h"
 
-#include <string_view>
+#include <amqp.h>
 
 namespace VtxQel
 {
@@ -24,69 +24,7 @@ bool CanBeSent(const std::string& name)
     return name.size() <= LONGEST_NAME && IsUtf8(name);
 }
 
-/** How many octets a UTF-8 character with this first octet has; 0 when no character starts so. */
-std::size_t LengthOfCharacter(unsigned char first)
-{
-    if (first < 0x80)
-    {
-        return 1;
-    }
-    if (first >= 0xC2 && first < 0xE0)
-    {
-        return 2;
-    }
-    if (first >= 0xE0 && first < 0xF0)
-    {
-        return 3;
-    }
-    return first >= 0xF0 && first < 0xF5 ? 4 : 0;
-}
-
-/** Encodings that are too long, surrogates and what is beyond Unicode show in the second octet. */
-bool IsSecondOctetAllowed(unsigned char first, unsigned char second)
-{
-    switch (first)
-    {
-    case 0xE0:
-        return second >= 0xA0;
-    case 0xED:
-        return second < 0xA0;
-    case 0xF0:
-        return second >= 0x90;
-    case 0xF4:
-        return second < 0x90;
-    default:
-        return true;
-    }
-}
-
 } // namespace
-
-bool IsUtf8(const std::string& text)
-{
-    for (std::size_t at = 0; at < text.size();)
-    {
-        const auto first = static_cast<unsigned char>(text[at]);
-        const std::size_t length = LengthOfCharacter(first);
-        if (length == 0 || text.size() - at < length)
-        {
-            return false;
-        }
-        for (std::size_t i = 1; i < length; ++i)
-        {
-            if ((static_cast<unsigned char>(text[at + i]) & 0xC0U) != 0x80U)
-            {
-                return false;
-            }
-        }
-        if (length > 1 && !IsSecondOctetAllowed(first, static_cast<unsigned char>(text[at + 1])))
-        {
-            return false;
-        }
-        at += length;
-    }
-    return true;
-}
 
 std::string TopologyRequest::ToString() const
 {

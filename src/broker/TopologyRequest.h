@@ -73,7 +73,4 @@ Outcome Classify(TopologyRequest::Kind kind, const RpcReply& reply);
 /** The answer to a request with a name that must not be sent: empty when all are at most 255 bytes of UTF-8. */
 std::optional<RequestResult> AnswerWithoutBroker(const TopologyRequest& request);
 
-/** Whether the text is well-formed UTF-8; the broker ends the connection at names that are not. */
-bool IsUtf8(const std::string& text);
-
 } // namespace VtxQel

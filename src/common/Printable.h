@@ -6,7 +6,10 @@
 namespace VtxQel
 {
 
-/** The text with control characters and backslashes as \xNN, so that what outsiders wrote cannot forge lines of a log.
+/**
+ * The text as it may stand in a log or on a terminal, whoever wrote it: one line of well-formed UTF-8. Control
+ * characters, what separates lines or turns the direction of writing, backslashes and bytes that are not UTF-8 become
+ * \xNN, byte for byte.
  */
 std::string Printable(std::string_view text);
 
