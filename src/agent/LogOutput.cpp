@@ -1,7 +1,9 @@
 #include "agent/LogOutput.h"
 
 #include "common/Printable.h"
+#include "logging/Log.h"
 
+#include <google/protobuf/stubs/logging.h>
 #include <nlohmann/json.hpp>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/ansicolor_sink.h>
@@ -9,6 +11,7 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace VtxQel
 {
@@ -33,11 +36,24 @@ spdlog::level::level_enum ColourOf(int level)
     }
 }
 
+/** Long enough for what we say and the names in it; what outsiders wrote must not fill the disk. */
+constexpr std::size_t LONGEST_TEXT = 4096;
+
+std::string Shown(const vtx::LogLine& line)
+{
+    std::string_view text = line.text;
+    text.remove_suffix(text.ends_with('\n') ? 1 : 0);
+    if (text.size() <= LONGEST_TEXT)
+    {
+        return Printable(text);
+    }
+    return Printable(text.substr(0, LONGEST_TEXT)) + "... (" + std::to_string(text.size()) + " bytes)";
+}
+
 std::string AsText(const vtx::LogLine& line)
 {
     const std::string tag = line.tag.empty() ? std::string() : " " + line.tag;
-    const std::string text = line.text.ends_with('\n') ? line.text.substr(0, line.text.size() - 1) : line.text;
-    return std::string(LogLevelName(line.level)) + " " + line.subcomponent + tag + ": " + Printable(text);
+    return std::string(LogLevelName(line.level)) + " " + line.subcomponent + tag + ": " + Shown(line);
 }
 
 std::string AsJson(const vtx::LogLine& line)
@@ -47,9 +63,22 @@ std::string AsJson(const vtx::LogLine& line)
     {
         fields["tag"] = line.tag;
     }
-    fields["message"] = line.text.ends_with('\n') ? line.text.substr(0, line.text.size() - 1) : line.text;
-    const std::string object = fields.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    fields["message"] = Shown(line);
+    const std::string object = fields.dump();
     return object.substr(1);
+}
+
+/** The library would write lines of its own, and what it says of a bad body names every field that is missing. */
+void WriteLibraryLine(google::protobuf::LogLevel level, const char* /*file*/, int /*line*/, const std::string& text)
+{
+    if (level == google::protobuf::LOGLEVEL_FATAL)
+    {
+        QEL_LOG(vtx::LevelFatal, "protobuf: %s", text.c_str());
+    }
+    else
+    {
+        QEL_LOG(vtx::LevelDetail, "protobuf: %s", text.c_str());
+    }
 }
 
 } // namespace
@@ -64,6 +93,7 @@ void StartLogOutput(const std::string& format)
     logger->set_pattern(json ? R"({"time":"%Y-%m-%dT%H:%M:%S.%e%z",%v)" : "%Y-%m-%dT%H:%M:%S.%e%z %^%v%$");
     vtx::SetLogSink([logger, json](const vtx::LogLine& line)
                     { logger->log(ColourOf(line.level), "{}", json ? AsJson(line) : AsText(line)); });
+    google::protobuf::SetLogHandler(WriteLibraryLine);
 }
 
 const char* LogLevelName(int level)
