@@ -3,6 +3,7 @@
 #include "logging/Log.h"
 
 #include <algorithm>
+#include <random>
 #include <utility>
 
 namespace VtxQel
@@ -11,12 +12,17 @@ namespace VtxQel
 namespace
 {
 
-constexpr std::chrono::seconds LEAST_BETWEEN_MOVES{30};
+/** Hosts that start together must not draw the same moments. */
+std::uint64_t Seed()
+{
+    std::random_device random;
+    return std::uint64_t{random()} << 32U ^ random();
+}
 
 } // namespace
 
 BrokerFrontEnd::BrokerFrontEnd(std::function<void()> move, Scheduler& scheduler, std::chrono::seconds mostWithin)
-    : m_move(std::move(move)), m_scheduler(scheduler), m_mostWithin(mostWithin), m_random(std::random_device{}())
+    : m_move(std::move(move)), m_scheduler(scheduler), m_mostWithin(mostWithin), m_schedule(Seed())
 {
 }
 
@@ -28,22 +34,15 @@ bool BrokerFrontEnd::Reassign(int code, int value)
         return false;
     }
     const std::lock_guard lock(m_mutex);
-    if (m_pending)
+    const auto delay =
+        m_schedule.OnHint(std::min(std::chrono::seconds(value), m_mostWithin), MoveSchedule::Clock::now());
+    if (delay)
     {
-        return true;
+        QEL_LOG(
+            vtx::LevelStatus, "asked to move to another front end: moving in %.1f s",
+            std::chrono::duration<double>(*delay).count());
+        m_scheduler.After(*delay, [this] { Move(); });
     }
-    m_pending = true;
-    const std::chrono::milliseconds within = std::min(std::chrono::seconds(value), m_mostWithin);
-    std::uniform_int_distribution<std::chrono::milliseconds::rep> moment(0, within.count());
-    Clock::duration delay = std::chrono::milliseconds(moment(m_random));
-    if (m_lastMove)
-    {
-        delay = std::max(delay, *m_lastMove + LEAST_BETWEEN_MOVES - Clock::now());
-    }
-    QEL_LOG(
-        vtx::LevelStatus, "asked to move to another front end: moving in %.1f s",
-        std::chrono::duration<double>(delay).count());
-    m_scheduler.After(delay, [this] { Move(); });
     return true;
 }
 
@@ -51,8 +50,7 @@ void BrokerFrontEnd::Move()
 {
     {
         const std::lock_guard lock(m_mutex);
-        m_pending = false;
-        m_lastMove = Clock::now();
+        m_schedule.OnMove(MoveSchedule::Clock::now());
     }
     m_move();
 }

@@ -2,28 +2,25 @@
 
 #include "common/EndpointController.h"
 #include "common/Scheduler.h"
+#include "endpoint/MoveSchedule.h"
 
 #include <chrono>
 #include <functional>
 #include <mutex>
-#include <optional>
-#include <random>
 
 namespace VtxQel
 {
 
 /**
- * BrokerFrontEnd moves the agent from one configured broker URL to the next when the management plane asks for it.
+ * BrokerFrontEnd moves the agent from one configured broker URL to the next when the management plane asks for it, at
+ * the moment that its MoveSchedule chooses.
  *
- * The move happens at a random moment within the time given, so that a fleet that is told at once does not arrive at
- * once. Hints that come while a move is pending change nothing, and moves are at least 30 s apart. Any thread may call;
- * the move itself is made on the scheduler's thread.
+ * A move is one attempt: whether it succeeds is the business of whoever carries it out, and a hint that led to a failed
+ * one is forgotten. Any thread may call; the move itself is made on the scheduler's thread.
  */
 class BrokerFrontEnd : public FE
 {
   public:
-    using Clock = Scheduler::Clock;
-
     /** The only code that is understood: move to another front end. */
     static constexpr int MOVE = 6;
 
@@ -43,10 +40,8 @@ class BrokerFrontEnd : public FE
     Scheduler& m_scheduler;
     const std::chrono::seconds m_mostWithin;
     std::mutex m_mutex;
-    /** Guarded by m_mutex, like the two below. */
-    bool m_pending = false;
-    std::optional<Clock::time_point> m_lastMove;
-    std::mt19937_64 m_random;
+    /** Guarded by m_mutex. */
+    MoveSchedule m_schedule;
 };
 
 } // namespace VtxQel
