@@ -4,10 +4,11 @@ import json
 import signal
 import subprocess
 import threading
-import time
 
 from support.paths import program
 from testbed.processes import end, spawn
+
+from .gaps import Gaps
 
 
 class Instance:
@@ -57,7 +58,7 @@ class Instance:
 
 
 class Application:
-    """An application with its instances, what it was told of its configuration, and its longest gap in delivery.
+    """An application with its instances, what it was told of its configuration, and the gaps in its deliveries.
 
     Start instances from a thread that lives as long as they shall.
     """
@@ -67,9 +68,7 @@ class Application:
         self.folder = folder
         self.socket = agent.socket(name)
         self._ledger = ledger
-        self._lock = threading.Lock()
-        self._last_arrival = None
-        self.longest_gap = 0.0
+        self.gaps = Gaps()
         self.configuration = {}
         self.times_applied = 0
         self.instances = [Instance(self, number) for number in range(1, instances + 1)]
@@ -82,11 +81,6 @@ class Application:
         for instance in self.instances:
             instance.stop()
 
-    def ignore_pause(self):
-        """Nothing was published for a while: that is no gap."""
-        with self._lock:
-            self._last_arrival = None
-
     def take(self, instance, event):
         """Notes one event of an instance; called by its reader."""
         kind = event["event"]
@@ -96,13 +90,6 @@ class Application:
             self.configuration = event
             self.times_applied += event["state"] == "APPLIED"
         elif kind == "delivery":
-            self._note_arrival()
+            self.gaps.note()
             self._ledger.arrive(self.name, instance, event.get("messageId", ""), event.get("body", ""),
                                 event["redelivered"])
-
-    def _note_arrival(self):
-        now = time.monotonic()
-        with self._lock:
-            if self._last_arrival is not None:
-                self.longest_gap = max(self.longest_gap, now - self._last_arrival)
-            self._last_arrival = now

@@ -29,9 +29,10 @@ class Plane(threading.Thread):
     What was confirmed last is what has to be in force at rest, whatever is killed meanwhile.
     """
 
-    def __init__(self, url, agent, queue):
+    def __init__(self, urls, agent, queue, queue_type):
         super().__init__(name="plane", daemon=True)
-        self._parameters = pika.URLParameters(url)
+        self._parameters = [pika.URLParameters(url) for url in urls]
+        self._queue_arguments = {"x-queue-type": queue_type}
         self._agent = agent
         self._queue = queue
         self._lock = threading.Lock()
@@ -73,7 +74,7 @@ class Plane(threading.Thread):
     def _work(self, connection):
         channel = connection.channel()
         channel.confirm_delivery()
-        channel.queue_declare(self._queue, durable=True)
+        channel.queue_declare(self._queue, durable=True, arguments=self._queue_arguments)
         channel.basic_consume(self._queue, self._on_request)
         while not self._stopping.is_set():
             connection.process_data_events(time_limit=0.02)

@@ -9,13 +9,16 @@ from .ledger import CONFIRMED, REFUSED, RETURNED, UNKNOWN
 
 TICK = 0.01
 RECONNECT_PAUSE = 0.5
+REFUSED_PATIENCE = 2.0
+REFUSED_PAUSE = 1.0
 
 
 class Publisher(threading.Thread):
     """A thread with a connection of its own; connects again, for ever, when the broker goes away.
 
-    It publishes to its destinations in turn. What was on its way when the connection ended stays unconfirmed and is not
-    published again: every copy that arrives is somebody else's doing.
+    It does so, too, when the broker goes on refusing messages: a channel that has met a quorum queue without a leader
+    refuses all for it until the lost node is back. It publishes to its destinations in turn. What was on its way when the
+    connection ended stays unconfirmed and is not published again: every copy that arrives is somebody else's doing.
     """
 
     def __init__(self, url, name, rate, destinations, ledger):
@@ -32,6 +35,7 @@ class Publisher(threading.Thread):
         self._channel = None
         self._unconfirmed = {}
         self._last_tag = 0
+        self._refusals = None
         self._count = 0
         self._due = 0.0
         self._ticked = 0.0
@@ -69,6 +73,7 @@ class Publisher(threading.Thread):
 
     def _on_channel(self, channel):
         self._last_tag = 0
+        self._refusals = None
         self._ticked, self._due = time.monotonic(), 0.0
         channel.add_on_return_callback(self._on_return)
         channel.add_on_close_callback(self._on_channel_closed)
@@ -89,6 +94,9 @@ class Publisher(threading.Thread):
             self._connection.close()
             return
         now = time.monotonic()
+        if self._refusals and self._refusals[1] - self._refusals[0] > REFUSED_PATIENCE:
+            self._connection.close()
+            return
         # What an outage or a pause kept back is not made up for.
         self._due = min(self._due + (now - self._ticked) * self._rate, self._rate * 0.2)
         self._ticked = now
@@ -113,6 +121,8 @@ class Publisher(threading.Thread):
     def _on_confirm(self, frame):
         method = frame.method
         state = CONFIRMED if isinstance(method, pika.spec.Basic.Ack) else REFUSED
+        if state == REFUSED:
+            self._note_refusal()
         tags = [method.delivery_tag]
         if method.multiple:
             # In the order of publishing, so everything up to the tag stands first.
@@ -123,6 +133,12 @@ class Publisher(threading.Thread):
                 tags.append(tag)
         for tag in tags:
             self._ledger.settle(self.label, self._unconfirmed.pop(tag), state)
+
+    def _note_refusal(self):
+        """Keeps when the first and the last of a series without a longer pause came."""
+        now = time.monotonic()
+        ongoing = self._refusals and now - self._refusals[1] < REFUSED_PAUSE
+        self._refusals = (self._refusals[0] if ongoing else now, now)
 
     def _forget_unconfirmed(self):
         self._channel = None

@@ -21,7 +21,7 @@ def figures(scene):
               "application  deliveries  duplicates (bound)  first deliveries out of order  longest gap"]
     for name, application in scene.applications.items():
         lines.append(f"{name:<11}  {ledger.deliveries[name]:>10}  {ledger.duplicates[name]:>10} "
-                     f"{'(' + str(bound) + ')':>7}  {ledger.swaps[name]:>29}  {application.longest_gap:>9.1f} s")
+                     f"{'(' + str(bound) + ')':>7}  {ledger.swaps[name]:>29}  {application.gaps.longest:>9.1f} s")
         if ledger.duplicates[name] > bound:
             problems.append(f"{name} got {ledger.duplicates[name]} duplicates, more than {bound}")
     if totals["returned"]:

@@ -1,0 +1,185 @@
+"""Nodes of a cluster that are killed, cut off, hung and stopped under load, at random or each in turn."""
+
+import collections
+import os
+import signal
+import time
+
+from testbed.processes import wait_until
+
+from .scene import RECOVERY_PATIENCE, Violation
+
+RATE = 300
+UPSTREAM_RATE = 100
+INSTANCES = {"alpha": 1, "beta": 1}
+SYNC_REQUESTS = True
+KEPT = ["beta.normal", "shared", "from.alpha"]
+CHURN_POOL = 20
+CHURN_SIZE = 5
+# How often each is chosen at random.
+FAULTS = {"killed": 4, "bounced": 3, "stopped in order": 2, "isolated": 4, "cut off from the other nodes": 4, "hung": 4,
+          "two killed": 1, "all killed": 1}
+# Those that the cluster survives by itself; with the longest gap that users are told to expect, in seconds.
+EXPECTED = {"killed": 2.0, "bounced": 2.0, "stopped in order": 2.0, "isolated": 15.0,
+            "cut off from the other nodes": 15.0, "hung": 15.0}
+SILENT = ("isolated", "cut off from the other nodes", "hung")
+
+
+def populate(scene):
+    """Configures the applications and starts the load: from outside, and by alpha through the agent."""
+    client, priority = scene.agent.client_queue, scene.agent.priority_queue
+    work = "work.chaos"
+    scene.plane.configure("alpha", ["alpha.normal", ("alpha.urgent", 1), "shared"])
+    scene.plane.configure("beta", KEPT, [work])
+    scene.wait_for_bindings()
+    scene.wait_for_queue(work)
+    to_work = scene.destination("work queue", {"beta": work}, routing_key=work, exchange="")
+    scene.load([
+        scene.destination("alpha.normal", {"alpha": client}),
+        scene.destination("alpha.urgent", {"alpha": priority}),
+        scene.destination("beta.normal", {"beta": client}),
+        scene.destination("shared", {"alpha": client, "beta": client}),
+        to_work,
+    ], RATE, publishers=len(scene.cluster.nodes))
+    scene.publish_upstream("alpha", UPSTREAM_RATE, [scene.destination("from.alpha", {"beta": client}), to_work])
+    scene.wait_for_cluster()
+    scene.wait_for_flow()
+
+
+class ClusterFaults:
+    """Strikes the node with the client queue's leader, the agent's node, or any, and puts right what was done."""
+
+    def __init__(self, scene, random, say):
+        self._scene = scene
+        self._random = random
+        self._say = say
+        self._gaps = collections.defaultdict(list)
+
+    def each_once(self):
+        """Every fault that a cluster survives, at the node with the leader, with a change of configuration."""
+        for kind in EXPECTED:
+            self._strike(kind, self._leader())
+        self._say_figures()
+
+    def run(self, seconds):
+        """Faults at random."""
+        end = time.monotonic() + seconds
+        while time.monotonic() < end:
+            time.sleep(self._random.uniform(0.0, 3.0))
+            kind = self._random.choices(list(FAULTS), list(FAULTS.values()))[0]
+            self._strike(kind, self._random.choice((self._leader, self._leader, self._agents_node, self._any))())
+        self._say_figures()
+
+    def _leader(self):
+        return wait_until(lambda: self._scene.leader_of(self._scene.agent.client_queue), "the client queue's leader")
+
+    def _agents_node(self):
+        return wait_until(self._scene.node_of_agent, "the agent to be connected")
+
+    def _any(self):
+        return self._random.choice(self._scene.cluster.nodes)
+
+    def _strike(self, kind, victim):
+        scene = self._scene
+        role = self._role(victim)
+        scene.node = next(node for node in scene.cluster.nodes if node is not victim)
+        scene.kills[kind] += 1
+        scene.faults += 1
+        for gaps in self._streams():
+            gaps.take()
+        began = time.monotonic()
+        if self._random.random() < 0.5:
+            self._reconfigure()
+        getattr(self, "_" + kind.replace(" ", "_"))(victim)
+        undone = time.monotonic()
+        repaired = self._wait_for_cluster(victim)
+        scene.check_recovered()
+        delivered, confirmed = [gaps.take() for gaps in self._streams()]
+        self._gaps[kind].append((delivered, confirmed))
+        self._say(f"{victim.address} {kind} ({role}) for {undone - began:.1f} s, all well "
+                  f"{time.monotonic() - undone:.1f} s later{repaired}; longest gap of deliveries {delivered:.1f} s, of "
+                  f"confirms through the agent {confirmed:.1f} s")
+        if not scene.agent.running():
+            raise Violation(f"the agent has ended\n{scene.agent.log_tail()}")
+
+    def _wait_for_cluster(self, victim):
+        """Waits until the cluster is whole again, and helps it as an operator has to.
+
+        A node that was stopped for longer than the others believe in it goes on without having noticed, and the cluster
+        stays partitioned until the node's application is restarted.
+        """
+        if self._scene.wait_for_cluster():
+            return ""
+        self._scene.repairs += 1
+        victim.ctl("stop_app")
+        victim.ctl("start_app")
+        if not self._scene.wait_for_cluster():
+            raise Violation(f"the cluster stays partitioned\n{victim.log_tail()}")
+        return ", its application restarted because the cluster was partitioned"
+
+    def _streams(self):
+        return self._scene.applications["beta"].gaps, self._scene.upstream.gaps
+
+    def _role(self, victim):
+        roles = [name for name, node in (("leader", self._leader()), ("agent's node", self._agents_node()))
+                 if node is victim]
+        return " and ".join(roles) or "neither leader nor agent's node"
+
+    def _reconfigure(self):
+        names = self._random.sample(range(CHURN_POOL), CHURN_SIZE)
+        self._scene.plane.configure("beta", KEPT + [f"beta.churn.{number}" for number in names], ["work.chaos"])
+
+    def _hold(self, kind):
+        time.sleep(self._random.uniform(3.0, 25.0) if kind in SILENT else self._random.uniform(2.0, 8.0))
+
+    def _killed(self, victim):
+        victim.kill()
+        self._hold("killed")
+        victim.start()
+
+    def _bounced(self, victim):
+        victim.ctl("stop_app")
+        self._hold("bounced")
+        victim.ctl("start_app")
+
+    def _stopped_in_order(self, victim):
+        victim.stop()
+        self._hold("stopped in order")
+        victim.start()
+
+    def _isolated(self, victim):
+        victim.host.isolate()
+        self._hold("isolated")
+        victim.host.heal()
+
+    def _cut_off_from_the_other_nodes(self, victim):
+        victim.host.drop(*(node.address for node in self._scene.cluster.nodes if node is not victim))
+        self._hold("cut off from the other nodes")
+        victim.host.heal()
+
+    def _hung(self, victim):
+        os.kill(victim.pid, signal.SIGSTOP)
+        self._hold("hung")
+        os.kill(victim.pid, signal.SIGCONT)
+
+    def _two_killed(self, victim):
+        """The majority is gone: nothing works until it is back."""
+        self._kill_and_start([victim, self._scene.node])
+
+    def _all_killed(self, _victim):
+        self._kill_and_start(self._scene.cluster.nodes)
+
+    def _kill_and_start(self, victims):
+        for node in victims:
+            node.kill()
+        self._hold("killed")
+        self._scene.cluster.start(RECOVERY_PATIENCE)
+
+    def _say_figures(self):
+        self._say("fault  times  longest gap of deliveries, of confirms through the agent  over what to expect")
+        for kind, gaps in self._gaps.items():
+            limit = EXPECTED.get(kind)
+            over = sum(1 for pair in gaps if limit and max(pair) > limit)
+            self._say(f"{kind:<28}  {len(gaps):>3}  {max(pair[0] for pair in gaps):>5.1f} s  "
+                      f"{max(pair[1] for pair in gaps):>5.1f} s  "
+                      + (f"{over} over {limit:.0f} s" if limit else "no bound: the majority is gone"))
