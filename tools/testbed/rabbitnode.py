@@ -140,9 +140,7 @@ class RabbitNode:
 
         With check false the completed process is returned and its status is the caller's business.
         """
-        done = subprocess.run(
-            self._placed([str(self.programs / "rabbitmqctl"), "-q", "-n", self.name, *map(str, arguments)]),
-            env=self._environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+        done = self.tool("rabbitmqctl", "-q", *arguments)
         if not check:
             return done
         if done.returncode != 0:
@@ -150,12 +148,18 @@ class RabbitNode:
                                 f"{done.stdout}{done.stderr}")
         return done.stdout
 
+    def tool(self, program, *arguments):
+        """Runs one of RabbitMQ's command line tools against this node and returns the completed process."""
+        return subprocess.run(
+            list(map(str, self._placed([self.programs / program, "-n", self.name, *arguments]))),
+            env=self._environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+
     def write_ctl_script(self, path):
         """Writes a program that runs rabbitmqctl for this node, for callers that are not Python. Returns its path."""
         exports = "".join(f"export {name}={shlex.quote(value)}\n" for name, value in sorted(self._environment.items()))
         script = pathlib.Path(path)
-        script.write_text(f'#!/bin/sh\n{exports}exec {self.programs}/rabbitmqctl -q -n {self.name} "$@"\n',
-                          encoding="utf-8")
+        command = shlex.join(map(str, self._placed([self.programs / "rabbitmqctl", "-q", "-n", self.name])))
+        script.write_text(f'#!/bin/sh\n{exports}exec {command} "$@"\n', encoding="utf-8")
         script.chmod(0o755)
         return script
 
