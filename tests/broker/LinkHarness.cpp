@@ -27,6 +27,19 @@ std::string FromLauncher(const char* variable)
     return value;
 }
 
+std::string Run(const std::string& command)
+{
+    std::FILE* pipe = popen(command.c_str(), "r");
+    std::string output;
+    std::array<char, 4096> piece{};
+    while (pipe != nullptr && std::fgets(piece.data(), static_cast<int>(piece.size()), pipe) != nullptr)
+    {
+        output += piece.data();
+    }
+    EXPECT_TRUE(pipe != nullptr && pclose(pipe) == 0) << command << "\n" << output;
+    return output;
+}
+
 } // namespace
 
 std::string NodeUrl()
@@ -41,18 +54,19 @@ std::string NodeUrl(const std::string& scheme, const std::string& userAndPasswor
     return scheme + "://" + userAndPassword + "@" + url.substr(host, url.find('/', host) - host) + "/" + vhost;
 }
 
+std::string OtherNodeUrl()
+{
+    return FromLauncher("QEL_TEST_OTHER_BROKER_URL");
+}
+
 std::string Rabbitmqctl(const std::string& arguments)
 {
-    const std::string command = FromLauncher("QEL_TEST_RABBITMQCTL") + " -q " + arguments + " 2>&1";
-    std::FILE* pipe = popen(command.c_str(), "r");
-    std::string output;
-    std::array<char, 4096> piece{};
-    while (pipe != nullptr && std::fgets(piece.data(), static_cast<int>(piece.size()), pipe) != nullptr)
-    {
-        output += piece.data();
-    }
-    EXPECT_TRUE(pipe != nullptr && pclose(pipe) == 0) << command << "\n" << output;
-    return output;
+    return Run(FromLauncher("QEL_TEST_RABBITMQCTL") + " -q " + arguments + " 2>&1");
+}
+
+std::string OtherRabbitmqctl(const std::string& arguments)
+{
+    return Run(FromLauncher("QEL_TEST_OTHER_RABBITMQCTL") + " -q " + arguments + " 2>&1");
 }
 
 std::string Unique(const std::string& what)

@@ -24,6 +24,9 @@ std::string NodeUrl();
 std::string NodeUrl(const std::string& scheme, const std::string& userAndPassword, const std::string& vhost);
 /** Runs rabbitmqctl with these arguments and returns what it printed; a test failure when it fails. */
 std::string Rabbitmqctl(const std::string& arguments);
+/** Another node of the cluster that the launcher started for us (--cluster). */
+std::string OtherNodeUrl();
+std::string OtherRabbitmqctl(const std::string& arguments);
 /** A name that no other test uses. */
 std::string Unique(const std::string& what);
 
