@@ -48,6 +48,11 @@ struct LinkSettings
     std::size_t maxUnconfirmedBytes = 67108864;
     /** Give up (Listener::OnGaveUp) when the first connection cannot be made in this time; 0 tries for ever. */
     std::chrono::milliseconds firstConnectDeadline{0};
+    /**
+     * How long the broker may take to answer for a queue: longer than a quorum queue needs to elect its leader, shorter
+     * than the broker takes to end the connection because of a queue without one (65 s).
+     */
+    std::chrono::milliseconds queuePatience{15000};
 };
 
 /** An exchange to declare. */

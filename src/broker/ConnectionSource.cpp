@@ -6,6 +6,25 @@
 namespace VtxQel
 {
 
+namespace
+{
+
+const char* Suffix(ConnectionUse use)
+{
+    switch (use)
+    {
+    case ConnectionUse::publishing:
+        return " publishing";
+    case ConnectionUse::trial:
+        return " trial";
+    case ConnectionUse::consuming:
+        break;
+    }
+    return "";
+}
+
+} // namespace
+
 ConnectionSource::ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings)
     : m_io(io), m_settings(settings)
 {
@@ -23,7 +42,7 @@ ConnectionSource::ConnectionSource(boost::asio::io_context& io, const LinkSettin
 }
 
 std::shared_ptr<AmqpConnection> ConnectionSource::Make(
-    std::size_t urlIndex, bool publishing, AmqpConnectionHandler& handler)
+    std::size_t urlIndex, ConnectionUse use, AmqpConnectionHandler& handler)
 {
     AmqpConnectionOptions options;
     options.url = m_urls[urlIndex];
@@ -33,9 +52,9 @@ std::shared_ptr<AmqpConnection> ConnectionSource::Make(
         options.tls = m_tls;
         options.external = !m_settings.tls.certificateFile.empty();
     }
-    options.connectionName = m_settings.connectionName + (publishing ? " publishing" : "");
+    options.connectionName = m_settings.connectionName + Suffix(use);
     options.heartbeat = m_settings.heartbeat;
-    options.userTimeout = !publishing;
+    options.userTimeout = use != ConnectionUse::publishing;
     options.maxBody = m_settings.maxBodyBytes;
     return std::make_shared<AmqpConnection>(m_io, std::move(options), handler);
 }

@@ -13,6 +13,14 @@
 namespace VtxQel
 {
 
+/** What a connection is for; the broker's tools show it behind the connection's name. */
+enum class ConnectionUse
+{
+    consuming,
+    publishing,
+    trial
+};
+
 /**
  * ConnectionSource knows where the broker is: it makes connections to the configured URLs, with the TLS context that
  * they share. Lives on the I/O thread.
@@ -32,7 +40,7 @@ class ConnectionSource
      * A connection that is still to be opened.
      * @throws RmqConnectionException when the TLS files cannot be used
      */
-    std::shared_ptr<AmqpConnection> Make(std::size_t urlIndex, bool publishing, AmqpConnectionHandler& handler);
+    std::shared_ptr<AmqpConnection> Make(std::size_t urlIndex, ConnectionUse use, AmqpConnectionHandler& handler);
     /** Reads the TLS files again for the next connection. */
     void ForgetTls() { m_tls.reset(); }
 

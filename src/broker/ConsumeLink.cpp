@@ -21,8 +21,6 @@ constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
-/** Longer than a quorum queue needs to elect its leader. */
-constexpr Milliseconds RESTORE_PATIENCE{15000};
 
 Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
 {
@@ -34,7 +32,10 @@ Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
 ConsumeLink::ConsumeLink(
     boost::asio::io_context& io, ConnectionSource& source, LinkListener& listener, LinkState& state)
     : m_io(io), m_source(source), m_listener(listener), m_state(state), m_backOff(source.UrlCount()),
-      m_connectTimer(io), m_firstDeadline(io)
+      m_connectTimer(io), m_firstDeadline(io),
+      m_silent(
+          io, source, [this] { return m_urlIndex; }, [this](const std::string& queue) { TakeUp(queue); },
+          [this](const std::string& queue) { GiveUpWaiting(queue); })
 {
 }
 
@@ -82,7 +83,7 @@ void ConsumeLink::Connect()
         });
     try
     {
-        m_connection = m_source.Make(m_urlIndex, false, *this);
+        m_connection = m_source.Make(m_urlIndex, ConnectionUse::consuming, *this);
         m_connection->Open();
     }
     catch (const RmqException& e)
@@ -139,7 +140,7 @@ void ConsumeLink::OnOpen()
 void ConsumeLink::WatchRestoration()
 {
     After(
-        RESTORE_PATIENCE,
+        m_source.Settings().queuePatience,
         [this, before = m_restoreReplies]
         {
             if (m_restoration.IsAwaited() && m_restoreReplies == before && !m_paused)
@@ -201,7 +202,8 @@ void ConsumeLink::OnClosed(const std::string& why)
         consumers->Fail(why);
     }
     m_restoration.Abandon();
-    m_restored = false;
+    m_restored = Restored::no;
+    std::erase_if(m_heldBack, [](const auto& held) { return held.second->restoring; });
     m_consumerBackOff.clear();
     m_recovering.clear();
     if (rpc)
@@ -266,6 +268,7 @@ void ConsumeLink::Stop(std::function<void()> stopped)
     m_stopping = true;
     m_connectTimer.cancel();
     m_firstDeadline.cancel();
+    m_silent.Stop();
     for (const Request& request : std::set<Request>(m_requests))
     {
         Complete(request, {Answer::unanswered, 0, "the connection to the broker is being closed"});
@@ -425,13 +428,17 @@ void ConsumeLink::Pump()
 
 void ConsumeLink::CheckRestored()
 {
-    if (m_rpc && m_restoration.IsDone() && m_recovering.empty() && !m_restored)
+    const Restored now = m_restoration.IsComplete() ? Restored::wholly : Restored::mostly;
+    if (!m_rpc || !m_restoration.IsDone() || !m_recovering.empty() || now == m_restored)
     {
-        m_restored = true;
-        m_state.Update([](LinkStatus& status) { status.restored = true; });
-        QEL_LOG(vtx::LevelStatus, "Queues and bindings on the broker are in place");
-        m_listener.OnRestored();
+        return;
     }
+    m_restored = now;
+    m_state.Update([&](LinkStatus& status) { status.restored = now == Restored::wholly; });
+    QEL_LOG(
+        vtx::LevelStatus, "Queues and bindings on the broker are in place%s",
+        now == Restored::wholly ? "" : " but for applications' queues that it cannot provide yet");
+    m_listener.OnRestored();
 }
 
 void ConsumeLink::Call(const Request& request, std::uint32_t method, decltype(Rpc::send) send)
@@ -463,7 +470,7 @@ void ConsumeLink::Execute(const Request& request)
             });
         break;
     case Kind::unbind:
-        if (!m_restoration.IsDone())
+        if (!m_restoration.IsComplete())
         {
             m_restoration.GiveUp(binding);
         }
@@ -533,6 +540,11 @@ void ConsumeLink::DeclareExchange(const Request& request)
 
 void ConsumeLink::DeclareQueue(const Request& request)
 {
+    if (request->queue.prefetch > 0 && m_silent.Contains(request->queue.name))
+    {
+        HoldBack(request);
+        return;
+    }
     m_rpc->Call(
         {AMQP_QUEUE_DECLARE_METHOD,
          [request](AmqpConnection& connection, std::uint16_t channel)
@@ -545,10 +557,114 @@ void ConsumeLink::DeclareQueue(const Request& request)
                  OnReply(request, reply);
                  return;
              }
-             m_consumed[request->queue.name] = request->queue;
-             m_consumers->Start(
-                 request->queue, [this, request](const RpcReply& started) { OnReply(request, started); });
+             Consume(request);
          }});
+}
+
+void ConsumeLink::Consume(const Request& request)
+{
+    const QueueSpec& queue = request->queue;
+    m_consumed[queue.name] = queue;
+    m_consumers->Start(queue, [this, request](const RpcReply& started) { OnReply(request, started); });
+    if (!m_restoration.IsOwnQueue(queue.name))
+    {
+        WatchConsumer(queue.name);
+    }
+}
+
+/**
+ * A queue for which the broker does not answer costs the connection sooner or later: better now, and once. The next
+ * connection leaves it to the trials.
+ */
+void ConsumeLink::WatchConsumer(const std::string& queue)
+{
+    After(
+        m_source.Settings().queuePatience,
+        [this, queue]
+        {
+            const std::vector<std::string> starting = m_consumers->Starting();
+            if (std::find(starting.begin(), starting.end(), queue) == starting.end())
+            {
+                return;
+            }
+            if (m_paused)
+            {
+                WatchConsumer(queue);
+                return;
+            }
+            for (const std::string& silent : starting)
+            {
+                if (!m_restoration.IsOwnQueue(silent))
+                {
+                    m_silent.Add(silent);
+                }
+            }
+            const auto connection = m_connection;
+            connection->Abort("the broker does not answer for queue " + queue);
+        });
+}
+
+void ConsumeLink::HoldBack(const Request& request)
+{
+    const std::string& queue = request->queue.name;
+    if (!request->restoring && m_silent.IsTried(queue))
+    {
+        Complete(request, {Answer::unanswered, 0, "the broker does not answer for queue " + queue});
+        return;
+    }
+    if (request->restoring)
+    {
+        m_restoration.Delayed(*request);
+    }
+    m_heldBack.emplace(queue, request);
+}
+
+/** The broker answers for the queue again, or nobody wants it any more. */
+void ConsumeLink::TakeUp(const std::string& queue)
+{
+    const auto [first, last] = m_heldBack.equal_range(queue);
+    std::vector<Request> requests;
+    for (auto held = first; held != last; ++held)
+    {
+        requests.push_back(held->second);
+    }
+    m_heldBack.erase(first, last);
+    for (const Request& request : requests)
+    {
+        if (request->restoring)
+        {
+            m_restoration.Resume(request);
+        }
+        else
+        {
+            m_ready.push_back(request);
+        }
+    }
+    if (!requests.empty())
+    {
+        Pump();
+    }
+}
+
+/** A trial was in vain: who asked hears of it, what is to be restored goes on waiting. */
+void ConsumeLink::GiveUpWaiting(const std::string& queue)
+{
+    const auto [first, last] = m_heldBack.equal_range(queue);
+    std::vector<Request> requests;
+    for (auto held = first; held != last;)
+    {
+        if (held->second->restoring)
+        {
+            ++held;
+            continue;
+        }
+        requests.push_back(held->second);
+        held = m_heldBack.erase(held);
+    }
+    for (const Request& request : requests)
+    {
+        HoldBack(request);
+    }
 }
 
 void ConsumeLink::DeclareBaseAgain()
@@ -576,10 +692,12 @@ void ConsumeLink::StopQueue(const Request& request)
 {
     const std::string& queue = request->queue.name;
     m_consumed.erase(queue);
-    if (!m_restoration.IsDone())
+    if (!m_restoration.IsComplete())
     {
         m_restoration.GiveUpQueue(queue);
     }
+    m_silent.Remove(queue);
+    TakeUp(queue);
     FlushSettlements();
     const auto done = [this, request](const RpcReply&) { Complete(request, {Answer::ok, 0, {}}); };
     if (!m_consumers)
@@ -679,7 +797,7 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
         return;
     }
     const bool refused = outcome == Outcome::refused;
-    const bool base = request->kind == Kind::declareExchange || IsOwnQueue(request->queue.name);
+    const bool base = request->kind == Kind::declareExchange || m_restoration.IsOwnQueue(request->queue.name);
     const std::string what = request->ToString();
     if (!refused || request->failures == 0)
     {
@@ -694,7 +812,7 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
         Pump();
         return;
     }
-    m_restoration.Delayed();
+    m_restoration.Delayed(*request);
     After(
         Doubled(RESTORE_RETRY, request->failures++, RESTORE_RETRY_CAP),
         [this, request]
@@ -702,12 +820,6 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
             m_restoration.Resume(request);
             Pump();
         });
-}
-
-bool ConsumeLink::IsOwnQueue(const std::string& queue) const
-{
-    return std::any_of(
-        m_base.ownQueues.begin(), m_base.ownQueues.end(), [&](const QueueSpec& own) { return own.name == queue; });
 }
 
 /** Runs the task later unless the connection has ended by then. */
@@ -731,7 +843,7 @@ void ConsumeLink::OnConsumerLost(const std::string& queue, bool deleted, const s
         deleted ? "the queue is gone" : why.c_str());
     if (m_consumed.count(queue) > 0)
     {
-        m_restored = false;
+        m_restored = Restored::no;
         m_recovering.insert(queue);
         m_state.Update([](LinkStatus& status) { status.restored = false; });
         After(m_consumerBackOff[queue].Next(), [this, queue, deleted] { ConsumeAgain(queue, deleted); });

@@ -8,6 +8,7 @@
 #include "broker/LinkState.h"
 #include "broker/Restoration.h"
 #include "broker/RpcChannel.h"
+#include "broker/SilentQueues.h"
 #include "broker/TopologyRequest.h"
 
 #include <boost/asio/io_context.hpp>
@@ -76,6 +77,11 @@ class ConsumeLink : private AmqpConnectionHandler
     void Call(const Request& request, std::uint32_t method, decltype(Rpc::send) send);
     void DeclareExchange(const Request& request);
     void DeclareQueue(const Request& request);
+    void Consume(const Request& request);
+    void WatchConsumer(const std::string& queue);
+    void HoldBack(const Request& request);
+    void TakeUp(const std::string& queue);
+    void GiveUpWaiting(const std::string& queue);
     void StopQueue(const Request& request);
     void DeclareBaseAgain();
     void OnReply(const Request& request, const RpcReply& reply);
@@ -85,7 +91,6 @@ class ConsumeLink : private AmqpConnectionHandler
     void After(std::chrono::milliseconds delay, std::function<void()> task);
     void OnConsumerLost(const std::string& queue, bool deleted, const std::string& why);
     void ConsumeAgain(const std::string& queue, bool rebind);
-    bool IsOwnQueue(const std::string& queue) const;
     bool IsStillInUse(TopologyRequest& request) const;
     void CheckRestored();
 
@@ -121,7 +126,15 @@ class ConsumeLink : private AmqpConnectionHandler
 
     DesiredTopology m_base;
     Restoration m_restoration;
-    bool m_restored = false;
+    /** What the listener was told. */
+    enum class Restored
+    {
+        no,
+        /** All but applications' queues that the broker cannot provide for the time being. */
+        mostly,
+        wholly
+    };
+    Restored m_restored = Restored::no;
     /** Answers to what was being restored, so that silence can be told from slowness. */
     std::uint64_t m_restoreReplies = 0;
     bool m_pumping = false;
@@ -130,6 +143,9 @@ class ConsumeLink : private AmqpConnectionHandler
     std::map<std::string, BackOff> m_consumerBackOff;
     /** Queues whose consumer was lost and is not being made again yet. */
     std::set<std::string> m_recovering;
+    SilentQueues m_silent;
+    /** What waits for the broker to answer for a silent queue. */
+    std::multimap<std::string, Request> m_heldBack;
     /** Every request that is not answered yet. */
     std::set<Request> m_requests;
     /** Those that can be carried out as soon as the connection is ready for them. */

@@ -69,6 +69,19 @@ void Consumers::CancelAll()
     }
 }
 
+std::vector<std::string> Consumers::Starting() const
+{
+    std::vector<std::string> queues;
+    for (const auto& [queue, channel] : m_byQueue)
+    {
+        if (channel->GetState() == State::starting)
+        {
+            queues.push_back(queue);
+        }
+    }
+    return queues;
+}
+
 void Consumers::Release(const std::string& queue, Done done)
 {
     Flush();

@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace VtxQel
 {
@@ -37,6 +38,8 @@ class Consumers
     void Cancel(const std::string& queue, Done done);
     void Release(const std::string& queue, Done done);
     void CancelAll();
+    /** The queues whose consumption the broker has not answered yet. */
+    std::vector<std::string> Starting() const;
 
     void Settle(const DeliveryTag& tag, SettleAs as);
     /** Whether a channel waits for its settlements to be sent. */

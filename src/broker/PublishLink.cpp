@@ -99,7 +99,7 @@ void PublishLink::Connect()
     m_urlIndex = NextUrl();
     try
     {
-        m_connection = m_source.Make(m_urlIndex, true, *this);
+        m_connection = m_source.Make(m_urlIndex, ConnectionUse::publishing, *this);
         m_connection->Open();
     }
     catch (const RmqException& e)

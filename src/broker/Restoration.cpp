@@ -21,6 +21,7 @@ Restoration::Request Item(Kind kind)
 void Restoration::Begin(const DesiredTopology& desired)
 {
     Abandon();
+    m_ownQueues.clear();
     m_step = Step::exchanges;
     for (const ExchangeSpec& exchange : desired.exchanges)
     {
@@ -31,6 +32,7 @@ void Restoration::Begin(const DesiredTopology& desired)
     {
         Items(Step::ownQueues).push_back(Item(Kind::declareQueue));
         Items(Step::ownQueues).back()->queue = queue;
+        m_ownQueues.insert(queue.name);
     }
     for (const Binding& binding : desired.bindings)
     {
@@ -52,6 +54,7 @@ void Restoration::Abandon()
     }
     m_underWay = 0;
     m_delayed = 0;
+    m_delayedQueues = 0;
     m_step = Step::exchanges;
 }
 
@@ -116,22 +119,28 @@ void Restoration::Advance()
         return;
     }
     m_step = static_cast<Step>(static_cast<int>(m_step) + 1);
-    if (m_step == Step::done)
+    if (IsComplete())
     {
         m_givenUpBindings.clear();
         m_givenUpQueues.clear();
     }
 }
 
-void Restoration::Delayed()
+std::size_t& Restoration::DelayedLike(const TopologyRequest& request)
+{
+    const bool applications = request.kind == Kind::declareQueue && !IsOwnQueue(request.queue.name);
+    return applications ? m_delayedQueues : m_delayed;
+}
+
+void Restoration::Delayed(const TopologyRequest& request)
 {
     --m_underWay;
-    ++m_delayed;
+    ++DelayedLike(request);
 }
 
 void Restoration::Resume(Request request)
 {
-    --m_delayed;
+    --DelayedLike(*request);
     Add(std::move(request));
 }
 

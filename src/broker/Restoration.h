@@ -15,8 +15,8 @@ namespace VtxQel
 /**
  * Restoration hands out what has to be made again on a new connection, in its order: exchanges, own queues, bindings,
  * applications' queues. Each step begins when everything of the one before is done; what the broker could not do yet
- * holds up the next step only for exchanges and own queues. What was given up meanwhile (unbound, cancelled) is left
- * out. Used by the I/O thread alone.
+ * holds up the next step only for exchanges and own queues, and the end for bindings, too. What was given up meanwhile
+ * (unbound, cancelled) is left out. Used by the I/O thread alone.
  */
 class Restoration
 {
@@ -43,14 +43,19 @@ class Restoration
     Request Next();
     void Finished() { --m_underWay; }
     /** It is to be tried again; Resume() hands it out then. */
-    void Delayed();
+    void Delayed(const TopologyRequest& request);
     void Resume(Request request);
     /** Adds an item to what is to be restored. */
     void Add(Request request);
 
     /** Whether requests of others may be made: exchanges and own queues are there. */
     bool IsBaseReady() const { return m_step > Step::ownQueues; }
+    /** Whether everything is made again but for what was refused and applications' queues that are delayed. */
     bool IsDone() const { return m_step == Step::done; }
+    /** Whether there is no such queue either. */
+    bool IsComplete() const { return IsDone() && m_delayedQueues == 0; }
+    /** Whether it is one of the agent's own queues, without which there is nothing to be done. */
+    bool IsOwnQueue(const std::string& queue) const { return m_ownQueues.count(queue) > 0; }
     /** Whether the broker owes an answer to something that is being restored. */
     bool IsAwaited() const { return m_underWay > 0; }
 
@@ -64,6 +69,7 @@ class Restoration
   private:
     std::deque<Request>& Items(Step step) { return m_items[static_cast<std::size_t>(step)]; }
     void Advance();
+    std::size_t& DelayedLike(const TopologyRequest& request);
 
     /** Few at a time: a request that comes now waits behind those that are under way. */
     static constexpr std::size_t WINDOW = 32;
@@ -71,7 +77,10 @@ class Restoration
     Step m_step = Step::exchanges;
     std::deque<Request> m_items[4];
     std::size_t m_underWay = 0;
+    /** Applications' queues that are delayed, and everything else that is. */
+    std::size_t m_delayedQueues = 0;
     std::size_t m_delayed = 0;
+    std::set<std::string> m_ownQueues;
     std::set<Binding> m_givenUpBindings;
     std::set<std::string> m_givenUpQueues;
 };

@@ -110,7 +110,7 @@ TEST(Restoration, AnOwnQueueThatIsDelayedHoldsUpTheRest)
     Carry(restoration, "ex");
     const auto queues = Take(restoration);
     restoration.Finished();
-    restoration.Delayed();
+    restoration.Delayed(*queues[1]);
     EXPECT_THAT(Names(Take(restoration)), IsEmpty());
     EXPECT_FALSE(restoration.IsBaseReady());
     restoration.Resume(queues[1]);
@@ -123,7 +123,7 @@ TEST(Restoration, ABindingThatIsDelayedHoldsUpOnlyTheEnd)
     restoration.Begin(Wanted());
     Carry(restoration, "own1");
     const auto bindings = Take(restoration);
-    restoration.Delayed();
+    restoration.Delayed(*bindings[0]);
     restoration.Finished();
     restoration.Finished();
     EXPECT_THAT(Carry(restoration), ElementsAre("app"));
@@ -131,6 +131,36 @@ TEST(Restoration, ABindingThatIsDelayedHoldsUpOnlyTheEnd)
     restoration.Resume(bindings[0]);
     EXPECT_THAT(Carry(restoration), ElementsAre("a"));
     EXPECT_TRUE(restoration.IsDone());
+}
+
+TEST(Restoration, AnApplicationsQueueThatIsDelayedHoldsUpNothing)
+{
+    Restoration restoration;
+    restoration.Begin(Wanted());
+    Carry(restoration, "a");
+    const auto queues = Take(restoration);
+    ASSERT_THAT(Names(queues), ElementsAre("app"));
+    restoration.Delayed(*queues[0]);
+    EXPECT_THAT(Names(Take(restoration)), IsEmpty());
+    EXPECT_TRUE(restoration.IsDone());
+    EXPECT_FALSE(restoration.IsComplete());
+    restoration.Resume(queues[0]);
+    EXPECT_THAT(Carry(restoration), ElementsAre("app"));
+    EXPECT_TRUE(restoration.IsComplete());
+}
+
+TEST(Restoration, ADelayedQueueThatIsGivenUpIsLeftOut)
+{
+    Restoration restoration;
+    restoration.Begin(Wanted());
+    Carry(restoration, "a");
+    const auto queues = Take(restoration);
+    restoration.Delayed(*queues[0]);
+    EXPECT_THAT(Names(Take(restoration)), IsEmpty());
+    restoration.GiveUpQueue("app");
+    restoration.Resume(queues[0]);
+    EXPECT_THAT(Carry(restoration), IsEmpty());
+    EXPECT_TRUE(restoration.IsComplete());
 }
 
 TEST(Restoration, WhatIsGivenUpMeanwhileIsLeftOut)
