@@ -111,7 +111,7 @@ void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSetti
 {
     ServiceNotifier::Reloading();
     vtx::Logger::logLevel = config.logLevel;
-    m_client->ReloadTls();
+    m_client->ReloadTls(config.broker.link.tls);
     const std::set<std::string> names = NamesOf(applications);
     m_appRegistry->Reload({names.begin(), names.end()});
     m_applications.Reload(applications);

@@ -64,6 +64,10 @@ void AmqpConnection::OnConnected(const std::string& why)
     {
         return;
     }
+    if (m_options.onBrokerCertificate && m_socket->PeerNotAfter() != 0)
+    {
+        m_options.onBrokerCertificate(m_socket->PeerNotAfter());
+    }
     if (!why.empty())
     {
         Abort(why);
@@ -221,16 +225,18 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
 
 std::string AmqpConnection::EndOfStream(const error_code& error) const
 {
+    const std::string why = m_socket->Explain(error);
     switch (m_state)
     {
     case State::start:
-        return "the broker ended the connection before the login: " + error.message();
+        return "the broker ended the connection before the login: " + why +
+               (m_options.url.tls ? "" : " (does it speak TLS on this port? Then its URL begins with amqps://)");
     case State::tune:
-        return "the broker ended the connection during the login: " + error.message();
+        return "the broker ended the connection during the login: " + why;
     case State::closing:
         return "closed";
     default:
-        return "connection lost: " + error.message();
+        return "connection lost: " + why;
     }
 }
 
@@ -378,7 +384,11 @@ void AmqpConnection::OnStart(const amqp_connection_start_t& start)
     const std::string mechanism = m_options.external ? "EXTERNAL" : "PLAIN";
     if (!Lists(FromAmqp(start.mechanisms), mechanism))
     {
-        throw RmqConnectionException("the broker does not offer the login mechanism " + mechanism);
+        throw RmqConnectionException(
+            "the broker does not offer the login mechanism " + mechanism +
+            (m_options.external ? ", by certificate: enable its plugin rabbitmq_auth_mechanism_ssl and add EXTERNAL to "
+                                  "auth_mechanisms"
+                                : ""));
     }
     std::string response;
     if (!m_options.external)

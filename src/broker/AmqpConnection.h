@@ -44,7 +44,10 @@ class AmqpConnectionHandler
 struct AmqpConnectionOptions
 {
     BrokerUrl url;
-    std::shared_ptr<boost::asio::ssl::context> tls;
+    /** What to make a TLS connection with, when the URL asks for one. */
+    std::shared_ptr<const TlsMaterial> tls;
+    /** Hears when the certificate expires that a TLS broker has shown. */
+    std::function<void(std::int64_t notAfter)> onBrokerCertificate;
     /** Log in with the certificate (EXTERNAL) instead of user and password. */
     bool external = false;
     std::string connectionName;

@@ -94,7 +94,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     Settlement& Settling() { return m_settlement; }
     /** Connects to the URL of this index instead of the present one. */
     void MoveTo(std::size_t urlIndex) { m_link.MoveTo(urlIndex); }
-    void ReloadTls() { m_link.ReloadTls(); }
+    void ReloadTls(const TlsFiles& files) { m_link.ReloadTls(files); }
     LinkStatus Status() const { return m_link.Status(); }
     /** How many control messages were refused because of who sent them. */
     std::uint64_t RefusedControlMessages() const { return m_controlUsers.Refused(); }

@@ -143,7 +143,7 @@ class BrokerLink::Impl
 
 void BrokerLink::Impl::Start()
 {
-    m_source = std::make_unique<ConnectionSource>(m_io, m_settings);
+    m_source = std::make_unique<ConnectionSource>(m_io, m_settings, m_state);
     m_consume = std::make_unique<ConsumeLink>(m_io, *m_source, m_listener, m_state);
     m_publish = std::make_unique<PublishLink>(
         m_io, *m_source, m_state, [this](std::size_t bytes) { OnPublicationEnded(bytes); });
@@ -469,9 +469,9 @@ void BrokerLink::MoveTo(std::size_t urlIndex)
     m_impl->MoveTo(urlIndex);
 }
 
-void BrokerLink::ReloadTls()
+void BrokerLink::ReloadTls(const TlsFiles& files)
 {
-    m_impl->Post([this] { m_impl->Source().ForgetTls(); });
+    m_impl->Post([this, files] { m_impl->Source().UseTls(files); });
 }
 
 void BrokerLink::Post(std::function<void()> task)

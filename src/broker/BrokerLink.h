@@ -1,5 +1,7 @@
 #pragma once
 
+#include "broker/CertificateExpiry.h"
+#include "broker/TlsFiles.h"
 #include "broker/EndCause.h"
 #include "common/Publisher.h"
 #include "common/RmqMessage.h"
@@ -17,14 +19,6 @@
 
 namespace VtxQel
 {
-
-/** Certificates for broker URLs of the scheme amqps; empty names are not used. */
-struct TlsFiles
-{
-    std::string caFile;
-    std::string certificateFile;
-    std::string keyFile;
-};
 
 /** How the link reaches the broker. */
 struct LinkSettings
@@ -178,6 +172,8 @@ struct LinkStatus
     std::array<std::uint64_t, END_CAUSE_COUNT> reconnectsBy{};
     std::uint64_t reconnects = 0;
     std::string lastError;
+    /** Of TLS connections: when what they use expires. */
+    CertificateExpiry certificates;
 };
 
 /**
@@ -276,8 +272,11 @@ class BrokerLink : public Publisher
     /** Leaves the connection for a new one, because of what is said. Does not wait. */
     void Reconnect(const std::string& why);
 
-    /** Reads the TLS files again for connections made from now on. */
-    void ReloadTls();
+    /**
+     * Takes these TLS files, which may be the same with other contents, for connections made from now on. Every new
+     * connection reads its files anew; this is for their names, and for those who want to hear at once.
+     */
+    void ReloadTls(const TlsFiles& files);
 
     LinkStatus Status() const;
 

@@ -1,12 +1,7 @@
 #include "broker/BrokerSocket.h"
 
-#include "common/QelException.h"
-
 #include <boost/asio/connect.hpp>
-#include <boost/asio/ip/address.hpp>
 #include <boost/asio/write.hpp>
-#include <openssl/err.h>
-#include <openssl/x509v3.h>
 
 #include <utility>
 
@@ -18,57 +13,8 @@ namespace VtxQel
 namespace asio = boost::asio;
 using boost::system::error_code;
 
-namespace
-{
-
-void Require(const error_code& error, const std::string& what)
-{
-    if (error)
-    {
-        throw RmqConnectionException(what + ": " + error.message());
-    }
-}
-
-bool IsAddress(const std::string& host)
-{
-    error_code error;
-    asio::ip::make_address(host, error);
-    return !error;
-}
-
-} // namespace
-
-std::shared_ptr<asio::ssl::context> MakeTlsContext(const TlsFiles& files)
-{
-    auto context = std::make_shared<asio::ssl::context>(asio::ssl::context::tls_client);
-    error_code error;
-    SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
-    context->set_verify_mode(asio::ssl::verify_peer);
-    if (files.caFile.empty())
-    {
-        context->set_default_verify_paths(error);
-        Require(error, "cannot read the system's certificates");
-    }
-    else
-    {
-        context->load_verify_file(files.caFile, error);
-        Require(error, "cannot read the CA file " + files.caFile);
-    }
-    if (!files.certificateFile.empty())
-    {
-        context->use_certificate_chain_file(files.certificateFile, error);
-        Require(error, "cannot read the certificate " + files.certificateFile);
-    }
-    if (!files.keyFile.empty())
-    {
-        context->use_private_key_file(files.keyFile, asio::ssl::context::pem, error);
-        Require(error, "cannot use the key " + files.keyFile);
-    }
-    return context;
-}
-
-BrokerSocket::BrokerSocket(asio::io_context& io, BrokerUrl url, std::shared_ptr<asio::ssl::context> tls)
-    : m_url(std::move(url)), m_tlsContext(std::move(tls)), m_io(io), m_socket(io), m_timer(io)
+BrokerSocket::BrokerSocket(asio::io_context& io, BrokerUrl url, std::shared_ptr<const TlsMaterial> tls)
+    : m_url(std::move(url)), m_material(std::move(tls)), m_io(io), m_socket(io), m_timer(io)
 {
 }
 
@@ -120,21 +66,39 @@ void BrokerSocket::TryNextAddress()
         return;
     }
     error_code ignored;
+    m_tls.reset();
     m_socket.close(ignored);
+    StartAddressTimer();
+    m_socket.async_connect(
+        m_addresses.front(), [self = shared_from_this()](const error_code& error) { self->OnAddress(error); });
+}
+
+/** Ends what is going on with the present address, which then tells its handler. */
+void BrokerSocket::StartAddressTimer()
+{
     m_timedOut = false;
     m_timer.expires_after(ADDRESS_TIMEOUT);
     m_timer.async_wait(
         [self = shared_from_this()](const error_code& error)
         {
-            if (!error)
+            // One that fired together with what it waited for comes too late.
+            if (!error && self->m_done && self->m_timer.expiry() <= std::chrono::steady_clock::now())
             {
                 self->m_timedOut = true;
                 error_code none;
                 self->m_socket.close(none);
             }
         });
-    m_socket.async_connect(
-        m_addresses.front(), [self = shared_from_this()](const error_code& error) { self->OnAddress(error); });
+}
+
+void BrokerSocket::NextAddressAfter(const std::string& why)
+{
+    const Tcp::endpoint endpoint = m_addresses.front();
+    const bool isV6 = endpoint.address().is_v6();
+    m_errors += (m_errors.empty() ? "" : "; ") + std::string(isV6 ? "[" : "") + endpoint.address().to_string() +
+                (isV6 ? "]:" : ":") + std::to_string(endpoint.port()) + ": " + why;
+    m_addresses.pop_front();
+    TryNextAddress();
 }
 
 void BrokerSocket::OnAddress(const error_code& error)
@@ -142,13 +106,7 @@ void BrokerSocket::OnAddress(const error_code& error)
     m_timer.cancel();
     if (error || m_timedOut)
     {
-        const Tcp::endpoint endpoint = m_addresses.front();
-        const bool isV6 = endpoint.address().is_v6();
-        m_errors += (m_errors.empty() ? "" : "; ") + std::string(isV6 ? "[" : "") + endpoint.address().to_string() +
-                    (isV6 ? "]:" : ":") + std::to_string(endpoint.port()) + ": " +
-                    (m_timedOut ? "no answer within 5 s" : error.message());
-        m_addresses.pop_front();
-        TryNextAddress();
+        NextAddressAfter(m_timedOut ? "no answer within 5 s" : error.message());
         return;
     }
     SetOptions();
@@ -177,35 +135,16 @@ void BrokerSocket::SetOptions()
 
 void BrokerSocket::StartTls()
 {
-    m_tls.emplace(m_socket, *m_tlsContext);
-    SSL* ssl = m_tls->native_handle();
-    X509_VERIFY_PARAM* parameters = SSL_get0_param(ssl);
-    int taken = 0;
-    if (IsAddress(m_url.host))
-    {
-        taken = X509_VERIFY_PARAM_set1_ip_asc(parameters, m_url.host.c_str());
-    }
-    else
-    {
-        X509_VERIFY_PARAM_set_hostflags(parameters, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-        taken = X509_VERIFY_PARAM_set1_host(parameters, m_url.host.c_str(), m_url.host.size());
-        taken = taken == 1 ? static_cast<int>(SSL_set_tlsext_host_name(ssl, m_url.host.c_str())) : taken;
-    }
-    if (taken != 1)
+    m_peer.emplace(m_url, m_material);
+    m_tls.emplace(m_socket, *m_material->context);
+    if (!m_peer->Prepare(m_tls->native_handle()))
     {
         Finish("TLS: the host name cannot be verified: " + m_url.host);
         return;
     }
-    m_timer.expires_after(ADDRESS_TIMEOUT);
-    m_timer.async_wait(
-        [self = shared_from_this()](const error_code& error)
-        {
-            if (!error)
-            {
-                self->m_timedOut = true;
-                self->Close();
-            }
-        });
+    m_tls->set_verify_callback([this](bool accepted, asio::ssl::verify_context& context)
+                               { return m_peer->OnCertificate(accepted, context); });
+    StartAddressTimer();
     m_tls->async_handshake(
         asio::ssl::stream_base::client, [self = shared_from_this()](const error_code& error) { self->OnTls(error); });
 }
@@ -213,24 +152,26 @@ void BrokerSocket::StartTls()
 void BrokerSocket::OnTls(const error_code& error)
 {
     m_timer.cancel();
-    if (!error && !m_timedOut)
-    {
-        Finish({});
-        return;
-    }
-    const long verdict = SSL_get_verify_result(m_tls->native_handle());
     if (m_timedOut)
     {
-        Finish("TLS: no answer within 5 s");
+        NextAddressAfter(
+            "TLS: " + m_url.host + ":" + std::to_string(m_url.port) +
+            " did not answer the handshake within 5 s: does it hang, or speak something else than TLS?");
     }
-    else if (verdict != X509_V_OK)
+    else if (error)
     {
-        Finish(std::string("TLS: the broker's certificate is not accepted: ") + X509_verify_cert_error_string(verdict));
+        NextAddressAfter(m_peer->Explain(error));
     }
     else
     {
-        Finish("TLS: " + error.message());
+        Finish({});
     }
+}
+
+std::string BrokerSocket::Explain(const error_code& error) const
+{
+    const bool ofTls = m_tls && error.category() == asio::error::get_ssl_category();
+    return ofTls ? m_peer->Explain(error) : error.message();
 }
 
 void BrokerSocket::Finish(const std::string& why)

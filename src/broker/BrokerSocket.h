@@ -1,8 +1,9 @@
 #pragma once
 
-#include "broker/BrokerLink.h"
 #include "broker/BrokerUrl.h"
 #include "broker/HostLookup.h"
+#include "broker/TlsMaterial.h"
+#include "broker/TlsPeer.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -20,16 +21,12 @@
 namespace VtxQel
 {
 
-/** A TLS context: TLS 1.2 or newer, the peer verified, our certificate if there is one. @throws RmqConnectionException
- */
-std::shared_ptr<boost::asio::ssl::context> MakeTlsContext(const TlsFiles& files);
-
 /**
  * BrokerSocket is a byte stream to a broker, over TCP or TLS.
  *
- * Connecting resolves the host name and tries each of its addresses in turn. Everything happens on the io_context's
- * thread; handlers are called from there, also after Close(), then with an error. Used once; held by a shared pointer
- * because the handlers in flight keep it alive.
+ * Connecting resolves the host name and tries each of its addresses in turn, the TLS handshake included. Everything
+ * happens on the io_context's thread; handlers are called from there, also after Close(), then with an error. Used
+ * once; held by a shared pointer because the handlers in flight keep it alive.
  */
 class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
 {
@@ -38,13 +35,19 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     using OnConnect = std::function<void(const std::string& why)>;
     using OnTransfer = std::function<void(const boost::system::error_code& error, std::size_t count)>;
 
-    BrokerSocket(boost::asio::io_context& io, BrokerUrl url, std::shared_ptr<boost::asio::ssl::context> tls);
+    /** @param tls what to make a TLS connection with; nullptr when the URL asks for none. */
+    BrokerSocket(boost::asio::io_context& io, BrokerUrl url, std::shared_ptr<const TlsMaterial> tls);
 
     /** @param userTimeout how long sent bytes may stay unacknowledged before the kernel gives up; 0: its default. */
     void Connect(std::chrono::milliseconds userTimeout, OnConnect done);
     void Read(char* space, std::size_t size, OnTransfer done);
     void Write(const std::string& bytes, OnTransfer done);
     void Close();
+
+    /** What an error of reading or writing means. */
+    std::string Explain(const boost::system::error_code& error) const;
+    /** When the broker's certificate expires, as TlsPeer::NotAfter; 0 without TLS. */
+    std::int64_t PeerNotAfter() const { return m_peer ? m_peer->NotAfter() : 0; }
 
     static constexpr std::chrono::seconds ADDRESS_TIMEOUT{5};
     static constexpr std::chrono::seconds LOOKUP_TIMEOUT{10};
@@ -56,16 +59,20 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     void OnResolved(const HostLookup::Endpoints& endpoints, const std::string& why);
     void TryNextAddress();
     void OnAddress(const boost::system::error_code& error);
+    void StartAddressTimer();
+    void NextAddressAfter(const std::string& why);
     void SetOptions();
     void StartTls();
     void OnTls(const boost::system::error_code& error);
     void Finish(const std::string& why);
 
     BrokerUrl m_url;
-    std::shared_ptr<boost::asio::ssl::context> m_tlsContext;
+    const std::shared_ptr<const TlsMaterial> m_material;
     boost::asio::io_context& m_io;
     std::optional<HostLookup> m_lookup;
     Tcp::socket m_socket;
+    /** Of the address that was tried last. */
+    std::optional<TlsPeer> m_peer;
     std::optional<TlsStream> m_tls;
     boost::asio::steady_timer m_timer;
     /** Those that are still to be tried, the current one first. */

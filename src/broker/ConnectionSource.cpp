@@ -25,8 +25,8 @@ const char* Suffix(ConnectionUse use)
 
 } // namespace
 
-ConnectionSource::ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings)
-    : m_io(io), m_settings(settings)
+ConnectionSource::ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings, LinkState& state)
+    : m_io(io), m_settings(settings), m_tls(io, settings.tls, state)
 {
     if (settings.urls.empty())
     {
@@ -48,9 +48,10 @@ std::shared_ptr<AmqpConnection> ConnectionSource::Make(
     options.url = m_urls[urlIndex];
     if (options.url.tls)
     {
-        m_tls = m_tls ? m_tls : MakeTlsContext(m_settings.tls);
-        options.tls = m_tls;
-        options.external = !m_settings.tls.certificateFile.empty();
+        options.tls = m_tls.Read();
+        options.external = !options.tls->files.certificateFile.empty();
+        options.onBrokerCertificate = [this, url = options.url.Printable()](std::int64_t notAfter)
+        { m_tls.OnBrokerCertificate(url, notAfter); };
     }
     options.connectionName = m_settings.connectionName + Suffix(use);
     options.heartbeat = m_settings.heartbeat;

@@ -4,6 +4,8 @@
 #include "broker/BackOff.h"
 #include "broker/BrokerLink.h"
 #include "broker/BrokerUrl.h"
+#include "broker/LinkState.h"
+#include "broker/TlsStore.h"
 
 #include <chrono>
 #include <memory>
@@ -22,14 +24,14 @@ enum class ConnectionUse
 };
 
 /**
- * ConnectionSource knows where the broker is: it makes connections to the configured URLs, with the TLS context that
- * they share. Lives on the I/O thread.
+ * ConnectionSource knows where the broker is: it makes connections to the configured URLs, with the TLS files as they
+ * are at that moment. Lives on the I/O thread.
  */
 class ConnectionSource
 {
   public:
     /** @throws RmqConnectionException for a malformed URL */
-    ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings);
+    ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings, LinkState& state);
 
     std::size_t UrlCount() const { return m_urls.size(); }
     const BrokerUrl& Url(std::size_t index) const { return m_urls[index]; }
@@ -38,17 +40,17 @@ class ConnectionSource
 
     /**
      * A connection that is still to be opened.
-     * @throws RmqConnectionException when the TLS files cannot be used
+     * @throws RmqConnectionException when the TLS files cannot be used and never could
      */
     std::shared_ptr<AmqpConnection> Make(std::size_t urlIndex, ConnectionUse use, AmqpConnectionHandler& handler);
-    /** Reads the TLS files again for the next connection. */
-    void ForgetTls() { m_tls.reset(); }
+    /** Takes these TLS files for connections made from now on. */
+    void UseTls(const TlsFiles& files) { m_tls.Use(files); }
 
   private:
     boost::asio::io_context& m_io;
     const LinkSettings& m_settings;
     std::vector<BrokerUrl> m_urls;
-    std::shared_ptr<boost::asio::ssl::context> m_tls;
+    TlsStore m_tls;
 };
 
 /**

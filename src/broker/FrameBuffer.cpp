@@ -14,6 +14,9 @@ namespace
 constexpr std::size_t FRAME_HEADER = 7;
 constexpr std::size_t FRAME_END = 1;
 constexpr std::uint8_t END_OCTET = 0xCE;
+/** How a TLS server begins its answer to what is not TLS. */
+constexpr char TLS_ALERT = 0x15;
+constexpr char TLS_MAJOR = 0x03;
 
 std::uint32_t Number(const char* bytes, std::size_t octets)
 {
@@ -47,6 +50,10 @@ std::optional<RawFrame> FrameBuffer::Next()
     if (held > 0 && *frame == 'A')
     {
         throw RmqConnectionException("the broker does not speak AMQP 0-9-1");
+    }
+    if (held > 1 && frame[0] == TLS_ALERT && frame[1] == TLS_MAJOR)
+    {
+        throw RmqConnectionException("the broker speaks TLS on this port: its URL has to begin with amqps://");
     }
     if (held < FRAME_HEADER)
     {

@@ -76,7 +76,9 @@ TEST(LinkConnect, TlsFilesThatCannotBeRead)
     RecordingListener listener;
     BrokerLink link(settings, listener);
     link.Start();
-    EXPECT_THAT(listener.WaitForGaveUp().value_or(""), HasSubstr("cannot read the CA file /nonexistent/ca.pem"));
+    EXPECT_THAT(
+        listener.WaitForGaveUp().value_or(""),
+        HasSubstr("TLS: /nonexistent/ca.pem cannot be read: No such file or directory"));
 }
 
 TEST(LinkConnect, AMalformedUrlIsThrownAtTheStart)

@@ -7,10 +7,8 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
 #include <boost/asio/write.hpp>
-#include <gtest/gtest.h>
 
 #include <array>
-#include <cstdlib>
 #include <thread>
 
 namespace VtxQel
@@ -19,42 +17,6 @@ namespace VtxQel
 namespace asio = boost::asio;
 using boost::system::error_code;
 using Tcp = asio::ip::tcp;
-
-TestCertificates::TestCertificates() : m_folder(std::filesystem::temp_directory_path() / Unique("qel-certificates"))
-{
-    std::filesystem::create_directories(m_folder);
-}
-
-TestCertificates::~TestCertificates()
-{
-    std::filesystem::remove_all(m_folder);
-}
-
-void TestCertificates::OpenSsl(const std::string& arguments) const
-{
-    const std::string command = "cd " + m_folder.string() + " && openssl " + arguments + " >>log 2>&1";
-    EXPECT_EQ(std::system(command.c_str()), 0) << command;
-}
-
-std::string TestCertificates::MakeAuthority(const std::string& name)
-{
-    OpenSsl(
-        "req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=" + name + " -keyout " +
-        name + "-key.pem -out " + name + ".pem");
-    return (m_folder / (name + ".pem")).string();
-}
-
-TlsFiles TestCertificates::Issue(
-    const std::string& authority, const std::string& name, const std::string& san, int days)
-{
-    OpenSsl(
-        "req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=" + name +
-        " -addext subjectAltName=" + san + " -keyout " + name + "-key.pem -out " + name + ".csr");
-    OpenSsl(
-        "x509 -req -copy_extensions copy -in " + name + ".csr -CA " + authority + ".pem -CAkey " + authority +
-        "-key.pem -CAcreateserial -days " + std::to_string(days) + " -out " + name + ".pem");
-    return {"", (m_folder / (name + ".pem")).string(), (m_folder / (name + "-key.pem")).string()};
-}
 
 namespace
 {
