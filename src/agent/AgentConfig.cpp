@@ -2,13 +2,18 @@
 
 #include "apps/StrictToml.h"
 #include "broker/BrokerUrl.h"
+#include "broker/TlsFiles.h"
+#include "common/Printable.h"
 #include "common/QelException.h"
 
+#include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <system_error>
+#include <utility>
 
 namespace VtxQel
 {
@@ -41,6 +46,17 @@ std::string PasswordFile(StrictToml& toml)
     return file;
 }
 
+void WarnIfPublic(const std::string& secret, AgentConfig& config)
+{
+    std::error_code failed;
+    const std::filesystem::file_status status = std::filesystem::status(secret, failed);
+    if (std::filesystem::exists(status) &&
+        (status.permissions() & std::filesystem::perms::others_read) != std::filesystem::perms::none)
+    {
+        config.warnings.push_back(secret + " can be read by everybody: chmod 0640 it");
+    }
+}
+
 void ReadPassword(StrictToml& toml, AgentConfig& config)
 {
     const std::string file = PasswordFile(toml);
@@ -54,12 +70,7 @@ void ReadPassword(StrictToml& toml, AgentConfig& config)
         toml.Fail("broker.password_file", "names " + file + ", which cannot be read or is empty");
         return;
     }
-    std::error_code failed;
-    const std::filesystem::perms mode = std::filesystem::status(file, failed).permissions();
-    if (!failed && (mode & std::filesystem::perms::others_read) != std::filesystem::perms::none)
-    {
-        config.warnings.push_back(file + " can be read by everybody: chmod 0640 it");
-    }
+    WarnIfPublic(file, config);
 }
 
 bool IsLoopback(const std::string& host)
@@ -107,14 +118,30 @@ std::string ReadName(StrictToml& toml, const std::string& key, const std::string
     return name;
 }
 
-std::string ReadFileName(StrictToml& toml, const std::string& key)
+/** The keys of the TLS files, and where their names go. */
+constexpr std::array<std::pair<const char*, std::string TlsFiles::*>, 3> TLS_KEYS{
+    {{"broker.tls.ca_file", &TlsFiles::caFile},
+     {"broker.tls.certificate_file", &TlsFiles::certificateFile},
+     {"broker.tls.key_file", &TlsFiles::keyFile}}};
+
+void ReadTls(StrictToml& toml, AgentConfig& config)
 {
-    std::string file = toml.String(key, "");
-    if (!file.empty() && !std::ifstream(file))
+    TlsFiles& files = config.broker.link.tls;
+    for (const auto& [key, file] : TLS_KEYS)
     {
-        toml.Fail(key, "names " + file + ", which cannot be read");
+        files.*file = toml.String(key, "");
     }
-    return file;
+    if (files.certificateFile.empty() != files.keyFile.empty())
+    {
+        toml.Fail("broker.tls", "needs both certificate_file and key_file, or neither");
+    }
+    for (const TlsFault& fault : FindTlsFaults(files))
+    {
+        const auto key = std::find_if(
+            TLS_KEYS.begin(), TLS_KEYS.end(), [&fault](const auto& each) { return each.second == fault.file; });
+        toml.Fail(key->first, "names " + Printable(files.*fault.file) + ", which " + fault.why);
+    }
+    WarnIfPublic(files.keyFile, config);
 }
 
 void ReadControlUsers(StrictToml& toml, AgentConfig& config)
@@ -151,13 +178,7 @@ void ReadBroker(StrictToml& toml, AgentConfig& config)
         static_cast<std::size_t>(toml.Integer("broker.max_held_bytes", 67108864, {1048576, 1099511627776}));
     broker.link.heartbeat = std::chrono::seconds(toml.Integer("broker.heartbeat_seconds", 10, {1, 3600}));
     broker.link.connectionName = "qel-agent " + config.id;
-    broker.link.tls.caFile = ReadFileName(toml, "broker.tls.ca_file");
-    broker.link.tls.certificateFile = ReadFileName(toml, "broker.tls.certificate_file");
-    broker.link.tls.keyFile = ReadFileName(toml, "broker.tls.key_file");
-    if (broker.link.tls.certificateFile.empty() != broker.link.tls.keyFile.empty())
-    {
-        toml.Fail("broker.tls", "needs both certificate_file and key_file, or neither");
-    }
+    ReadTls(toml, config);
     ReadControlUsers(toml, config);
     config.reassignWithin = std::chrono::seconds(toml.Integer("broker.reassign_within_seconds", 180, {0, 3600}));
 }

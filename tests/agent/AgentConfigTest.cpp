@@ -151,6 +151,26 @@ TEST_F(AgentConfigTest, AClientCertificateNeedsItsKey)
         std::string::npos);
 }
 
+TEST_F(AgentConfigTest, EachTlsFileThatCannotBeUsedIsNamedWithItsKey)
+{
+    std::ofstream(folder / "empty.pem").flush();
+    const std::string empty = (folder / "empty.pem").string();
+    const std::string problems = ProblemsOf(
+        least + "[broker.tls]\nca_file = \"/nonexistent/ca.pem\"\ncertificate_file = \"" + empty + "\"\nkey_file = \"" +
+        empty + "\"\n");
+    EXPECT_NE(
+        problems.find(":6:11: broker.tls.ca_file names /nonexistent/ca.pem, which cannot be read: No such file"),
+        std::string::npos)
+        << problems;
+    EXPECT_NE(
+        problems.find(":7:20: broker.tls.certificate_file names " + empty + ", which holds no sound certificate"),
+        std::string::npos)
+        << problems;
+    EXPECT_NE(
+        problems.find(":8:12: broker.tls.key_file names " + empty + ", which holds no private key"), std::string::npos)
+        << problems;
+}
+
 TEST_F(AgentConfigTest, ControlUsersAreEverybodyUnlessListed)
 {
     EXPECT_TRUE(Load(least).broker.controlUsers.empty());
