@@ -10,6 +10,7 @@ import subprocess
 import pika
 import pytest
 
+from support.certificates import Authority
 from support.paths import ROOT
 from testbed.processes import ProcessFailed, end, free_ports, spawn, wait_until
 from testbed.rabbitnode import RabbitNode
@@ -76,27 +77,12 @@ def test_a_node_that_cannot_start_says_why(session_folder):
 
 def test_a_node_listens_with_tls(session_folder):
     files = session_folder / "tls"
-    make_certificates(files)
+    Authority(files).issue("server")
     with RabbitNode(session_folder / "secure", tls=files) as secure:
         context = ssl.create_default_context(cafile=str(files / "ca.pem"))
         options = pika.ConnectionParameters("localhost", secure.tls_port, ssl_options=pika.SSLOptions(context))
         with pika.BlockingConnection(options) as connection:
             assert connection.is_open
-
-
-def make_certificates(folder):
-    """A certificate authority and a certificate for localhost."""
-    folder.mkdir()
-
-    def openssl(*arguments):
-        subprocess.run(["openssl", *arguments], cwd=folder, check=True, capture_output=True)
-
-    openssl("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca-key.pem", "-out", "ca.pem", "-days", "2",
-            "-subj", "/CN=test authority")
-    openssl("req", "-newkey", "rsa:2048", "-nodes", "-keyout", "server-key.pem", "-out", "server.csr",
-            "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost")
-    openssl("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca-key.pem", "-CAcreateserial",
-            "-out", "server.pem", "-days", "2", "-copy_extensions", "copy")
 
 
 def test_a_port_that_somebody_else_takes_first_is_given_up(session_folder, monkeypatch):

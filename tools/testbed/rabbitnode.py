@@ -36,11 +36,13 @@ class RabbitNode:
     folder       created when missing; neither spaces nor other characters that need quoting (Erlang's start scripts)
     listeners    how many plain ports to listen on; `ports` has them, `port` is the first
     config_lines further lines for rabbitmq.conf
-    tls          the folder with ca.pem, server.pem and server-key.pem: adds a TLS listener on `tls_port`
+    tls          the folder with ca.pem, server.pem and server-key.pem: adds a TLS listener on `tls_port`, which takes
+                 clients without a certificate and those with one that the authority has issued
+    plugins      the broker's plugins to enable, with what they need
     Errors are ProcessFailed with the end of the node's log.
     """
 
-    def __init__(self, folder, listeners=1, config_lines=(), tls=None):
+    def __init__(self, folder, listeners=1, config_lines=(), tls=None, plugins=()):
         self.folder = pathlib.Path(folder).absolute()
         if shlex.quote(str(self.folder)) != str(self.folder):
             raise ValueError(f"the folder of a RabbitMQ node may not need quoting: {self.folder}")
@@ -52,6 +54,7 @@ class RabbitNode:
         self._listeners = listeners
         self._config_lines = list(config_lines)
         self._tls = pathlib.Path(tls).absolute() if tls else None
+        self._plugins = list(plugins)
         self._epmd = None
         self._server = None
         self._completed_before = 0
@@ -79,6 +82,11 @@ class RabbitNode:
         quoted = [urllib.parse.quote(part, safe="") for part in (user, password, vhost)]
         path = "" if vhost == "/" else quoted[2]
         return f"amqp://{quoted[0]}:{quoted[1]}@{self.address}:{port or self.port}/{path}"
+
+    def tls_url(self, user=None, password=None, host="localhost"):
+        """The AMQP URL of the TLS listener, with a login or none."""
+        login = f"{user}:{password}@" if user else ""
+        return f"amqps://{login}{host}:{self.tls_port}/"
 
     def start(self, patience=60.0):
         """Starts the node and returns when it accepts connections."""
@@ -226,14 +234,15 @@ class RabbitNode:
         if not cookie.exists():
             cookie.write_text(self._cookie, encoding="ascii")
             cookie.chmod(0o600)
-        (self.folder / "enabled_plugins").write_text("[].\n", encoding="ascii")
+        (self.folder / "enabled_plugins").write_text(f"[{','.join(self._plugins)}].\n", encoding="ascii")
         (self.folder / "env.conf").write_text("", encoding="ascii")
         lines = [f"listeners.tcp.{index} = {self.address}:{port}" for index, port in enumerate(self.ports, 1)]
         if self._tls:
             lines += [f"listeners.ssl.1 = {self.address}:{self.tls_port}",
                       f"ssl_options.cacertfile = {self._tls / 'ca.pem'}",
                       f"ssl_options.certfile = {self._tls / 'server.pem'}",
-                      f"ssl_options.keyfile = {self._tls / 'server-key.pem'}"]
+                      f"ssl_options.keyfile = {self._tls / 'server-key.pem'}",
+                      "ssl_options.verify = verify_peer", "ssl_options.fail_if_no_peer_cert = false"]
         (self.folder / "rabbitmq.conf").write_text("\n".join(lines + self._config_lines) + "\n", encoding="utf-8")
 
     def _spawn(self, command, output):
