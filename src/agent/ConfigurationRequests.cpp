@@ -1,7 +1,6 @@
 #include "agent/ConfigurationRequests.h"
 
 #include "common/MessageTypes.h"
-#include "logging/Log.h"
 
 #include <algorithm>
 #include <chrono>
@@ -61,13 +60,11 @@ void ConfigurationRequests::Send(const std::string& application)
     request.mandatory = true;
     m_publisher.Publish(
         std::move(request),
-        [application](PublishResult result, const std::string& why)
+        [application, warnings = m_warnings](PublishResult result, const std::string& why)
         {
             if (result != PublishResult::confirmed)
             {
-                QEL_LOG(
-                    vtx::LevelWarning, "the configuration of application %s could not be asked for: %s",
-                    application.c_str(), why.c_str());
+                warnings->Write("the configuration of application " + application + " could not be asked for: " + why);
             }
         });
 }

@@ -2,10 +2,12 @@
 
 #include "common/Publisher.h"
 #include "common/Scheduler.h"
+#include "logging/RepeatedWarnings.h"
 
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -49,6 +51,8 @@ class ConfigurationRequests
     Publisher& m_publisher;
     Scheduler& m_scheduler;
     const std::function<bool(const std::string& application)> m_lacks;
+    /** Shared with the publishes that are on their way. */
+    const std::shared_ptr<RepeatedWarnings> m_warnings = std::make_shared<RepeatedWarnings>();
     std::mutex m_mutex;
     struct State
     {

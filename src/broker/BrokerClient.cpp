@@ -152,9 +152,7 @@ void BrokerClient::ReconcileParking(const std::string& application)
     const RequestResult result = DeclareParking(queue);
     if (result.answer != Answer::ok)
     {
-        QEL_LOG(
-            vtx::LevelWarning, "parking queue %s cannot be consumed, trying again: %s", queue.name.c_str(),
-            result.text.c_str());
+        m_warnings.Write("parking queue " + queue.name + " cannot be consumed, trying again: " + result.text);
         m_worker.After(PARKING_RETRY, [this, application] { ReconcileParking(application); });
     }
 }
@@ -186,7 +184,7 @@ void BrokerClient::OnRestored()
 
 void BrokerClient::OnRestoreFailed(const std::string& what, const RequestResult& result)
 {
-    QEL_LOG(vtx::LevelWarning, "%s could not be restored: %s", what.c_str(), result.text.c_str());
+    m_warnings.Write(what + " could not be restored: " + std::to_string(result.code) + " " + result.text);
     if (result.answer == Answer::refused)
     {
         m_refusedItems.insert(what);
@@ -204,11 +202,9 @@ void BrokerClient::OnDisconnected(const std::string& why)
     m_events.disconnected();
 }
 
-void BrokerClient::OnConsumerCancelled(const std::string& queue)
+void BrokerClient::OnConsumerCancelled(const std::string&)
 {
-    QEL_LOG(
-        vtx::LevelWarning, "the broker has cancelled the consumer of queue %s (was it deleted?); declaring it again",
-        queue.c_str());
+    // The link says so, declares the queue and consumes it again.
 }
 
 void BrokerClient::OnDelivery(IncomingMessage&& message)

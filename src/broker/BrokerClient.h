@@ -11,6 +11,7 @@
 #include "common/RmqClient.h"
 #include "common/RmqInfo.h"
 #include "common/Scheduler.h"
+#include "logging/RepeatedWarnings.h"
 #include "routing/RoutingRegistry.h"
 
 #include <boost/shared_ptr.hpp>
@@ -163,6 +164,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     /** What the broker refused to restore on this connection; used by the link's thread alone. */
     std::set<std::string> m_refusedItems;
     std::atomic<std::size_t> m_unrestored{0};
+    RepeatedWarnings m_warnings;
     std::atomic<bool> m_stopping{false};
     std::mutex m_parkingMutex;
     /** The parking queues that are to be consumed, with their prefetch. Guarded by m_parkingMutex. */

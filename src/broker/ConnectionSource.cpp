@@ -1,7 +1,6 @@
 #include "broker/ConnectionSource.h"
 
 #include "common/QelException.h"
-#include "logging/Log.h"
 
 namespace VtxQel
 {
@@ -58,19 +57,6 @@ std::shared_ptr<AmqpConnection> ConnectionSource::Make(
     options.userTimeout = use != ConnectionUse::publishing;
     options.maxBody = m_settings.maxBodyBytes;
     return std::make_shared<AmqpConnection>(m_io, std::move(options), handler);
-}
-
-void ConnectErrorLog::Write(const std::string& url, const std::string& why)
-{
-    const auto now = std::chrono::steady_clock::now();
-    const std::string line = url + ": " + why;
-    if (line == m_last && now - m_written < std::chrono::seconds(30))
-    {
-        return;
-    }
-    m_last = line;
-    m_written = now;
-    QEL_LOG(vtx::LevelWarning, "Cannot connect to the broker %s: %s", url.c_str(), why.c_str());
 }
 
 } // namespace VtxQel

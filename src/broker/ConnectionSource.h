@@ -6,8 +6,8 @@
 #include "broker/BrokerUrl.h"
 #include "broker/LinkState.h"
 #include "broker/TlsStore.h"
+#include "logging/RepeatedWarnings.h"
 
-#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,6 +33,8 @@ class ConnectionSource
     /** @throws RmqConnectionException for a malformed URL */
     ConnectionSource(boost::asio::io_context& io, const LinkSettings& settings, LinkState& state);
 
+    /** What both links complain about; of the same trouble one line is enough. */
+    RepeatedWarnings& Warnings() { return m_warnings; }
     std::size_t UrlCount() const { return m_urls.size(); }
     const BrokerUrl& Url(std::size_t index) const { return m_urls[index]; }
     /** The name that we log in with at this URL. */
@@ -49,23 +51,9 @@ class ConnectionSource
   private:
     boost::asio::io_context& m_io;
     const LinkSettings& m_settings;
+    RepeatedWarnings m_warnings;
     std::vector<BrokerUrl> m_urls;
     TlsStore m_tls;
-};
-
-/**
- * Writes connect errors to the log: the same one at most twice a minute, however often it occurs.
- */
-class ConnectErrorLog
-{
-  public:
-    void Write(const std::string& url, const std::string& why);
-    /** The trouble is over: the next error is news. */
-    void Reset() { m_last.clear(); }
-
-  private:
-    std::string m_last;
-    std::chrono::steady_clock::time_point m_written;
 };
 
 } // namespace VtxQel

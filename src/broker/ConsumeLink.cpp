@@ -108,7 +108,6 @@ void ConsumeLink::ConnectLater()
 void ConsumeLink::OnOpen()
 {
     m_firstDeadline.cancel();
-    m_errors.Reset();
     m_openedAt = std::chrono::steady_clock::now();
     m_state.Update(
         [&](LinkStatus& status)
@@ -215,14 +214,14 @@ void ConsumeLink::OnClosed(const std::string& why)
         }
         else
         {
-            QEL_LOG(vtx::LevelWarning, "Connection to the broker %s ended: %s", url.c_str(), why.c_str());
+            m_source.Warnings().Write("Connection to the broker " + url + " ended: " + why);
         }
         m_backOff.Lasted(std::chrono::steady_clock::now() - m_openedAt);
         m_listener.OnDisconnected(why);
     }
     else if (!m_stopping && !m_moving)
     {
-        m_errors.Write(m_source.Url(m_urlIndex).Printable(), why);
+        m_source.Warnings().Write("Cannot connect to the broker " + m_source.Url(m_urlIndex).Printable() + ": " + why);
     }
     if (m_stopping)
     {
@@ -798,14 +797,8 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
     }
     const bool refused = outcome == Outcome::refused;
     const bool base = request->kind == Kind::declareExchange || m_restoration.IsOwnQueue(request->queue.name);
-    const std::string what = request->ToString();
-    if (!refused || request->failures == 0)
-    {
-        QEL_LOG(
-            vtx::LevelWarning, "Restoring %s failed: %u %s", what.c_str(), static_cast<unsigned>(reply.code),
-            reply.text.c_str());
-    }
-    m_listener.OnRestoreFailed(what, {refused ? Answer::refused : Answer::unanswered, reply.code, reply.text});
+    m_listener.OnRestoreFailed(
+        request->ToString(), {refused ? Answer::refused : Answer::unanswered, reply.code, reply.text});
     if (refused && !base)
     {
         m_restoration.Finished();
@@ -838,9 +831,8 @@ void ConsumeLink::After(Milliseconds delay, std::function<void()> task)
 
 void ConsumeLink::OnConsumerLost(const std::string& queue, bool deleted, const std::string& why)
 {
-    QEL_LOG(
-        vtx::LevelWarning, "The broker ended our consumer of queue %s: %s", queue.c_str(),
-        deleted ? "the queue is gone" : why.c_str());
+    m_source.Warnings().Write(
+        "The broker ended our consumer of queue " + queue + ": " + (deleted ? "the queue is gone" : why));
     if (m_consumed.count(queue) > 0)
     {
         m_restored = Restored::no;

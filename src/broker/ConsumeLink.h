@@ -108,7 +108,6 @@ class ConsumeLink : private AmqpConnectionHandler
     std::uint64_t m_generation = 0;
 
     BackOff m_backOff;
-    ConnectErrorLog m_errors;
     boost::asio::steady_timer m_connectTimer;
     boost::asio::steady_timer m_firstDeadline;
     std::chrono::steady_clock::time_point m_openedAt;

@@ -131,7 +131,6 @@ void PublishLink::ConnectLater()
 void PublishLink::OnOpen()
 {
     m_failures = 0;
-    m_errors.Reset();
     m_openedAt = Clock::now();
     QEL_LOG(
         vtx::LevelStatus, "Connected to the broker %s for publishing", m_source.Url(m_urlIndex).Printable().c_str());
@@ -407,12 +406,12 @@ void PublishLink::OnClosed(const std::string& why)
     }
     if (wasOpen)
     {
-        QEL_LOG(vtx::LevelWarning, "Publishing connection to the broker %s ended: %s", url.c_str(), why.c_str());
+        m_source.Warnings().Write("Publishing connection to the broker " + url + " ended: " + why);
         m_backOff.Lasted(Clock::now() - m_openedAt);
     }
     else
     {
-        m_errors.Write(url, why);
+        m_source.Warnings().Write("Cannot connect to the broker " + url + ": " + why);
     }
     ++m_failures;
     ConnectLater();

@@ -112,7 +112,6 @@ class PublishLink : private AmqpConnectionHandler
 
     std::shared_ptr<AmqpConnection> m_connection;
     BackOff m_backOff;
-    ConnectErrorLog m_errors;
     boost::asio::steady_timer m_connectTimer;
     std::chrono::steady_clock::time_point m_openedAt;
     std::size_t m_urlIndex = 0;

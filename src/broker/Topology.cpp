@@ -332,9 +332,9 @@ bool Topology::RemoveOrphans()
         const RequestResult result = Remove(binding);
         if (result.answer != Answer::ok)
         {
-            QEL_LOG(
-                vtx::LevelWarning, "nobody uses topic %s any more, but it stays bound to queue %s: %s",
-                binding.topic.c_str(), binding.queue.c_str(), result.text.c_str());
+            m_warnings.Write(
+                "nobody uses topic " + binding.topic + " any more, but it stays bound to queue " + binding.queue +
+                ": " + result.text);
             return false;
         }
     }

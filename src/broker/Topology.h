@@ -3,6 +3,7 @@
 #include "broker/BrokerLink.h"
 #include "broker/Journal.h"
 #include "common/RmqInfo.h"
+#include "logging/RepeatedWarnings.h"
 
 #include <array>
 #include <cstddef>
@@ -146,6 +147,7 @@ class Topology
     Journal& m_journal;
     const RmqInfo m_info;
     const std::string m_parkingPrefix;
+    RepeatedWarnings m_warnings;
 
     /** Held while one configuration, or the removal of one orphan, is carried out. */
     std::mutex m_turn;
