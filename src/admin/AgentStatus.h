@@ -46,6 +46,8 @@ struct LoopProbeFigures
     std::chrono::nanoseconds lastRoundTrip{0};
     std::uint64_t failed = 0;
     std::uint64_t failuresInARow = 0;
+    /** Probes of other processes that came from our queue. */
+    std::uint64_t strangers = 0;
     std::string error;
 };
 
@@ -140,7 +142,7 @@ struct PingFigures
 
 struct CertificateFigures
 {
-    /** ca, client, server */
+    /** authority, client, broker */
     std::string role;
     WallTime notAfter;
 };

@@ -138,6 +138,9 @@ void AddLoopProbe(Families& all, const LoopProbeFigures& probe)
     all.BeginHistogram("loop_probe_seconds", "How long loop probes took to come back.");
     all.Add({}, probe.roundTrips);
     all.Counter("loop_probe_failures_total", "Loop probes that did not come back in time.", probe.failed);
+    all.Counter(
+        "loop_probe_strangers_total", "Loop probes of other processes that came from the client queue.",
+        probe.strangers);
     all.Gauge(
         "loop_probe_last_return_timestamp_seconds", "When a loop probe last came back; 0 for never.",
         probe.lastReturnAt ? InSeconds(*probe.lastReturnAt) : 0.0);

@@ -94,6 +94,7 @@ Json ToJson(const LoopProbeFigures& probe)
         {"returned", probe.roundTrips.Count()},
         {"failed", probe.failed},
         {"failuresInARow", probe.failuresInARow},
+        {"strangers", probe.strangers},
         {"error", probe.error}};
 }
 

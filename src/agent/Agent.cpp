@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <utility>
 
+#include <unistd.h>
+
 namespace VtxQel
 {
 
@@ -28,9 +30,9 @@ constexpr std::chrono::seconds LONGEST_ORPHAN_DELAY{300};
 /** The route type of the agent's own queues: a clean-up neither unbinds nor cancels them. */
 constexpr int OWN_ROUTE = 0;
 
-std::string JournalFile(const std::string& stateDirectory)
+std::string FileIn(const std::string& directory, const char* name)
 {
-    return (std::filesystem::path(stateDirectory) / "journal.sqlite").string();
+    return (std::filesystem::path(directory) / name).string();
 }
 
 std::set<std::string> NamesOf(const std::vector<ApplicationSettings>& applications)
@@ -47,7 +49,8 @@ std::set<std::string> NamesOf(const std::vector<ApplicationSettings>& applicatio
 
 Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
     : m_config(std::move(config)), m_stateLock(m_config.stateDirectory), m_runtimeLock(m_config.runtimeDirectory),
-      m_timers("qel-agent-timer"), m_chores("qel-chores"), m_journal(JournalFile(m_config.stateDirectory)),
+      m_timers("qel-agent-timer"), m_chores("qel-chores"), m_journal(FileIn(m_config.stateDirectory, "journal.sqlite")),
+      m_configurations(FileIn(m_config.stateDirectory, "configurations.json")),
       m_routingRegistry(boost::make_shared<RoutingRegistry>()), m_appRegistry(boost::make_shared<LocalAppRegistry>()),
       m_subscriptions(
           m_config.broker.names.clientQueue, m_config.broker.names.priorityQueue,
@@ -56,7 +59,8 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
           m_config.broker, m_routingRegistry, m_journal,
           [this](const std::string& queue, const std::string& routingKey, const std::string& appId)
           { return m_dispatcher->ApplicationFor(queue, routingKey, appId); },
-          BrokerEvents{[this] { OnDisconnected(); }, [this] { OnRestored(); }})),
+          BrokerEvents{
+              [this] { OnDisconnected(); }, [this] { OnRestored(); }, [this] { return m_report.PingReply(); }})),
       m_budget(m_config.broker.prefetch, m_config.broker.maxHeldBytes / 2), m_parking(*m_client),
       m_applications(ApplicationContext{
           m_budget, m_parking, m_applicationTimers, SLOW_AFTER,
@@ -73,8 +77,12 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
       m_endpointController(boost::make_shared<EndpointController>(m_frontEnd)),
       m_handler(boost::make_shared<AgentMsgHandler>(
           HandlerCollaborators{m_routingRegistry, m_appRegistry, m_dispatcher, m_client, m_info, m_endpointController},
-          m_client->Routes(), m_subscriptions,
-          [this](const std::string& application) { m_requests.AskLater(application); }))
+          ConfigurationKeepers{m_client->Routes(), m_subscriptions, m_configurations},
+          [this](const std::string& application) { m_requests.AskLater(application); })),
+      m_report(
+          m_config.id, m_config.broker.loopProbe,
+          ReportSources{*m_client, m_client->Routes(), m_applications, m_subscriptions, m_configurations}),
+      m_admin(m_report)
 {
     m_subscriptions.Observe([this](const SubscriptionChange& change) { OnSubscriptionChange(change); });
     m_applicationNames = NamesOf(applications);
@@ -98,6 +106,7 @@ Agent::~Agent()
 void Agent::Start()
 {
     m_started = true;
+    ServeAdmin();
     m_client->Start();
     const std::chrono::microseconds interval = ServiceNotifier::WatchdogInterval();
     if (interval.count() > 0)
@@ -144,6 +153,7 @@ void Agent::Stop()
         return;
     }
     ServiceNotifier::Stopping();
+    m_report.SetStopping();
     QEL_LOG(vtx::LevelStatus, "stopping: finishing what is in hand");
     m_client->StopConsuming();
     m_gateway.Stop(VERDICT_BUDGET);
@@ -152,7 +162,23 @@ void Agent::Stop()
     m_client->Stop(FLUSH_BUDGET);
     m_chores.Stop();
     m_timers.Stop();
+    m_admin.Stop();
     QEL_LOG(vtx::LevelStatus, "stopped");
+}
+
+void Agent::ServeAdmin()
+{
+    const std::string path = FileIn(m_config.runtimeDirectory, "admin.sock");
+    m_adminSocket = std::make_unique<ListeningSocket>(path, SocketOwner{::geteuid(), ::getegid()});
+    m_admin.ListenOn(m_adminSocket->Descriptor());
+    if (!m_config.adminListen.empty())
+    {
+        m_admin.ListenOn(m_config.adminListen);
+        QEL_LOG(
+            vtx::LevelStatus, "the admin endpoint listens on TCP port %u of the loopback interface",
+            static_cast<unsigned>(m_admin.Port()));
+    }
+    m_admin.Start();
 }
 
 void Agent::AddOwnRoutes()
@@ -217,10 +243,11 @@ void Agent::OnSubscriptionChange(const SubscriptionChange& change)
 void Agent::WatchThreads(std::chrono::microseconds interval)
 {
     std::vector<WatchedThread> threads{{"link", &m_linkProgress, interval / 2}};
-    for (const auto& [kind, name] : {std::pair(LaneKind::control, "control"),
-                                     {LaneKind::configuration, "configuration"},
-                                     {LaneKind::priority, "priority"},
-                                     {LaneKind::normal, "normal"}})
+    for (const auto& [kind, name] :
+         {std::pair(LaneKind::control, "control"),
+          {LaneKind::configuration, "configuration"},
+          {LaneKind::priority, "priority"},
+          {LaneKind::normal, "normal"}})
     {
         threads.push_back({std::string("lane ") + name, &m_client->ProgressOf(kind), LANE_PATIENCE});
     }

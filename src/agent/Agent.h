@@ -1,7 +1,9 @@
 #pragma once
 
+#include "admin/AdminServer.h"
 #include "agent/AgentConfig.h"
 #include "agent/AgentMsgHandler.h"
+#include "agent/AgentReport.h"
 #include "agent/BrokerParking.h"
 #include "agent/ConfigurationRequests.h"
 #include "agent/DirectoryLock.h"
@@ -9,6 +11,7 @@
 #include "apps/ApplicationGateway.h"
 #include "apps/ApplicationSet.h"
 #include "apps/HoldBudget.h"
+#include "apps/ListeningSocket.h"
 #include "apps/LocalAppDispatcher.h"
 #include "apps/LocalAppRegistry.h"
 #include "apps/Subscriptions.h"
@@ -58,6 +61,7 @@ class Agent
 
   private:
     void AddOwnRoutes();
+    void ServeAdmin();
     void OnRestored();
     void OnDisconnected();
     void RemoveOrphans(std::chrono::seconds retryAfter);
@@ -77,6 +81,7 @@ class Agent
     /** For what waits for the broker: orphans, applications that are gone. */
     Scheduler m_chores;
     Journal m_journal;
+    ConfigurationLog m_configurations;
     boost::shared_ptr<RoutingRegistry> m_routingRegistry;
     boost::shared_ptr<LocalAppRegistry> m_appRegistry;
     Subscriptions m_subscriptions;
@@ -92,6 +97,10 @@ class Agent
     boost::shared_ptr<BrokerFrontEnd> m_frontEnd;
     boost::shared_ptr<EndpointController> m_endpointController;
     boost::shared_ptr<AgentMsgHandler> m_handler;
+    AgentReport m_report;
+    AdminServer m_admin;
+    /** Owns the admin endpoint's file. */
+    std::unique_ptr<ListeningSocket> m_adminSocket;
     /** Steps that the link's thread made when the watchdog asked for them. */
     Progress m_linkProgress;
     /** Used by m_timers' thread alone. */

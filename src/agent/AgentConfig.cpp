@@ -1,5 +1,6 @@
 #include "agent/AgentConfig.h"
 
+#include "admin/ListenAddress.h"
 #include "apps/StrictToml.h"
 #include "broker/BrokerUrl.h"
 #include "broker/TlsFiles.h"
@@ -183,6 +184,29 @@ void ReadBroker(StrictToml& toml, AgentConfig& config)
     config.reassignWithin = std::chrono::seconds(toml.Integer("broker.reassign_within_seconds", 180, {0, 3600}));
 }
 
+void ReadLoopProbe(StrictToml& toml, LoopProbeSettings& probe)
+{
+    probe.interval = std::chrono::seconds(toml.Integer("broker.loop_probe_seconds", 30, {0, 3600}));
+    probe.deadline = std::chrono::seconds(toml.Integer("broker.loop_probe_deadline_seconds", 10, {1, 600}));
+}
+
+void ReadAdmin(StrictToml& toml, AgentConfig& config)
+{
+    config.adminListen = toml.String("admin.listen", "");
+    if (config.adminListen.empty())
+    {
+        return;
+    }
+    try
+    {
+        LoopbackEndpoint(config.adminListen);
+    }
+    catch (const QelException& error)
+    {
+        toml.Fail("admin.listen", error.what());
+    }
+}
+
 } // namespace
 
 AgentConfig LoadAgentConfig(const std::string& file)
@@ -201,6 +225,8 @@ AgentConfig LoadAgentConfig(const std::string& file)
     config.management.routingKey = toml.String("management.routing_key", "");
     config.management.replyTo = config.broker.names.clientQueue;
     config.applicationsDirectory = toml.String("applications.directory", "/etc/qel/apps.d");
+    ReadLoopProbe(toml, config.broker.loopProbe);
+    ReadAdmin(toml, config);
     config.logLevel = static_cast<int>(toml.Integer("log.level", 4, {0, 7}));
     config.logFormat = toml.Choice("log.format", "text", {"text", "json"});
 

@@ -23,6 +23,8 @@ struct AgentConfig
     std::string applicationsDirectory;
     int logLevel = 4;
     std::string logFormat;
+    /** Where the admin endpoint listens beside its socket; nowhere when empty. */
+    std::string adminListen;
     /** What is allowed but probably not meant, as lines for people. */
     std::vector<std::string> warnings;
 };

@@ -1,5 +1,6 @@
 #include "agent/AgentMsgHandler.h"
 
+#include "agent/ConfigurationHash.h"
 #include "common/LockOrThrow.h"
 #include "logging/Log.h"
 
@@ -42,33 +43,37 @@ std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitC
 } // namespace
 
 AgentMsgHandler::AgentMsgHandler(
-    const HandlerCollaborators& collaborators, Topology& topology, Subscriptions& subscriptions,
+    const HandlerCollaborators& collaborators, const ConfigurationKeepers& keepers,
     std::function<void(const std::string& application)> onFailed)
     : QelMsgHandler(
           collaborators.routingRegistry, collaborators.appRegistry, collaborators.appDispatcher,
           collaborators.rmqClient, collaborators.rmqInfo, collaborators.endpointController),
-      m_collaborators(collaborators), m_topology(topology), m_subscriptions(subscriptions),
-      m_onFailed(std::move(onFailed))
+      m_collaborators(collaborators), m_topology(keepers.topology), m_subscriptions(keepers.subscriptions),
+      m_log(keepers.log), m_onFailed(std::move(onFailed))
 {
 }
 
 bool AgentMsgHandler::HandleSyncResponse(boost::shared_ptr<RmqMessage> msg)
 {
     const std::lock_guard turn(m_turn);
+    const ConfigurationRun run = BeginRun(msg.get());
     try
     {
         const bool done = QelMsgHandler::HandleSyncResponse(msg);
-        End(done, "its earlier topics could not be removed");
+        const char* const error = m_frame                    ? "its earlier topics could not be removed"
+                                  : IsKnown(run.application) ? "the body is no configuration"
+                                                             : "there is no such application";
+        End(run, done, error);
         return done;
     }
     catch (const std::exception& error)
     {
-        End(false, error.what());
+        End(run, false, error.what());
         throw;
     }
     catch (...)
     {
-        End(false, "an exception of an unknown kind");
+        End(run, false, "an exception of an unknown kind");
         throw;
     }
 }
@@ -82,13 +87,15 @@ int AgentMsgHandler::ParseAppInitConfig(boost::shared_ptr<RmqMessage> msg, AppIn
     {
         return result;
     }
-    const std::vector<RouteRecord> wanted = RoutesOf(application, config, *LockOrThrow(m_collaborators.rmqInfo));
-    Frame frame{application, {entry->GetTopics().begin(), entry->GetTopics().end()}};
-    for (const RouteRecord& route : wanted)
+    Frame frame{
+        application,
+        {entry->GetTopics().begin(), entry->GetTopics().end()},
+        RoutesOf(application, config, *LockOrThrow(m_collaborators.rmqInfo))};
+    for (const RouteRecord& route : frame.wanted)
     {
         frame.keys.insert(route.name);
     }
-    m_topology.Begin(application, wanted);
+    m_topology.Begin(application, frame.wanted);
     m_subscriptions.BeginConfiguration(application);
     m_frame = std::move(frame);
     return result;
@@ -135,13 +142,14 @@ bool AgentMsgHandler::RegisterRoutingQueue(
 void AgentMsgHandler::Restore(const std::vector<RouteRecord>& routes)
 {
     const boost::shared_ptr<RoutingRegistry> registry = LockOrThrow(m_collaborators.routingRegistry);
-    std::set<std::string> applications;
+    std::map<std::string, std::vector<RouteRecord>> applications;
     for (const RouteRecord& route : routes)
     {
-        if (applications.insert(route.application).second)
+        if (!applications.contains(route.application))
         {
             m_subscriptions.BeginConfiguration(route.application);
         }
+        applications[route.application].push_back(route);
         EntryOf(route.application)->AddTopic(route.name);
         AddRoute(*registry, route);
         if (route.kind == RouteKind::topic)
@@ -153,9 +161,10 @@ void AgentMsgHandler::Restore(const std::vector<RouteRecord>& routes)
             m_subscriptions.AddQueue(route.application, route.name);
         }
     }
-    for (const std::string& application : applications)
+    for (const auto& [application, had] : applications)
     {
         m_subscriptions.Commit(application);
+        m_log.Restored(application, had);
     }
 }
 
@@ -168,17 +177,43 @@ void AgentMsgHandler::Forget(const std::string& application)
     keys.insert(had.queues.begin(), had.queues.end());
     m_topology.End();
     m_subscriptions.Forget(application);
+    m_log.Forget(application);
     AlignRegistry(keys);
 }
 
-void AgentMsgHandler::End(bool succeeded, const std::string& error)
+ConfigurationRun AgentMsgHandler::BeginRun(const RmqMessage* message) const
 {
-    if (!m_frame)
+    if (message == nullptr)
+    {
+        return {};
+    }
+    const std::string& application = message->GetAppName();
+    return m_log.Begin(application, ConfigurationHash(*message->GetBody()), IsKnown(application));
+}
+
+void AgentMsgHandler::End(const ConfigurationRun& run, bool succeeded, const std::string& error)
+{
+    const std::optional<Frame> frame = std::exchange(m_frame, std::nullopt);
+    if (frame)
+    {
+        Close(*frame, succeeded, error);
+    }
+    if (m_topology.IsFrozen())
     {
         return;
     }
-    const Frame frame = std::move(*m_frame);
-    m_frame.reset();
+    if (succeeded && frame)
+    {
+        m_log.Applied(run, frame->wanted);
+    }
+    else
+    {
+        m_log.Failed(run, error, IsKnown(run.application), frame.has_value());
+    }
+}
+
+void AgentMsgHandler::Close(const Frame& frame, bool succeeded, const std::string& error)
+{
     if (!succeeded)
     {
         m_topology.Withdraw();
@@ -218,6 +253,12 @@ void AgentMsgHandler::AlignRegistry(const std::set<std::string>& keys)
             registry->Remove(key);
         }
     }
+}
+
+bool AgentMsgHandler::IsKnown(const std::string& application) const
+{
+    const boost::shared_ptr<AppRegistry> registry = m_collaborators.appRegistry.lock();
+    return registry && registry->Lookup(application);
 }
 
 boost::shared_ptr<AppRegistryEntry> AgentMsgHandler::EntryOf(const std::string& application) const

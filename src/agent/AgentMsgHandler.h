@@ -1,5 +1,6 @@
 #pragma once
 
+#include "agent/ConfigurationLog.h"
 #include "apps/Subscriptions.h"
 #include "broker/Journal.h"
 #include "broker/Topology.h"
@@ -29,20 +30,28 @@ struct HandlerCollaborators
     boost::weak_ptr<EndpointController> endpointController;
 };
 
+/** Who keeps what configurations bring. All of them outlive the handler. */
+struct ConfigurationKeepers
+{
+    Topology& topology;
+    Subscriptions& subscriptions;
+    ConfigurationLog& log;
+};
+
 /**
  * The agent's message handler: the handler's operations, framed by what only the agent knows.
  *
  * Around a configuration it tells the topology what the new set is, so that only differences reach the broker, and the
  * subscriptions, so that messages go on reaching the application meanwhile; at its end all of them agree with the
  * routing registry again, also about topics that other applications share. Configurations are carried out one at a
- * time. The topology and the subscriptions outlive the handler.
+ * time.
  */
 class AgentMsgHandler : public QelMsgHandler
 {
   public:
     /** @param onFailed told the application whose configuration could not be carried out; must not block. */
     AgentMsgHandler(
-        const HandlerCollaborators& collaborators, Topology& topology, Subscriptions& subscriptions,
+        const HandlerCollaborators& collaborators, const ConfigurationKeepers& keepers,
         std::function<void(const std::string& application)> onFailed);
 
     bool HandleSyncResponse(boost::shared_ptr<RmqMessage> msg) override;
@@ -74,16 +83,21 @@ class AgentMsgHandler : public QelMsgHandler
         std::string application;
         /** What it had before and what it is to have: the keys of the routing registry that may change. */
         std::set<std::string> keys;
+        std::vector<RouteRecord> wanted;
     };
 
-    void End(bool succeeded, const std::string& error);
+    ConfigurationRun BeginRun(const RmqMessage* message) const;
+    void End(const ConfigurationRun& run, bool succeeded, const std::string& error);
+    void Close(const Frame& frame, bool succeeded, const std::string& error);
     void AlignRegistry(const std::set<std::string>& keys);
+    bool IsKnown(const std::string& application) const;
     boost::shared_ptr<AppRegistryEntry> EntryOf(const std::string& application) const;
     void AddRoute(RoutingRegistry& registry, const RouteRecord& route) const;
 
     const HandlerCollaborators m_collaborators;
     Topology& m_topology;
     Subscriptions& m_subscriptions;
+    ConfigurationLog& m_log;
     const std::function<void(const std::string& application)> m_onFailed;
     /** Held while a configuration is carried out; guards m_frame. */
     std::mutex m_turn;

@@ -68,9 +68,11 @@ class AgentMsgHandlerTest : public testing::Test
         journal.emplace((folder / "journal").string());
         topology.emplace(port, *journal, *info);
         subscriptions.emplace(info->clientQueue, info->priorityQueue, true);
+        log.emplace((folder / "configurations.json").string());
         client = boost::make_shared<TopologyClient>(*topology);
         handler = boost::make_shared<AgentMsgHandler>(
-            HandlerCollaborators{registry, appRegistry, dispatcher, client, info, endpoint}, *topology, *subscriptions,
+            HandlerCollaborators{registry, appRegistry, dispatcher, client, info, endpoint},
+            ConfigurationKeepers{*topology, *subscriptions, *log},
             [this](const std::string& name) { failed.push_back(name); });
         for (const std::string& queue : {info->clientQueue, info->priorityQueue})
         {
@@ -131,6 +133,7 @@ class AgentMsgHandlerTest : public testing::Test
     std::optional<Journal> journal;
     std::optional<Topology> topology;
     std::optional<Subscriptions> subscriptions;
+    std::optional<ConfigurationLog> log;
     boost::shared_ptr<TopologyClient> client;
     boost::shared_ptr<AgentMsgHandler> handler;
     std::vector<std::string> failed;
