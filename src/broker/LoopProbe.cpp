@@ -68,10 +68,11 @@ void LoopProbe::Send(std::uint64_t session)
             return;
         }
         // One that is merely late is waited for: more of them would come no sooner.
-        if (!m_awaited || m_status.state == State::failed)
+        if (!m_awaited || m_overdue)
         {
             number = ++m_number;
             m_awaited = true;
+            m_overdue = false;
             m_confirmed = false;
             m_publishError.clear();
             m_sentAt = Clock::now();
@@ -140,7 +141,7 @@ void LoopProbe::OnDeadline(std::uint64_t number)
     std::uint64_t failuresInARow = 0;
     {
         const std::lock_guard lock(m_mutex);
-        if (number != m_number || !m_awaited)
+        if (number != m_number || !m_awaited || m_overdue)
         {
             return;
         }
@@ -175,6 +176,7 @@ void LoopProbe::OnDeadline(std::uint64_t number)
 
 void LoopProbe::Fail(const std::string& why)
 {
+    m_overdue = true;
     ++m_status.failed;
     if (m_status.error != why)
     {

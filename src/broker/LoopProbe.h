@@ -110,6 +110,8 @@ class LoopProbe
     /** The last probe sent, and whether it is still awaited. */
     std::uint64_t m_number = 0;
     bool m_awaited = false;
+    /** It has failed; a return is still welcome. */
+    bool m_overdue = false;
     bool m_confirmed = false;
     std::string m_publishError;
     Clock::time_point m_sentAt;

@@ -112,6 +112,19 @@ TEST_F(LoopProbeTest, FailuresInARowReconnectAtGrowingDistance)
     EXPECT_EQ(probe.Status().failed, 9U);
 }
 
+TEST_F(LoopProbeTest, ADeadlineLongerThanTheIntervalIsWaitedFor)
+{
+    LoopProbe slow{{1s, 3s}, "queue", Actions()};
+    slow.Start();
+    for (int time = 0; time < 12; ++time)
+    {
+        Confirm();
+        Pass(1s);
+    }
+    EXPECT_EQ(slow.Status().failed, 4U);
+    EXPECT_THAT(done, ElementsAre("consume", "reconnect", "reconnect"));
+}
+
 TEST_F(LoopProbeTest, AReconnectDoesNotMakeTheRowOfFailuresEnd)
 {
     probe.Start();
