@@ -22,9 +22,10 @@ constexpr std::chrono::seconds PARKING_RETRY{1};
 
 /**
  * How often the broker delivers one message before it dead-letters it by itself: a message that ends the process each
- * time must not do so for ever.
+ * time must not do so for ever. A lost connection counts as well, for everything that was sent ahead on it, and a bad
+ * network loses many: it takes more than half an hour to lose so many with the waits between them.
  */
-constexpr std::int64_t DELIVERY_LIMIT = 20;
+constexpr std::int64_t DELIVERY_LIMIT = 200;
 
 /** RabbitMQ's direct reply-to: delivered to the requester itself, and reported as unroutable when mandatory. */
 constexpr const char* DIRECT_REPLY_TO = "amq.rabbitmq.reply-to";

@@ -254,9 +254,8 @@ void BrokerMessage::Unpark()
 
 std::uint32_t BrokerMessage::CountedTries() const
 {
-    const std::uint32_t counted = std::max(
-        CountIn(m_incoming.properties->headers, DELIVERY_COUNT),
-        CountIn(m_incoming.properties->headers, Header::TRIES));
+    // The broker's count is of no use here: it includes connections that were lost with the message on its way to us.
+    const std::uint32_t counted = CountIn(m_incoming.properties->headers, Header::TRIES);
     return counted == 0 && m_incoming.redelivered ? 1 : counted;
 }
 
