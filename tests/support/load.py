@@ -8,7 +8,7 @@ import grpc
 
 from chaos.ledger import Destination, Ledger
 from chaos.publisher import Publisher
-from testbed.processes import wait_until
+from testbed.processes import ProcessFailed
 
 from .application import GrpcApplication
 from .plane import ManagementPlane
@@ -166,4 +166,10 @@ class Load:
                 if row["messages"] and (name in (client, priority) or name.startswith(client + "."))}
 
     def _wait(self, condition, what, patience):
-        self._agent.wait_until(condition, what, patience)
+        try:
+            self._agent.wait_until(condition, what, patience)
+        except ProcessFailed as failure:
+            missing = self._ledger.outstanding(self._ledger.marks())
+            shown = [self._ledger.describe(message_id) for _, message_id in missing[:10]]
+            raise ProcessFailed(f"{len(missing)} messages are outstanding: {shown}\n"
+                                f"queues: {self._left_over()}\n{failure}") from None

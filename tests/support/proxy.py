@@ -72,11 +72,13 @@ class Weather:
 
     latency, jitter  seconds: each read is held back for latency and at random up to jitter more, in order
     slice            at most so many bytes in a packet; 0: as they come
+    packets          how many were sent on
     """
 
     latency: float = 0.0
     jitter: float = 0.0
     slice: int = 0
+    packets: int = 0
 
     def delay(self):
         return self.latency + random.uniform(0.0, self.jitter)
@@ -207,6 +209,7 @@ class _Connection:
         if self._frozen:
             await asyncio.Event().wait()
         if direction not in self._closed:
+            self._proxy.weather[direction].packets += 1
             self._writers[direction].write(forwarded)
             await self._writers[direction].drain()
         if concerned:
