@@ -200,6 +200,7 @@ void Agent::OnRestored()
             m_info->priorityQueue.c_str());
     }
     ServiceNotifier::Status("consuming " + m_info->clientQueue + " and " + m_info->priorityQueue);
+    m_applications.Reconnected();
     m_chores.Post([this] { RemoveOrphans(FIRST_ORPHAN_DELAY); });
 }
 

@@ -159,9 +159,28 @@ std::uint32_t Application::EffectiveWindow(std::uint32_t wanted) const
 void Application::DropUnsent()
 {
     const std::lock_guard lock(m_mutex);
-    MergeRetries();
-    DropUnanswered(m_pending, false);
-    DropUnanswered(m_behindMarker, false);
+    const auto isLost = [](const Item& item) { return !item.message->IsCurrent(); };
+    DropUnanswered(m_pending, isLost);
+    DropUnanswered(m_behindMarker, isLost);
+    for (auto retry = m_retries.begin(); retry != m_retries.end();)
+    {
+        if (!isLost(retry->second))
+        {
+            ++retry;
+            continue;
+        }
+        LetGo(retry->second);
+        retry = m_retries.erase(retry);
+    }
+}
+
+void Application::Reconnected()
+{
+    const std::lock_guard lock(m_mutex);
+    if (!m_closed && (m_flow == ApplicationFlow::draining || m_flow == ApplicationFlow::switching))
+    {
+        SendMarker();
+    }
 }
 
 void Application::StopDelivering()
@@ -413,7 +432,7 @@ void Application::Shut(const std::string& why, bool park, Effects& effects)
         ParkAll(m_behindMarker);
     }
     LeaveBehind(m_pending);
-    DropUnanswered(m_behindMarker, false);
+    DropUnanswered(m_behindMarker, [](const Item&) { return true; });
     m_flow = ApplicationFlow::parked;
 }
 
@@ -450,18 +469,18 @@ void Application::MergeRetries()
     Requeue(std::move(items));
 }
 
-void Application::DropUnanswered(std::deque<Item>& items, bool onlyParked)
+void Application::DropUnanswered(std::deque<Item>& items, const std::function<bool(const Item&)>& which)
 {
     std::deque<Item> kept;
     for (Item& item : items)
     {
-        if (onlyParked && !item.fromParking)
+        if (which(item))
         {
-            kept.push_back(std::move(item));
+            LetGo(item);
         }
         else
         {
-            LetGo(item);
+            kept.push_back(std::move(item));
         }
     }
     items.swap(kept);

@@ -127,9 +127,11 @@ class Application : public boost::enable_shared_from_this<Application>
     /** The window that an instance which asks for `wanted` gets. */
     std::uint32_t EffectiveWindow(std::uint32_t wanted) const;
 
-    /** The connection to the broker is gone: what no instance has in its hands is dropped, the broker delivers it
-     * again. */
+    /** A connection to the broker is gone: what came by it and no instance has in its hands is dropped, the broker
+     * delivers it again. */
     void DropUnsent();
+    /** The parking queue may be another one than before, or new: a marker that was in it will not come back. */
+    void Reconnected();
 
     /** Hands out nothing more; verdicts are still taken. */
     void StopDelivering();
@@ -205,7 +207,7 @@ class Application : public boost::enable_shared_from_this<Application>
     void CountAgainstOldest(std::vector<Item>& items);
     void LeaveBehind(std::deque<Item>& items);
     void MergeRetries();
-    void DropUnanswered(std::deque<Item>& items, bool onlyParked);
+    void DropUnanswered(std::deque<Item>& items, const std::function<bool(const Item&)>& which);
     std::uint32_t WindowFor(std::uint32_t wanted) const;
 
     void OnTimer();

@@ -172,7 +172,7 @@ void Application::BecomeAbsent()
 
 void Application::GiveBackParked()
 {
-    DropUnanswered(m_pending, true);
+    DropUnanswered(m_pending, [](const Item& item) { return item.fromParking; });
     if (std::exchange(m_consuming, false))
     {
         m_context.parking.Release(m_name);

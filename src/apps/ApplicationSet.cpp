@@ -37,6 +37,14 @@ void ApplicationSet::DropUnsent()
     }
 }
 
+void ApplicationSet::Reconnected()
+{
+    for (const boost::shared_ptr<Application>& application : All())
+    {
+        application->Reconnected();
+    }
+}
+
 boost::shared_ptr<Application> ApplicationSet::Find(const std::string& name) const
 {
     const std::shared_lock lock(m_mutex);

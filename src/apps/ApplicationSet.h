@@ -23,6 +23,8 @@ class ApplicationSet
     void Reload(const std::vector<ApplicationSettings>& applications);
     /** Application::DropUnsent for all of them. */
     void DropUnsent();
+    /** Application::Reconnected for all of them. */
+    void Reconnected();
     /** The application of this name; empty when there is none. */
     boost::shared_ptr<Application> Find(const std::string& name) const;
     /** All of them, by name. */

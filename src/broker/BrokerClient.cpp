@@ -41,7 +41,7 @@ BrokerClient::BrokerClient(
       m_settlement(
           m_link, *m_info, m_worker,
           [this](const std::string& queue) { return DeclareParking(PlainQueue(queue, 0)).answer == Answer::ok; }),
-      m_lanes(std::move(registry), m_info, m_settlement, m_timers),
+      m_lanes(std::move(registry), m_info, m_timers),
       m_controlUsers(
           m_settings.controlUsers,
           [this](std::chrono::seconds delay, Scheduler::Task task) { m_timers.After(delay, std::move(task)); }),
@@ -160,6 +160,7 @@ void BrokerClient::ReconcileParking(const std::string& application)
 
 DesiredTopology BrokerClient::OnConnected()
 {
+    m_settlement.ForgetParkingQueues();
     DesiredTopology desired;
     desired.exchanges = {{m_info->exchange, m_info->exchangeType, m_settings.exchangePassive}};
     desired.ownQueues = {
@@ -199,7 +200,6 @@ void BrokerClient::OnDisconnected(const std::string& why)
     m_probe.Pause();
     m_refusedItems.clear();
     m_unrestored = 0;
-    m_settlement.OnDisconnected();
     m_events.disconnected();
 }
 

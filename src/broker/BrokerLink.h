@@ -1,8 +1,9 @@
 #pragma once
 
 #include "broker/CertificateExpiry.h"
-#include "broker/TlsFiles.h"
+#include "broker/DeliverySource.h"
 #include "broker/EndCause.h"
+#include "broker/TlsFiles.h"
 #include "common/Publisher.h"
 #include "common/RmqMessage.h"
 #include "common/RmqTable.h"
@@ -129,6 +130,8 @@ struct DeliveryTag
 struct IncomingMessage
 {
     DeliveryTag tag;
+    /** The connection it came by. */
+    std::shared_ptr<const DeliverySource> source;
     std::string queue;
     std::string exchange;
     std::string routingKey;

@@ -98,7 +98,7 @@ class BrokerReceipt : public Receipt
 } // namespace
 
 BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement, const ApplicationNames& names)
-    : m_incoming(std::move(incoming)), m_settlement(settlement), m_names(names), m_epoch(settlement.Epoch())
+    : m_incoming(std::move(incoming)), m_settlement(settlement), m_names(names)
 {
     m_parkedFor = m_settlement.ParkedApplication(m_incoming.queue);
     if (!m_parkedFor.empty())

@@ -51,6 +51,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     bool IsRedelivered() const override { return m_incoming.redelivered; }
     std::uint32_t GetTries() const override { return m_tries; }
     const std::string& GetParkedFor() const override { return m_parkedFor; }
+    bool IsCurrent() const override { return !m_incoming.source->IsOver(); }
     boost::shared_ptr<Receipt> Expect(const std::string& application) override;
 
     /** The lane's own share: it is done with the message and every receiver has been added. */
@@ -63,8 +64,6 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     std::uint32_t CountFailure();
 
     const IncomingMessage& Incoming() const { return m_incoming; }
-    /** Which connection it came by; see Settlement::IsCurrent. */
-    std::uint64_t Epoch() const { return m_epoch; }
 
     /** Counts the message for this lane from now on until it is settled or given up. Before anybody else has it. */
     void EnterLane(LaneKind lane);
@@ -85,7 +84,6 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     IncomingMessage m_incoming;
     Settlement& m_settlement;
     const ApplicationNames& m_names;
-    const std::uint64_t m_epoch;
     std::string m_parkedFor;
     std::uint32_t m_tries = 0;
     std::uint32_t m_failures = 0;

@@ -103,6 +103,8 @@ class ConsumeLink : private AmqpConnectionHandler
     std::shared_ptr<AmqpConnection> m_connection;
     std::unique_ptr<RpcChannel> m_rpc;
     std::unique_ptr<Consumers> m_consumers;
+    /** Stands for the connection in what it has delivered. */
+    std::shared_ptr<DeliverySource> m_deliveries;
     /** Tells a task that was meant for an earlier connection. */
     std::uint64_t m_connectionNumber = 0;
     std::uint64_t m_generation = 0;

@@ -11,11 +11,8 @@ namespace VtxQel
 
 using State = DeliveryChannel::State;
 
-Consumers::Consumers(
-    AmqpConnection& connection, std::uint16_t firstChannel, std::uint64_t& generation, LinkListener& listener,
-    bool rejectUnreadable, OnLost onLost)
-    : m_connection(connection), m_nextChannel(firstChannel), m_generation(generation), m_listener(listener),
-      m_rejectUnreadable(rejectUnreadable), m_onLost(std::move(onLost))
+Consumers::Consumers(AmqpConnection& connection, std::uint16_t firstChannel, Context context)
+    : m_connection(connection), m_nextChannel(firstChannel), m_context(std::move(context))
 {
 }
 
@@ -32,7 +29,7 @@ void Consumers::Start(const QueueSpec& queue, Done done)
         done({false, AMQP_RESOURCE_ERROR, "the broker allows no more channels on a connection", 0});
         return;
     }
-    auto channel = std::make_unique<DeliveryChannel>(m_connection, number, ++m_generation, queue);
+    auto channel = std::make_unique<DeliveryChannel>(m_connection, number, ++m_context.generation, queue);
     m_byQueue[queue.name] = channel.get();
     m_byGeneration[channel->Generation()] = channel.get();
     channel->WhenStarted(std::move(done));
@@ -183,7 +180,7 @@ void Consumers::OnMethod(std::uint16_t channel, const amqp_method_t& method)
     }
     if (event != DeliveryChannel::Event::none)
     {
-        m_onLost(queue, event == DeliveryChannel::Event::consumerCancelled, why);
+        m_context.onLost(queue, event == DeliveryChannel::Event::consumerCancelled, why);
     }
 }
 
@@ -197,22 +194,23 @@ void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
     const DeliveryTag tag{target.Generation(), content.deliveryTag};
     if (!content.refused.empty())
     {
-        if (m_rejectUnreadable)
+        if (m_context.rejectUnreadable)
         {
             Settle(tag, SettleAs::reject);
         }
-        m_listener.OnRefusedDelivery(target.Queue(), content.refused);
+        m_context.listener.OnRefusedDelivery(target.Queue(), content.refused);
         return;
     }
     IncomingMessage message;
     message.tag = tag;
+    message.source = m_context.source;
     message.queue = target.Queue();
     message.exchange = std::move(content.exchange);
     message.routingKey = std::move(content.routingKey);
     message.redelivered = content.redelivered;
     message.properties = std::move(content.properties);
     message.body = std::move(content.body);
-    m_listener.OnDelivery(std::move(message));
+    m_context.listener.OnDelivery(std::move(message));
 }
 
 void Consumers::Fail(const std::string& why)

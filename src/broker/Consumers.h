@@ -28,10 +28,21 @@ class Consumers
     /** A consumer ended though nobody asked for it. @param deleted whether its queue is gone, with its bindings. */
     using OnLost = std::function<void(const std::string& queue, bool deleted, const std::string& why)>;
 
-    /** Channels are numbered from `firstChannel` on; `generation` counts channels over all connections. */
-    Consumers(
-        AmqpConnection& connection, std::uint16_t firstChannel, std::uint64_t& generation, LinkListener& listener,
-        bool rejectUnreadable, OnLost onLost);
+    /** What consumers need to know besides their connection. */
+    struct Context
+    {
+        LinkListener& listener;
+        /** Stands for the connection in what it delivers. */
+        std::shared_ptr<const DeliverySource> source;
+        /** Counts channels over all connections. */
+        std::uint64_t& generation;
+        /** See LinkSettings. */
+        bool rejectUnreadable = true;
+        OnLost onLost;
+    };
+
+    /** Channels are numbered from `firstChannel` on. */
+    Consumers(AmqpConnection& connection, std::uint16_t firstChannel, Context context);
 
     /** Consumes the queue, or joins the consumer that there is already. */
     void Start(const QueueSpec& queue, Done done);
@@ -61,10 +72,7 @@ class Consumers
 
     AmqpConnection& m_connection;
     std::uint16_t m_nextChannel;
-    std::uint64_t& m_generation;
-    LinkListener& m_listener;
-    const bool m_rejectUnreadable;
-    OnLost m_onLost;
+    const Context m_context;
     std::set<std::uint16_t> m_freeChannels;
     std::unordered_map<std::uint16_t, std::unique_ptr<DeliveryChannel>> m_channels;
     /** Those that consume or are about to. */

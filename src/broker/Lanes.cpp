@@ -48,10 +48,8 @@ std::string RefusalOf(const BrokerMessage& message)
 
 } // namespace
 
-Lanes::Lanes(
-    boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Settlement& settlement,
-    Scheduler& timers)
-    : m_registry(std::move(registry)), m_info(std::move(info)), m_settlement(settlement), m_timers(timers)
+Lanes::Lanes(boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Scheduler& timers)
+    : m_registry(std::move(registry)), m_info(std::move(info)), m_timers(timers)
 {
 }
 
@@ -155,7 +153,7 @@ void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, 
 {
     std::string error;
     // A message whose connection is gone comes again.
-    while (m_settlement.IsCurrent(*message) && !Try(message, error))
+    while (message->IsCurrent() && !Try(message, error))
     {
         const std::uint32_t failures = message->CountFailure();
         if (failures >= MOST_FAILURES)

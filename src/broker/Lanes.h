@@ -33,9 +33,7 @@ namespace VtxQel
 class Lanes
 {
   public:
-    Lanes(
-        boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Settlement& settlement,
-        Scheduler& timers);
+    Lanes(boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Scheduler& timers);
     ~Lanes();
     Lanes(const Lanes&) = delete;
     Lanes& operator=(const Lanes&) = delete;
@@ -74,7 +72,6 @@ class Lanes
 
     const boost::shared_ptr<RoutingRegistry> m_registry;
     const boost::shared_ptr<RmqInfo> m_info;
-    Settlement& m_settlement;
     Scheduler& m_timers;
     std::array<Lane, LANE_COUNT> m_lanes;
 };

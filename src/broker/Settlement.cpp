@@ -77,7 +77,7 @@ Settlement::Settlement(
 
 void Settlement::Ack(BrokerMessage& message)
 {
-    if (!IsCurrent(message))
+    if (!message.IsCurrent())
     {
         message.Note(Outcome::returned);
     }
@@ -139,6 +139,13 @@ void Settlement::OncePresent(const std::string& parkingQueue, std::function<void
     }
 }
 
+void Settlement::ForgetParkingQueues()
+{
+    const std::lock_guard lock(m_mutex);
+    // One that is being declared has messages that wait for it.
+    std::erase_if(m_parking, [](const auto& parking) { return parking.second.declared; });
+}
+
 std::string Settlement::ParkingQueue(const std::string& application) const
 {
     return m_parkingPrefix + application;
@@ -169,7 +176,7 @@ void Settlement::Release(std::size_t bytes)
 
 void Settlement::Publish(Copy copy)
 {
-    if (!IsCurrent(*copy.message))
+    if (!copy.message->IsCurrent())
     {
         return;
     }
@@ -190,7 +197,7 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
         copy.message->Resolve();
         return;
     }
-    if (!IsCurrent(*copy.message))
+    if (!copy.message->IsCurrent())
     {
         return;
     }

@@ -70,10 +70,9 @@ class Settlement
     std::string ParkingQueue(const std::string& application) const;
     /** The application whose parking queue this is, or an empty string. */
     std::string ParkedApplication(const std::string& queue) const;
-    /** The connection is gone and every delivery of it with it. */
-    void OnDisconnected() { ++m_epoch; }
-    std::uint64_t Epoch() const { return m_epoch; }
-    bool IsCurrent(const BrokerMessage& message) const { return message.Epoch() == m_epoch; }
+
+    /** The broker may be another one: parking queues are declared again before they are published to. */
+    void ForgetParkingQueues();
 
     /** What became of all deliveries. */
     DeliveryCounters& Counters() { return m_counters; }
@@ -112,7 +111,6 @@ class Settlement
     const std::function<bool(const std::string& queue)> m_declare;
     std::function<void(std::size_t bytes)> m_heldObserver;
     DeliveryCounters m_counters;
-    std::atomic<std::uint64_t> m_epoch{1};
     std::atomic<std::size_t> m_held{0};
     std::mutex m_mutex;
     /** Guarded by m_mutex; by the queue's name. */

@@ -51,6 +51,8 @@ class Delivery : public RmqMessage
     virtual std::uint32_t GetTries() const = 0;
     /** The application it was parked for, when it comes from that application's parking queue; else empty. */
     virtual const std::string& GetParkedFor() const = 0;
+    /** Whether it can still be settled: the connection that it came by lives. Else the broker delivers it again. */
+    virtual bool IsCurrent() const = 0;
 
     /**
      * Adds a receiver whose answer settlement waits for. Call it before the handler's Callback returns or while another

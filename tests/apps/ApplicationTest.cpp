@@ -33,7 +33,16 @@ class ApplicationTest : public testing::Test
     void Offer(const FakeMessage& message)
     {
         const auto delivery = boost::make_shared<FakeDelivery>(m_log, message);
+        m_offered.push_back(delivery);
         m_application->Offer(delivery, delivery->Expect("app"));
+    }
+    /** The connection by which everything came so far is gone. */
+    void LoseConnection()
+    {
+        for (const auto& delivery : m_offered)
+        {
+            delivery->isCurrent = false;
+        }
     }
     void OfferLive(const std::vector<std::string>& bodies)
     {
@@ -68,6 +77,7 @@ class ApplicationTest : public testing::Test
     ApplicationFlow Flow() const { return m_application->Snapshot().flow; }
 
     AnswerLog m_log;
+    std::vector<boost::shared_ptr<FakeDelivery>> m_offered;
     HoldBudget m_budget{budgetMessages, budgetBytes};
     FakeParkingQueues m_parking;
     FakeTimers m_timers;
@@ -382,6 +392,31 @@ TEST_F(SlowApplicationTest, AStaleMarkerChangesNothing)
     EXPECT_EQ(Flow(), ApplicationFlow::draining);
 }
 
+TEST_F(SlowApplicationTest, AMarkerThatStayedWithAnotherBrokerIsSentAgain)
+{
+    const std::uint64_t first = m_parking.LastMarker();
+    m_application->Reconnected();
+    EXPECT_THAT(m_parking.Take(), ElementsAre("marker app"));
+    m_application->MarkerReturned(first);
+    EXPECT_EQ(Flow(), ApplicationFlow::draining) << "the new one is behind everything parked";
+    m_application->MarkerReturned(m_parking.LastMarker());
+    EXPECT_EQ(Flow(), ApplicationFlow::live);
+}
+
+TEST_F(SlowApplicationTest, AMarkerLostWhileSwitchingIsSentAgain)
+{
+    OfferLive({"10"});
+    m_application->MarkerReturned(m_parking.LastMarker());
+    EXPECT_EQ(Flow(), ApplicationFlow::switching);
+    m_parking.Take();
+    m_application->Reconnected();
+    EXPECT_THAT(m_parking.Take(), ElementsAre("marker app"));
+    m_application->MarkerReturned(m_parking.LastMarker());
+    EXPECT_EQ(Flow(), ApplicationFlow::live);
+    m_application->Reconnected();
+    EXPECT_THAT(m_parking.Take(), IsEmpty());
+}
+
 TEST_F(SlowApplicationTest, TooMuchWhileSwitchingGoesBackToDraining)
 {
     OfferLive({"10"});
@@ -549,10 +584,41 @@ TEST_F(ApplicationTest, WhatTheConnectionLostIsDroppedUnanswered)
 {
     AttachLive(1);
     OfferLive({"a", "b"});
+    LoseConnection();
     m_application->DropUnsent();
     EXPECT_THAT(m_log.Take(), IsEmpty());
     EXPECT_EQ(m_application->Snapshot().pending, 0U);
     EXPECT_EQ(m_application->Snapshot().inFlight, 1U);
+    EXPECT_EQ(m_application->Snapshot().heldBytes, 1U);
+}
+
+TEST_F(ApplicationTest, WhatCameByAnotherConnectionThanTheLostOneStays)
+{
+    const auto id = AttachLive(1);
+    OfferLive({"a"});
+    Answer(id, 1, Kind::retry, seconds(5));
+    OfferLive({"b", "c"});
+    LoseConnection();
+    OfferLive({"d"});
+    m_application->DropUnsent();
+    Answer(id, 2, Kind::done);
+    Answer(id, 3, Kind::done);
+    m_timers.Step(seconds(6));
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("a", "b", "d"))
+        << "the retry and c are gone with their connection";
+    EXPECT_EQ(m_application->Snapshot().heldBytes, 0U);
+}
+
+TEST_F(ApplicationTest, ARetryOfALivingConnectionKeepsItsTime)
+{
+    const auto id = AttachLive(1);
+    OfferLive({"a"});
+    Answer(id, 1, Kind::retry, seconds(5));
+    m_session->TakeBodies();
+    m_application->DropUnsent();
+    EXPECT_THAT(m_session->TakeBodies(), IsEmpty());
+    m_timers.Step(seconds(6));
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("a"));
 }
 
 TEST_F(ApplicationTest, ARemovedApplicationsMessagesAreParked)

@@ -9,6 +9,7 @@
 #include <boost/smart_ptr/make_shared.hpp>
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <map>
@@ -138,6 +139,7 @@ class FakeDelivery : public Delivery
     bool IsRedelivered() const override { return m_message.redelivered; }
     std::uint32_t GetTries() const override { return m_message.tries; }
     const std::string& GetParkedFor() const override { return m_message.parkedFor; }
+    bool IsCurrent() const override { return isCurrent; }
     boost::shared_ptr<Receipt> Expect(const std::string& application) override
     {
         const std::lock_guard lock(m_mutex);
@@ -153,6 +155,7 @@ class FakeDelivery : public Delivery
     }
 
     std::function<void(const std::string& body)> onPark;
+    std::atomic<bool> isCurrent{true};
 
   private:
     AnswerLog& m_log;
