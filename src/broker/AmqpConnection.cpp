@@ -20,6 +20,8 @@ namespace
 
 constexpr std::chrono::seconds HANDSHAKE_TIMEOUT{10};
 constexpr std::chrono::seconds CLOSE_TIMEOUT{1};
+/** What a buffer may keep of a large message that has been written. */
+constexpr std::size_t MOST_KEPT = 1048576;
 
 RmqTable ClientProperties(const std::string& connectionName)
 {
@@ -107,6 +109,11 @@ void AmqpConnection::SendPublish(
     std::uint16_t channel, amqp_basic_publish_t& publish, amqp_basic_properties_t& properties, std::string_view body)
 {
     const std::size_t before = m_out.size();
+    if (body.size() > MOST_KEPT)
+    {
+        // With room for the frames around it; doublings would need twice as much for a moment.
+        m_out.reserve(before + body.size() + body.size() / 256 + FrameBuffer::FRAME_MAX);
+    }
     try
     {
         m_frames.Method(channel, AMQP_BASIC_PUBLISH_METHOD, &publish);
@@ -149,6 +156,10 @@ void AmqpConnection::Write()
                 explicit_bzero(self->m_writing.data(), self->m_writing.size());
             }
             self->m_writing.clear();
+            if (self->m_writing.capacity() > MOST_KEPT)
+            {
+                self->m_writing.shrink_to_fit();
+            }
             if (error)
             {
                 // The reader learns more: the broker may have said why before it closed.
@@ -261,22 +272,7 @@ void AmqpConnection::OnFrame(const RawFrame& frame)
 
 void AmqpConnection::OnMethodFrame(const RawFrame& frame)
 {
-    if (frame.payload.size() < 4)
-    {
-        throw RmqConnectionException("received a method frame that is too short");
-    }
-    amqp_method_t method{};
-    for (const char octet : frame.payload.substr(0, 4))
-    {
-        method.id = method.id << 8U | static_cast<std::uint8_t>(octet);
-    }
-    const int status = amqp_decode_method(method.id, m_pool.Get(), ToAmqp(frame.payload.substr(4)), &method.decoded);
-    if (status < 0)
-    {
-        throw RmqConnectionException(
-            "received method " + std::to_string(method.id >> 16U) + "." + std::to_string(method.id & 0xFFFFU) +
-            ", which cannot be decoded: " + amqp_error_string2(status));
-    }
+    const amqp_method_t method = DecodeMethod(frame.payload, m_pool);
     if (frame.channel == 0)
     {
         OnConnectionMethod(method);
@@ -291,16 +287,18 @@ void AmqpConnection::OnMethodFrame(const RawFrame& frame)
     }
     else if (method.id == AMQP_BASIC_DELIVER_METHOD || method.id == AMQP_BASIC_RETURN_METHOD)
     {
-        if (!m_contents.emplace(frame.channel, StartContent(method)).second)
+        const auto [content, added] = m_contents.emplace(frame.channel, StartContent(method));
+        if (!added)
         {
             throw RmqConnectionException("received a message inside of another one");
         }
+        content->second.lastFrame = m_lastReceived;
     }
     else if (m_handler != nullptr)
     {
         if (method.id == AMQP_CHANNEL_CLOSE_METHOD)
         {
-            m_contents.erase(frame.channel);
+            DropContent(frame.channel);
         }
         m_handler->OnMethod(frame.channel, method);
     }
@@ -317,21 +315,45 @@ void AmqpConnection::OnContentFrame(const RawFrame& frame)
     {
         throw RmqConnectionException("received content that no method announced");
     }
+    found->second.lastFrame = m_lastReceived;
     if (frame.type == AMQP_FRAME_HEADER)
     {
-        AddHeader(found->second, frame.payload, m_pool, m_options.maxBody);
+        AddHeader(found->second, frame, m_pool, m_options.maxBody);
     }
     else
     {
-        AddBody(found->second, frame.payload);
+        AddBodyOf(found->second, frame.payload);
     }
     if (IsComplete(found->second))
     {
         auto content = m_contents.extract(found);
+        m_assembled -= content.mapped().body.size();
         if (m_handler != nullptr)
         {
             m_handler->OnContent(frame.channel, std::move(content.mapped()));
         }
+    }
+}
+
+void AmqpConnection::AddBodyOf(AmqpContent& content, std::string_view payload)
+{
+    const std::size_t before = content.body.size();
+    AddBody(content, payload);
+    m_assembled += content.body.size() - before;
+    if (m_assembled > 2 * m_options.maxBody)
+    {
+        // A broker sends each message in one piece.
+        throw RmqConnectionException("received too many messages inside of one another");
+    }
+}
+
+void AmqpConnection::DropContent(std::uint16_t channel)
+{
+    const auto found = m_contents.find(channel);
+    if (found != m_contents.end())
+    {
+        m_assembled -= found->second.body.size();
+        m_contents.erase(found);
     }
 }
 
@@ -413,6 +435,11 @@ void AmqpConnection::OnTune(const amqp_connection_tune_t& tune)
     { return theirs == 0 ? ours : std::min(ours, theirs); };
     m_channelMax = static_cast<std::uint16_t>(smaller(65535, tune.channel_max));
     const std::uint32_t frameMax = smaller(FrameBuffer::FRAME_MAX, tune.frame_max);
+    if (frameMax < AMQP_FRAME_MIN_SIZE)
+    {
+        throw RmqConnectionException(
+            "the broker allows frames of " + std::to_string(frameMax) + " bytes, which is less than AMQP asks for");
+    }
     m_frames.SetFrameMax(frameMax);
     // Zero on our side means none, whatever the broker proposes.
     const auto ours = static_cast<std::uint32_t>(std::clamp<std::int64_t>(m_options.heartbeat.count(), 0, 65535));
@@ -477,6 +504,15 @@ void AmqpConnection::OnHeartbeatTimer()
         Abort("nothing heard from the broker for " + std::to_string(2 * m_heartbeat.count()) + " s", EndCause::silence);
         return;
     }
+    const bool stuck = std::any_of(
+        m_contents.begin(), m_contents.end(),
+        [this, now](const auto& content) { return now - content.second.lastFrame > 2 * m_heartbeat; });
+    if (stuck && !m_paused)
+    {
+        // Heartbeats alone would keep the connection, and with it the queue, waiting for ever.
+        Abort("the broker has begun a message and does not go on with it");
+        return;
+    }
     if (!std::exchange(m_sentSinceTick, false))
     {
         m_frames.Heartbeat();
@@ -489,6 +525,10 @@ void AmqpConnection::PauseReading(bool paused)
 {
     m_paused = paused;
     m_lastReceived = std::chrono::steady_clock::now();
+    for (auto& [channel, content] : m_contents)
+    {
+        content.lastFrame = m_lastReceived;
+    }
     Read();
 }
 

@@ -118,6 +118,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     void OnFrame(const RawFrame& frame);
     void OnMethodFrame(const RawFrame& frame);
     void OnContentFrame(const RawFrame& frame);
+    void AddBodyOf(AmqpContent& content, std::string_view payload);
+    void DropContent(std::uint16_t channel);
     void OnConnectionMethod(const amqp_method_t& method);
     void OnStart(const amqp_connection_start_t& start);
     void OnTune(const amqp_connection_tune_t& tune);
@@ -143,6 +145,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     FrameBuffer m_in;
     AmqpPool m_pool;
     std::unordered_map<std::uint16_t, AmqpContent> m_contents;
+    /** The bytes of the bodies in m_contents. */
+    std::size_t m_assembled = 0;
     bool m_paused = false;
     bool m_reading = false;
 

@@ -16,7 +16,9 @@ namespace
 {
 
 constexpr char END_OCTET = '\xCE';
-constexpr std::size_t CONTENT_HEADER = 12;
+constexpr std::size_t CONTENT_HEADER = FrameBuffer::BEGINNING;
+/** Twice what RabbitMQ can be set to take. */
+constexpr std::uint64_t LARGEST_BODY = 1073741824;
 
 std::uint64_t ReadNumber(std::string_view bytes)
 {
@@ -34,6 +36,52 @@ void WriteNumber(char* at, std::uint64_t number, std::size_t octets)
     {
         at[i] = static_cast<char>(number & 0xFFU);
     }
+}
+
+bool IsFromBrokers(amqp_method_number_t id)
+{
+    switch (id)
+    {
+    case AMQP_CONNECTION_START_METHOD:
+    case AMQP_CONNECTION_SECURE_METHOD:
+    case AMQP_CONNECTION_TUNE_METHOD:
+    case AMQP_CONNECTION_OPEN_OK_METHOD:
+    case AMQP_CONNECTION_CLOSE_METHOD:
+    case AMQP_CONNECTION_CLOSE_OK_METHOD:
+    case AMQP_CONNECTION_BLOCKED_METHOD:
+    case AMQP_CONNECTION_UNBLOCKED_METHOD:
+    case AMQP_CHANNEL_OPEN_OK_METHOD:
+    case AMQP_CHANNEL_FLOW_METHOD:
+    case AMQP_CHANNEL_CLOSE_METHOD:
+    case AMQP_CHANNEL_CLOSE_OK_METHOD:
+    case AMQP_EXCHANGE_DECLARE_OK_METHOD:
+    case AMQP_QUEUE_DECLARE_OK_METHOD:
+    case AMQP_QUEUE_BIND_OK_METHOD:
+    case AMQP_QUEUE_UNBIND_OK_METHOD:
+    case AMQP_BASIC_QOS_OK_METHOD:
+    case AMQP_BASIC_CONSUME_OK_METHOD:
+    case AMQP_BASIC_CANCEL_METHOD:
+    case AMQP_BASIC_CANCEL_OK_METHOD:
+    case AMQP_BASIC_RETURN_METHOD:
+    case AMQP_BASIC_DELIVER_METHOD:
+    case AMQP_BASIC_ACK_METHOD:
+    case AMQP_BASIC_NACK_METHOD:
+    case AMQP_CONFIRM_SELECT_OK_METHOD:
+        return true;
+    default:
+        return false;
+    }
+}
+
+/** Why the arguments must not be decoded: the only ones from a broker that hold a table are connection.start's. */
+std::string RefuseArguments(amqp_method_number_t id, std::string_view arguments)
+{
+    constexpr std::size_t VERSION = 2;
+    if (id != AMQP_CONNECTION_START_METHOD)
+    {
+        return {};
+    }
+    return RefuseTable(arguments.substr(std::min(VERSION, arguments.size())));
 }
 
 } // namespace
@@ -102,6 +150,35 @@ void AmqpFrames::Number(std::uint64_t number, std::size_t octets)
     m_out.append(bytes, octets);
 }
 
+amqp_method_t DecodeMethod(std::string_view payload, AmqpPool& pool)
+{
+    constexpr std::size_t ID = 4;
+    if (payload.size() < ID)
+    {
+        throw RmqConnectionException("received a method frame that is too short");
+    }
+    amqp_method_t method{};
+    method.id = static_cast<amqp_method_number_t>(ReadNumber(payload.substr(0, ID)));
+    const auto received = [&method]
+    { return "received method " + std::to_string(method.id >> 16U) + "." + std::to_string(method.id & 0xFFFFU); };
+    if (!IsFromBrokers(method.id))
+    {
+        throw RmqConnectionException(received() + ", which no broker sends");
+    }
+    const std::string_view arguments = payload.substr(ID);
+    std::string why = RefuseArguments(method.id, arguments);
+    if (why.empty())
+    {
+        const int status = amqp_decode_method(method.id, pool.Get(), ToAmqp(arguments), &method.decoded);
+        why = status < 0 ? amqp_error_string2(status) : "";
+    }
+    if (!why.empty())
+    {
+        throw RmqConnectionException(received() + ", which cannot be decoded: " + why);
+    }
+    return method;
+}
+
 AmqpContent StartContent(const amqp_method_t& method)
 {
     AmqpContent content;
@@ -123,17 +200,23 @@ AmqpContent StartContent(const amqp_method_t& method)
     return content;
 }
 
-void AddHeader(AmqpContent& content, std::string_view payload, AmqpPool& pool, std::size_t maxBody)
+void AddHeader(AmqpContent& content, const RawFrame& frame, AmqpPool& pool, std::size_t maxBody)
 {
+    const std::string_view payload = frame.payload;
     if (payload.size() < CONTENT_HEADER || content.hasHeader)
     {
         throw RmqConnectionException("received a content header out of place");
     }
     content.hasHeader = true;
     content.declaredSize = ReadNumber(payload.substr(4, 8));
+    if (content.declaredSize > LARGEST_BODY)
+    {
+        throw RmqConnectionException(
+            "received the header of a body of " + std::to_string(content.declaredSize) + " bytes, which is a lie");
+    }
     content.properties = boost::make_shared<RmqProperties>();
     const std::string_view encoded = payload.substr(CONTENT_HEADER);
-    content.refused = RefuseHeaders(encoded);
+    content.refused = frame.isCut ? "headers larger than a frame" : RefuseHeaders(encoded);
     if (content.refused.empty())
     {
         void* decoded = nullptr;
@@ -160,10 +243,17 @@ void AddBody(AmqpContent& content, std::string_view payload)
     {
         throw RmqConnectionException("received body bytes that were not declared");
     }
-    if (content.refused.empty())
+    if (!content.refused.empty())
     {
-        content.body.append(payload);
+        return;
     }
+    const auto declared = static_cast<std::size_t>(content.declaredSize);
+    if (content.body.capacity() < declared && content.receivedSize >= declared / 4)
+    {
+        // It seems to be true: one growth to the end instead of doublings.
+        content.body.reserve(declared);
+    }
+    content.body.append(payload);
 }
 
 bool IsComplete(const AmqpContent& content)

@@ -1,11 +1,13 @@
 #pragma once
 
 #include "broker/AmqpTable.h"
+#include "broker/FrameBuffer.h"
 #include "common/RmqMessage.h"
 
 #include <amqp.h>
 #include <amqp_framing.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -65,12 +67,21 @@ struct AmqpContent
     std::uint64_t declaredSize = 0;
     std::uint64_t receivedSize = 0;
     bool hasHeader = false;
+    /** When its last frame came. */
+    std::chrono::steady_clock::time_point lastFrame;
 };
+
+/**
+ * Decodes a method frame's payload; what it points to is valid until the pool is recycled.
+ * @throws RmqConnectionException when it makes no sense or is nothing that a broker has to say: the library would also
+ * decode what only clients send, and recurse over the tables in it
+ */
+amqp_method_t DecodeMethod(std::string_view payload, AmqpPool& pool);
 
 /** Starts a content from its decoded method; `method` must be basic.deliver or basic.return. */
 AmqpContent StartContent(const amqp_method_t& method);
-/** Adds the content header frame's payload. @throws RmqConnectionException when it is no content header */
-void AddHeader(AmqpContent& content, std::string_view payload, AmqpPool& pool, std::size_t maxBody);
+/** Adds the content header frame. @throws RmqConnectionException when it is no content header or cannot be true */
+void AddHeader(AmqpContent& content, const RawFrame& frame, AmqpPool& pool, std::size_t maxBody);
 /** Adds a body frame's payload; the memory grows with what has come, not with what was declared. */
 void AddBody(AmqpContent& content, std::string_view payload);
 bool IsComplete(const AmqpContent& content);

@@ -2,6 +2,7 @@
 
 #include "common/QelException.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 
@@ -17,6 +18,8 @@ constexpr std::uint8_t END_OCTET = 0xCE;
 /** How a TLS server begins its answer to what is not TLS. */
 constexpr char TLS_ALERT = 0x15;
 constexpr char TLS_MAJOR = 0x03;
+/** The type of a frame that holds a content header. */
+constexpr std::uint8_t CONTENT_HEADER = 2;
 
 std::uint32_t Number(const char* bytes, std::size_t octets)
 {
@@ -26,6 +29,14 @@ std::uint32_t Number(const char* bytes, std::size_t octets)
         number = number << 8U | static_cast<std::uint8_t>(bytes[i]);
     }
     return number;
+}
+
+void CheckEnd(char octet)
+{
+    if (static_cast<std::uint8_t>(octet) != END_OCTET)
+    {
+        throw RmqConnectionException("received a frame without its end octet");
+    }
 }
 
 } // namespace
@@ -45,39 +56,74 @@ char* FrameBuffer::Space()
 
 std::optional<RawFrame> FrameBuffer::Next()
 {
+    if (m_longHeader)
+    {
+        return PassOver();
+    }
     const char* frame = m_memory.data() + m_begin;
-    const std::size_t held = m_end - m_begin;
-    if (held > 0 && *frame == 'A')
+    if (Held() > 0 && *frame == 'A')
     {
         throw RmqConnectionException("the broker does not speak AMQP 0-9-1");
     }
-    if (held > 1 && frame[0] == TLS_ALERT && frame[1] == TLS_MAJOR)
+    if (Held() > 1 && frame[0] == TLS_ALERT && frame[1] == TLS_MAJOR)
     {
         throw RmqConnectionException("the broker speaks TLS on this port: its URL has to begin with amqps://");
     }
-    if (held < FRAME_HEADER)
+    if (Held() < FRAME_HEADER)
     {
         return std::nullopt;
     }
+    const auto type = static_cast<std::uint8_t>(*frame);
+    const auto channel = static_cast<std::uint16_t>(Number(frame + 1, 2));
     const std::size_t size = Number(frame + 3, 4);
     if (size > FRAME_MAX - FRAME_HEADER - FRAME_END)
+    {
+        return BeginLong(type, channel, size);
+    }
+    if (Held() < FRAME_HEADER + size + FRAME_END)
+    {
+        return std::nullopt;
+    }
+    CheckEnd(frame[FRAME_HEADER + size]);
+    m_begin += FRAME_HEADER + size + FRAME_END;
+    return RawFrame{type, channel, std::string_view(frame + FRAME_HEADER, size)};
+}
+
+std::optional<RawFrame> FrameBuffer::BeginLong(std::uint8_t type, std::uint16_t channel, std::size_t size)
+{
+    if (type != CONTENT_HEADER || size > LARGEST_CONTENT_HEADER)
     {
         throw RmqConnectionException(
             "received a frame of " + std::to_string(size) + " bytes; at most " + std::to_string(FRAME_MAX) +
             " were agreed on");
     }
-    if (held < FRAME_HEADER + size + FRAME_END)
+    if (Held() < FRAME_HEADER + BEGINNING)
     {
         return std::nullopt;
     }
-    if (static_cast<std::uint8_t>(frame[FRAME_HEADER + size]) != END_OCTET)
+    m_longHeader.emplace();
+    m_longHeader->channel = channel;
+    m_longHeader->left = size - BEGINNING;
+    std::memcpy(m_longHeader->beginning.data(), m_memory.data() + m_begin + FRAME_HEADER, BEGINNING);
+    m_begin += FRAME_HEADER + BEGINNING;
+    return PassOver();
+}
+
+std::optional<RawFrame> FrameBuffer::PassOver()
+{
+    const std::size_t passed = std::min(Held(), m_longHeader->left);
+    m_begin += passed;
+    m_longHeader->left -= passed;
+    if (Held() < FRAME_END)
     {
-        throw RmqConnectionException("received a frame without its end octet");
+        return std::nullopt;
     }
-    m_begin += FRAME_HEADER + size + FRAME_END;
-    return RawFrame{
-        static_cast<std::uint8_t>(*frame), static_cast<std::uint16_t>(Number(frame + 1, 2)),
-        std::string_view(frame + FRAME_HEADER, size)};
+    CheckEnd(m_memory[m_begin]);
+    m_begin += FRAME_END;
+    m_beginning = m_longHeader->beginning;
+    const std::uint16_t channel = m_longHeader->channel;
+    m_longHeader.reset();
+    return RawFrame{CONTENT_HEADER, channel, {m_beginning.data(), m_beginning.size()}, true};
 }
 
 } // namespace VtxQel

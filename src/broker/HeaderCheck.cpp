@@ -112,7 +112,12 @@ void Walk(std::string_view container, bool named, std::size_t depth)
     }
 }
 
-void Check(Cursor cursor)
+void CheckTable(Cursor& cursor)
+{
+    Walk(cursor.Take(cursor.Number(4)), true, 1);
+}
+
+void CheckProperties(Cursor cursor)
 {
     const std::uint32_t flags = cursor.Number(2);
     if ((flags & MORE_FLAGS) != 0)
@@ -129,7 +134,21 @@ void Check(Cursor cursor)
     }
     if ((flags & HEADERS_FLAG) != 0)
     {
-        Walk(cursor.Take(cursor.Number(4)), true, 1);
+        CheckTable(cursor);
+    }
+}
+
+template <class Check>
+std::string Refuse(Check check)
+{
+    try
+    {
+        check();
+        return {};
+    }
+    catch (const Refusal& refusal)
+    {
+        return refusal.why;
     }
 }
 
@@ -137,15 +156,13 @@ void Check(Cursor cursor)
 
 std::string RefuseHeaders(std::string_view encoded)
 {
-    try
-    {
-        Check(Cursor(encoded));
-        return {};
-    }
-    catch (const Refusal& refusal)
-    {
-        return refusal.why;
-    }
+    return Refuse([encoded] { CheckProperties(Cursor(encoded)); });
+}
+
+std::string RefuseTable(std::string_view encoded)
+{
+    Cursor cursor(encoded);
+    return Refuse([&cursor] { CheckTable(cursor); });
 }
 
 } // namespace VtxQel

@@ -17,4 +17,7 @@ inline constexpr std::size_t MAX_HEADER_DEPTH = 32;
  */
 std::string RefuseHeaders(std::string_view encoded);
 
+/** As RefuseHeaders, for an encoded table (its size and its entries) at the front of the bytes. */
+std::string RefuseTable(std::string_view encoded);
+
 } // namespace VtxQel

@@ -70,6 +70,43 @@ TEST(FrameBuffer, AFrameOverTheLimitIsRefusedByItsHeaderAlone)
     EXPECT_THROW(buffer.Next(), RmqConnectionException);
 }
 
+TEST(FrameBuffer, AContentHeaderOverTheLimitIsPassedOverButForItsBeginning)
+{
+    const std::string beginning = std::string(4, '\0') + "bodysize";
+    const std::string stream = Frame(2, 5, beginning + std::string(300000, 'h')) + Frame(3, 5, "body");
+    for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{18}, std::size_t{100000}})
+    {
+        FrameBuffer buffer;
+        std::vector<std::string> seen;
+        for (std::size_t at = 0; at < stream.size(); at += piece)
+        {
+            Put(buffer, stream.substr(at, piece));
+            while (const auto frame = buffer.Next())
+            {
+                seen.push_back(std::to_string(frame->channel) + ":" + std::string(frame->payload));
+                EXPECT_EQ(frame->isCut, frame->type == 2);
+            }
+        }
+        EXPECT_THAT(seen, testing::ElementsAre("5:" + beginning, "5:body")) << piece;
+    }
+}
+
+TEST(FrameBuffer, AContentHeaderThatIsPassedOverNeedsItsEndOctet)
+{
+    FrameBuffer buffer;
+    std::string frame = Frame(2, 1, std::string(200000, 'h'));
+    frame.back() = 'x';
+    Put(buffer, frame);
+    EXPECT_THROW(buffer.Next(), RmqConnectionException);
+}
+
+TEST(FrameBuffer, AContentHeaderBeyondReasonIsRefused)
+{
+    FrameBuffer buffer;
+    Put(buffer, std::string("\x02\x00\x01\x01\x00\x00\x01", 7));
+    EXPECT_THROW(buffer.Next(), RmqConnectionException);
+}
+
 TEST(FrameBuffer, AMissingEndOctetIsRefused)
 {
     FrameBuffer buffer;
