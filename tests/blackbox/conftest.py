@@ -19,6 +19,7 @@ from support.agent import AgentProcess  # noqa: E402
 from support.application import AttachedApp, GrpcApplication  # noqa: E402
 from support import figures  # noqa: E402
 from support.network import DistantHost  # noqa: E402
+from support.mad_broker import MadBroker  # noqa: E402
 from support.plane import ManagementPlane  # noqa: E402
 from testbed.network import OURS, PrivateNetwork  # noqa: E402
 from testbed.rabbitnode import RabbitNode  # noqa: E402
@@ -135,6 +136,13 @@ def distant_world(session_folder, distant_node, distant_host):
     """A world whose agents run on a host of their own."""
     url = f"amqp://guest:guest@{OURS}:{DISTANT_PORT}"
     yield from _world(session_folder, distant_node, url, distant_host)
+
+
+@pytest.fixture
+def mad_broker():
+    """A broker of our own, sane until it is told otherwise."""
+    with MadBroker() as started:
+        yield started
 
 
 @pytest.fixture
