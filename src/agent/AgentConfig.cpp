@@ -54,7 +54,7 @@ void WarnIfPublic(const std::string& secret, AgentConfig& config)
     if (std::filesystem::exists(status) &&
         (status.permissions() & std::filesystem::perms::others_read) != std::filesystem::perms::none)
     {
-        config.warnings.push_back(secret + " can be read by everybody: chmod 0640 it");
+        config.warnings.push_back(Printable(secret) + " can be read by everybody: chmod 0640 it");
     }
 }
 
@@ -94,12 +94,13 @@ void ReadUrls(StrictToml& toml, AgentConfig& config)
             if (text.find('@') != std::string::npos)
             {
                 config.warnings.push_back(
-                    "broker.urls holds a password for " + url.host + ": use broker.user and broker.password_file");
+                    "broker.urls holds a password for " + Printable(url.host) +
+                    ": use broker.user and broker.password_file");
             }
             if (!url.tls && !IsLoopback(url.host))
             {
                 config.warnings.push_back(
-                    "the connection to " + url.host + " is not encrypted: use amqps:// and broker.tls");
+                    "the connection to " + Printable(url.host) + " is not encrypted: use amqps:// and broker.tls");
             }
         }
         catch (const QelException& error)

@@ -1,6 +1,7 @@
 #include "apps/DropIns.h"
 
 #include "apps/StrictToml.h"
+#include "common/Printable.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -32,7 +33,7 @@ std::vector<std::filesystem::path> FilesIn(const std::string& folder, std::vecto
     }
     if (error)
     {
-        problems.push_back(folder + ": cannot be read: " + error.message());
+        problems.push_back(Printable(folder) + ": cannot be read: " + error.message());
     }
     std::sort(files.begin(), files.end());
     return files;
@@ -58,7 +59,7 @@ void Load(const std::filesystem::path& file, DropIns& dropIns)
     if (!IsApplicationName(settings.name))
     {
         problems.push_back(
-            file.string() + ": \"" + settings.name + "\" is no application's name: use 1 to " +
+            Printable(file.string()) + ": \"" + Printable(settings.name) + "\" is no application's name: use 1 to " +
             std::to_string(maxApplicationNameLength) + " letters, digits, '.', '_' and '-'");
     }
     if (problems.empty())

@@ -1,5 +1,6 @@
 #include "apps/StrictToml.h"
 
+#include "common/Printable.h"
 #include "common/Suggestion.h"
 
 #include <toml++/toml.h>
@@ -7,36 +8,33 @@
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <optional>
 #include <set>
-#include <sstream>
 #include <system_error>
 
 namespace VtxQel
 {
+
+namespace
+{
+
+/**
+ * No configuration needs more. The library takes a key of any number of parts, "a.a.a...", and when it forgets the
+ * tables that such a key makes it needs 256 bytes of stack for each: half of a usual stack for the longest key that
+ * fits here.
+ */
+constexpr std::size_t LARGEST_FILE = 32768;
+
+} // namespace
 
 class StrictToml::Document
 {
   public:
     explicit Document(std::string file) : m_file(std::move(file))
     {
-        std::ifstream stream(m_file);
-        std::ostringstream text;
-        if (!stream || !(text << stream.rdbuf()))
+        if (const std::optional<std::string> text = Read())
         {
-            // An empty file leaves the stream's buffer without a character, which is no error.
-            if (!stream.is_open() || stream.bad())
-            {
-                m_problems.push_back(m_file + ": cannot be read: " + std::generic_category().message(errno));
-                return;
-            }
-        }
-        try
-        {
-            m_table = toml::parse(text.str());
-        }
-        catch (const toml::parse_error& error)
-        {
-            m_problems.push_back(At(error.source()) + std::string(error.description()));
+            Parse(*text);
         }
         m_readable = m_problems.empty();
     }
@@ -54,7 +52,7 @@ class StrictToml::Document
             // The one problem is known; that keys are missing follows from it.
             return;
         }
-        m_problems.push_back((node == nullptr ? m_file + ": " : At(node->source())) + key + " " + text);
+        Report((node == nullptr ? m_file + ": " : At(node->source())) + key + " " + text);
     }
 
     void ReportUnknown() { Unknown(m_table, ""); }
@@ -62,6 +60,40 @@ class StrictToml::Document
     std::vector<std::string> m_problems;
 
   private:
+    /** The file's content, unless that cannot be used. */
+    std::optional<std::string> Read()
+    {
+        std::ifstream stream(m_file);
+        std::string text(LARGEST_FILE + 1, '\0');
+        if (!stream || (!stream.read(text.data(), static_cast<std::streamsize>(text.size())) && stream.bad()))
+        {
+            Report(m_file + ": cannot be read: " + std::generic_category().message(errno));
+            return {};
+        }
+        text.resize(static_cast<std::size_t>(stream.gcount()));
+        if (text.size() > LARGEST_FILE)
+        {
+            Report(m_file + ": has more than " + std::to_string(LARGEST_FILE) + " bytes, the most that is read");
+            return {};
+        }
+        return text;
+    }
+
+    void Parse(const std::string& text)
+    {
+        try
+        {
+            m_table = toml::parse(text);
+        }
+        catch (const toml::parse_error& error)
+        {
+            Report(At(error.source()) + std::string(error.description()));
+        }
+    }
+
+    /** Keys and values stand in the text as they were written: they must not look like another line. */
+    void Report(const std::string& problem) { m_problems.push_back(Printable(problem)); }
+
     std::string At(const toml::source_region& place) const
     {
         return m_file + ":" + std::to_string(place.begin.line) + ":" + std::to_string(place.begin.column) + ": ";
@@ -82,7 +114,7 @@ class StrictToml::Document
             else if (!m_known.contains(key))
             {
                 const std::vector<std::string> known(m_known.begin(), m_known.end());
-                m_problems.push_back(At(name.source()) + key + " is not a key that is known" + Suggest(key, known));
+                Report(At(name.source()) + key + " is not a key that is known" + Suggest(key, known));
             }
         }
     }

@@ -12,9 +12,11 @@ namespace VtxQel
 namespace
 {
 
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 
 class DropInsTest : public testing::Test
@@ -127,6 +129,41 @@ TEST_F(DropInsTest, AMissingFolderIsAProblem)
 {
     const DropIns dropIns = LoadDropIns(m_folder.Path() + "/none");
     EXPECT_THAT(dropIns.problems, ElementsAre(m_folder.Path() + "/none: cannot be read: No such file or directory"));
+}
+
+TEST_F(DropInsTest, AProblemIsOneLineWhateverTheFileHolds)
+{
+    Write("a.toml", "\"x\\ny\" = 1\n");
+    Write("b\nc.toml", "");
+    EXPECT_THAT(
+        Load().problems, ElementsAre(
+                             AllOf(HasSubstr("a.toml:1:1: x\\x0ay is not a key"), Not(HasSubstr("\n"))),
+                             AllOf(HasSubstr("\"b\\x0ac\" is no application's name"), Not(HasSubstr("\n")))));
+}
+
+TEST_F(DropInsTest, AnEnormousFileIsNotRead)
+{
+    std::string keys = "a";
+    for (int part = 0; part < 100000; ++part)
+    {
+        keys += ".a";
+    }
+    Write("a.toml", keys + " = 1\n");
+    Write("b.toml", "#" + std::string(32766, 'x') + "\n");
+    const DropIns dropIns = Load();
+    EXPECT_THAT(dropIns.problems, ElementsAre(HasSubstr("a.toml: has more than 32768 bytes")));
+    EXPECT_EQ(dropIns.applications.size(), 1U);
+}
+
+TEST_F(DropInsTest, TheLongestKeyThatIsReadIsRefusedInOrder)
+{
+    std::string keys = "a";
+    while (keys.size() + 6 < 32768)
+    {
+        keys += ".a";
+    }
+    Write("a.toml", keys + " = 1\n");
+    EXPECT_THAT(Load().problems, ElementsAre(HasSubstr("a.toml:1:1: a is not a key that is known")));
 }
 
 } // namespace

@@ -169,4 +169,11 @@ TEST(ConfigurationFile, NestingIsBounded)
     EXPECT_EQ(mistakes, "web.json:1:65: more than 64 levels deep");
 }
 
+TEST(ConfigurationFile, AMistakeIsOneLineWhateverTheNamesHold)
+{
+    EXPECT_EQ(
+        MistakesIn(R"({"a\n\u001b[31mb": 1})"),
+        "web.json:1:2: a\\x0a\\x1b[31mb: is not known here: known are topicInfo, queueName");
+}
+
 } // namespace VtxQel

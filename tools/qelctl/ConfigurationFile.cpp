@@ -1,6 +1,7 @@
 #include "ConfigurationFile.h"
 
 #include "JsonTree.h"
+#include "common/Printable.h"
 #include "common/Suggestion.h"
 
 #include <cstdint>
@@ -53,7 +54,7 @@ class Reader
         if (m_mistakes <= mostMistakes)
         {
             m_text += (m_text.empty() ? "" : "\n") + m_fileName + ":" + std::to_string(at.line) + ":" +
-                      std::to_string(at.column) + ": " + (field.empty() ? "" : field + ": ") + mistake;
+                      std::to_string(at.column) + ": " + Printable((field.empty() ? "" : field + ": ") + mistake);
         }
     }
 
