@@ -1,6 +1,8 @@
 #include "apps/MessageConversion.h"
 
+#include "common/Printable.h"
 #include "common/SFormat.h"
+#include "common/Utf8.h"
 
 #include <algorithm>
 #include <limits>
@@ -27,6 +29,12 @@ class Invalid : public std::runtime_error
   public:
     using std::runtime_error::runtime_error;
 };
+
+/** Bytes for a field of the kind text: with one that is not UTF-8 an application could not read the whole message. */
+std::string Text(const std::string& bytes)
+{
+    return IsUtf8(bytes) ? bytes : Printable(bytes);
+}
 
 void ToProto(const RmqTable& table, google::protobuf::RepeatedPtrField<proto::Header>& headers, int depth);
 
@@ -235,12 +243,13 @@ bool AddWithin(
 {
     for (const std::string& name : names)
     {
-        if (name.size() + 4 > room)
+        const std::string text = Text(name);
+        if (text.size() + 4 > room)
         {
             return false;
         }
-        room -= name.size() + 4;
-        *list.Add() = name;
+        room -= text.size() + 4;
+        *list.Add() = text;
     }
     return true;
 }
@@ -294,7 +303,7 @@ void ToProto(const SessionDelivery& delivery, bool isPriority, proto::Delivery& 
     const Delivery& message = *delivery.message;
     const auto body = message.GetBody();
     out.set_delivery_id(delivery.id);
-    out.set_exchange(message.GetExchange());
+    out.set_exchange(Text(message.GetExchange()));
     out.set_routing_key(message.GetRoutingKey());
     out.set_queue(message.GetQueue());
     if (body->length != 0)
@@ -310,7 +319,7 @@ void ToProto(const SessionDelivery& delivery, bool isPriority, proto::Delivery& 
 void ToProto(const ConfigurationStatus& status, proto::Configuration& out)
 {
     out.set_state(ToProto(status.state));
-    out.set_error(status.error);
+    out.set_error(Text(status.error));
     std::size_t room = mostConfigurationBytes;
     const bool complete =
         AddWithin(status.queues, room, *out.mutable_queues()) && AddWithin(status.topics, room, *out.mutable_topics());

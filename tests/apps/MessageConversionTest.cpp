@@ -182,6 +182,22 @@ INSTANTIATE_TEST_SUITE_P(
             "more than 255 decimals"}),
     [](const auto& instance) { return instance.param.name; });
 
+TEST(MessageConversion, WhatIsNoTextDoesNotKeepAnApplicationFromReadingTheRest)
+{
+    ConfigurationStatus status;
+    status.state = ConfigurationState::failed;
+    status.error = "cannot bind \xFF";
+    status.topics = {"\xC3\x28", "gr\xC3\xBC\xC3\x9F.*"};
+    status.queues = {"\x80"};
+    proto::Configuration sent;
+    ToProto(status, sent);
+    proto::Configuration received;
+    ASSERT_TRUE(received.ParseFromString(sent.SerializeAsString()));
+    EXPECT_EQ(received.error(), "cannot bind \\xff");
+    EXPECT_THAT(received.topics(), testing::ElementsAre("\\xc3(", "gr\xC3\xBC\xC3\x9F.*"));
+    EXPECT_THAT(received.queues(), testing::ElementsAre("\\x80"));
+}
+
 TEST(MessageConversion, APublishRequestIsCheckedAndItsBodyMoved)
 {
     proto::PublishRequest request;
