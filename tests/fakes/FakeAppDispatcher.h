@@ -3,6 +3,8 @@
 #include "common/AppDispatcher.h"
 #include "fakes/Answers.h"
 
+#include <boost/weak_ptr.hpp>
+
 #include <string>
 
 namespace VtxQel::Fakes
