@@ -1,6 +1,7 @@
 """qelctl against a running agent and against nothing."""
 
 import json
+import re
 import subprocess
 
 import pytest
@@ -29,6 +30,11 @@ def test_ping_prints_the_round_trip(world):
     line = json.loads(worked(qelctl("--broker", world.node.url(), "--json", "ping", agent.agent_id)))
     assert line["agent"] == agent.agent_id
     assert line["roundTripMs"] > 0
+    assert line["report"]["applications"] == [{"name": "alpha", "state": "missing", "hash": ""},
+                                              {"name": "beta", "state": "missing", "hash": ""}]
+    text = worked(qelctl("--broker", world.node.url(), "ping", agent.agent_id))
+    assert text.startswith(f"answer from {agent.agent_id} in ") and ": version " in text
+    assert re.search(r"^  alpha  missing", text, re.M)
 
 
 def test_ping_of_an_agent_that_never_was_says_so(world):

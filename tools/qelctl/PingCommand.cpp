@@ -47,8 +47,9 @@ void PingCommand::Run(const GlobalOptions& options)
         {
             std::this_thread::sleep_for(std::chrono::duration<double>(m_intervalSeconds));
         }
-        roundTrips.push_back(PingOnce(session));
-        PrintRound(sequence, roundTrips.back(), options.json);
+        const Answer answer = PingOnce(session);
+        roundTrips.push_back(answer.milliseconds);
+        PrintRound(sequence, answer, options.json);
     }
     if (m_count > 1 && !options.json)
     {
@@ -56,7 +57,7 @@ void PingCommand::Run(const GlobalOptions& options)
     }
 }
 
-double PingCommand::PingOnce(ManagementSession& session) const
+PingCommand::Answer PingCommand::PingOnce(ManagementSession& session) const
 {
     OutgoingMessage request;
     request.properties.type = PING_REQUEST_TYPE;
@@ -81,20 +82,27 @@ double PingCommand::PingOnce(ManagementSession& session) const
             "agent " + m_agent.id + " answered with a message of type \"" + reply->properties.type + "\", not \"" +
             std::string(PING_REPLY_TYPE) + "\": is " + m_agent.Queue() + " the queue of an agent?");
     }
-    return std::chrono::duration<double, std::milli>(reply->arrival - start).count();
+    return {std::chrono::duration<double, std::milli>(reply->arrival - start).count(), PingReport(reply->body)};
 }
 
-void PingCommand::PrintRound(std::uint32_t sequence, double milliseconds, bool json) const
+void PingCommand::PrintRound(std::uint32_t sequence, const Answer& answer, bool json) const
 {
     if (json)
     {
         const nlohmann::ordered_json line = {
-            {"agent", m_agent.id}, {"sequence", sequence}, {"roundTripMs", milliseconds}};
-        std::cout << line.dump() << std::endl;
+            {"agent", m_agent.id},
+            {"sequence", sequence},
+            {"roundTripMs", answer.milliseconds},
+            {"report", answer.report.Json()}};
+        std::cout << line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << std::endl;
         return;
     }
-    std::cout << "answer from " << m_agent.id << " in " << std::fixed << std::setprecision(2) << milliseconds << " ms"
-              << std::endl;
+    std::cout << "answer from " << m_agent.id << " in " << std::fixed << std::setprecision(2) << answer.milliseconds
+              << " ms" << answer.report.Headline() << std::endl;
+    if (sequence == 1)
+    {
+        std::cout << answer.report.Details() << std::flush;
+    }
 }
 
 void PingCommand::PrintSummary(const std::vector<double>& roundTrips) const

@@ -2,6 +2,7 @@
 
 #include "AgentAddress.h"
 #include "Command.h"
+#include "PingReport.h"
 
 #include <cstdint>
 #include <vector>
@@ -9,7 +10,8 @@
 namespace VtxQel
 {
 
-/** `qelctl ping AGENT`: asks the agent for a sign of life over the broker and prints how long it took. */
+/** `qelctl ping AGENT`: asks the agent for a sign of life over the broker and prints what it says and how long it took.
+ */
 class PingCommand : public Command
 {
   public:
@@ -17,8 +19,14 @@ class PingCommand : public Command
     void Run(const GlobalOptions& options) override;
 
   private:
-    double PingOnce(ManagementSession& session) const;
-    void PrintRound(std::uint32_t sequence, double milliseconds, bool json) const;
+    struct Answer
+    {
+        double milliseconds;
+        PingReport report;
+    };
+
+    Answer PingOnce(ManagementSession& session) const;
+    void PrintRound(std::uint32_t sequence, const Answer& answer, bool json) const;
     void PrintSummary(const std::vector<double>& roundTrips) const;
 
     AgentAddress m_agent;
