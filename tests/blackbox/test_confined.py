@@ -4,7 +4,6 @@ A system call that the filter refuses kills the agent here, so every test that p
 """
 
 import os
-import pathlib
 import pwd
 import signal
 import subprocess
@@ -12,8 +11,8 @@ import sys
 
 import pytest
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-UNIT = ROOT / "packaging/debian/qel-agent.service"
+from support.paths import ROOT
+
 AGENT_USER = "daemon"
 APPLICATION_USER = "games"
 STRANGER = "nobody"
@@ -24,7 +23,7 @@ class Confined:
 
     @staticmethod
     def command(command):
-        return [ROOT / "tests/support/confined.py", UNIT, AGENT_USER, *command]
+        return [ROOT / "tests/support/confined.py", AGENT_USER, *command]
 
 
 @pytest.fixture

@@ -10,6 +10,8 @@ import sys
 
 import pytest
 
+from support.unit import Unit
+
 # Stops the thread of its argument until its standard input ends; ptrace.h has the numbers of SEIZE and INTERRUPT.
 TRACER = """
 import ctypes, sys
@@ -111,3 +113,26 @@ def test_the_watchdog_is_fed_until_the_links_thread_hangs(world, manager, monkey
         agent.wait_for_log("thread link does not get on", start=position)
         assert not manager.received("WATCHDOG=1")
     agent.wait_until(lambda: manager.received("WATCHDOG=1"), "the watchdog to be fed again")
+
+
+@pytest.mark.parametrize("status, again", [
+    # A refused unbind ends the agent so, to be started afresh.
+    (0, True),
+    (1, True),
+    (-signal.SIGKILL, True),
+    (-signal.SIGABRT, True),
+    # The configuration is wrong.
+    (78, False)])
+def test_the_unit_starts_the_agent_again(status, again):
+    unit = Unit()
+    assert unit.restarts_after(status) == again
+    assert unit.get("StartLimitIntervalSec", section="Unit") == "0"
+
+
+def test_the_unit_is_sound_and_confined():
+    unit = Unit()
+    assert unit.get("Type") == "notify"
+    assert int(unit.get("WatchdogSec")) > 0
+    analysed = subprocess.run(["systemd-analyze", "security", "--offline=true", "--threshold=15", "--no-pager",
+                               unit.path], capture_output=True, text=True, check=False)
+    assert analysed.returncode == 0, analysed.stdout

@@ -3,48 +3,18 @@
 without capabilities, with the unit's umask, and under its system call filter, where a call that the unit would refuse
 kills the process.
 
-    confined.py UNIT USER PROGRAM ARGUMENT...
+    confined.py USER PROGRAM ARGUMENT...
 """
 
 import os
+import pathlib
 import pwd
-import subprocess
 import sys
 
 import seccomp
 
-
-def unit_settings(path):
-    """The lines of the section Service, as {name: [value, ...]} in their order."""
-    settings = {}
-    section = None
-    with open(path, encoding="utf-8") as unit:
-        for line in map(str.strip, unit):
-            if line.startswith("["):
-                section = line
-            elif section == "[Service]" and "=" in line and not line.startswith("#"):
-                name, _, value = line.partition("=")
-                settings.setdefault(name, []).append(value)
-    return settings
-
-
-def calls_of(name):
-    """The system calls of a name or, recursively, of a group, as systemd knows them."""
-    if not name.startswith("@"):
-        return {name}
-    listed = subprocess.run(["systemd-analyze", "syscall-filter", "--no-pager", name], check=True, capture_output=True,
-                            text=True).stdout.split("\n")
-    entries = [line.strip() for line in listed[1:] if line.startswith("    ") and not line.strip().startswith("#")]
-    return set().union(*map(calls_of, entries))
-
-
-def allowed_calls(lines):
-    """What the SystemCallFilter lines allow: the first says whether it is a list of what is allowed."""
-    allowed = set()
-    for line in lines:
-        calls = set().union(*map(calls_of, line.lstrip("~").split()))
-        allowed = allowed - calls if line.startswith("~") else allowed | calls
-    return allowed
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
+from support.unit import Unit  # noqa: E402
 
 
 def load_filter(names):
@@ -60,11 +30,11 @@ def load_filter(names):
 
 
 def main():
-    unit, user, program, *arguments = sys.argv[1:]
-    settings = unit_settings(unit)
-    allowed = allowed_calls(settings["SystemCallFilter"])
+    user, program, *arguments = sys.argv[1:]
+    unit = Unit()
+    allowed = unit.allowed_calls()
     account = pwd.getpwnam(user)
-    os.umask(int(settings["UMask"][-1], 8))
+    os.umask(int(unit.get("UMask"), 8))
     os.setgroups([])
     os.setgid(account.pw_gid)
     os.setuid(account.pw_uid)
