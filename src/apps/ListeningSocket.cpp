@@ -140,15 +140,18 @@ void ListeningSocket::SetAccess(const SocketOwner& owner) const
         Throw(m_path, "cannot get its mode");
     }
     const bool isOurs = owner.user == ::geteuid() && owner.group == ::getegid();
-    if (isOurs || ::chown(m_path.c_str(), owner.user, owner.group) == 0)
+    if (isOurs)
     {
         return;
     }
-    if (errno != EPERM)
+    if (::geteuid() != 0)
+    {
+        Admit(owner);
+    }
+    else if (::chown(m_path.c_str(), owner.user, owner.group) != 0)
     {
         Throw(m_path, "cannot be given to its user and group");
     }
-    Admit(owner);
 }
 
 /** Without the right to give the socket away, it stays ours and its access list admits the user and the group. */
