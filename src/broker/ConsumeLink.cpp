@@ -1,5 +1,6 @@
 #include "broker/ConsumeLink.h"
 
+#include "broker/TopologyRpc.h"
 #include "common/QelException.h"
 #include "logging/Log.h"
 
@@ -443,101 +444,27 @@ void ConsumeLink::CheckRestored()
     m_listener.OnRestored();
 }
 
-void ConsumeLink::Call(const Request& request, std::uint32_t method, decltype(Rpc::send) send)
-{
-    m_rpc->Call({method, std::move(send), [this, request](const RpcReply& reply) { OnReply(request, reply); }});
-}
-
 void ConsumeLink::Execute(const Request& request)
 {
-    const Binding& binding = request->binding;
     switch (request->kind)
     {
-    case Kind::declareExchange:
-        DeclareExchange(request);
-        break;
     case Kind::declareQueue:
         DeclareQueue(request);
-        break;
-    case Kind::bind:
-        Call(
-            request, AMQP_QUEUE_BIND_METHOD,
-            [&binding, request](AmqpConnection& connection, std::uint16_t channel)
-            {
-                connection.Send(
-                    channel, AMQP_QUEUE_BIND_METHOD,
-                    amqp_queue_bind_t{
-                        0, ToAmqp(binding.queue), ToAmqp(binding.exchange), ToAmqp(binding.topic), 0,
-                        amqp_empty_table});
-            });
-        break;
-    case Kind::unbind:
-        if (!m_restoration.IsComplete())
-        {
-            m_restoration.GiveUp(binding);
-        }
-        Call(
-            request, AMQP_QUEUE_UNBIND_METHOD,
-            [&binding, request](AmqpConnection& connection, std::uint16_t channel)
-            {
-                connection.Send(
-                    channel, AMQP_QUEUE_UNBIND_METHOD,
-                    amqp_queue_unbind_t{
-                        0, ToAmqp(binding.queue), ToAmqp(binding.exchange), ToAmqp(binding.topic), amqp_empty_table});
-            });
-        break;
+        return;
     case Kind::cancelQueue:
     case Kind::releaseQueue:
         StopQueue(request);
+        return;
+    case Kind::unbind:
+        if (!m_restoration.IsComplete())
+        {
+            m_restoration.GiveUp(request->binding);
+        }
         break;
-    case Kind::countMessages:
-        Call(
-            request, AMQP_QUEUE_DECLARE_METHOD,
-            [request](AmqpConnection& connection, std::uint16_t channel)
-            {
-                amqp_queue_declare_t declare{};
-                declare.queue = ToAmqp(request->queue.name);
-                declare.passive = 1;
-                connection.Send(channel, AMQP_QUEUE_DECLARE_METHOD, declare);
-            });
+    default:
         break;
     }
-}
-
-namespace
-{
-
-void SendDeclareExchange(const ExchangeSpec& exchange, AmqpConnection& connection, std::uint16_t channel)
-{
-    amqp_exchange_declare_t declare{};
-    declare.exchange = ToAmqp(exchange.name);
-    declare.type = ToAmqp(exchange.type);
-    declare.passive = exchange.passive ? 1 : 0;
-    declare.durable = 1;
-    connection.Send(channel, AMQP_EXCHANGE_DECLARE_METHOD, declare);
-}
-
-void SendDeclareQueue(const QueueSpec& queue, AmqpConnection& connection, std::uint16_t channel)
-{
-    AmqpPool pool;
-    amqp_queue_declare_t declare{};
-    declare.queue = ToAmqp(queue.name);
-    declare.passive = queue.passive ? 1 : 0;
-    declare.durable = queue.durable ? 1 : 0;
-    declare.exclusive = queue.exclusive ? 1 : 0;
-    declare.auto_delete = queue.autoDelete ? 1 : 0;
-    declare.arguments = ToAmqp(queue.arguments, pool);
-    connection.Send(channel, AMQP_QUEUE_DECLARE_METHOD, declare);
-}
-
-} // namespace
-
-void ConsumeLink::DeclareExchange(const Request& request)
-{
-    Call(
-        request, AMQP_EXCHANGE_DECLARE_METHOD,
-        [request](AmqpConnection& connection, std::uint16_t channel)
-        { SendDeclareExchange(request->exchange, connection, channel); });
+    m_rpc->Call(ToRpc(request, [this, request](const RpcReply& reply) { OnReply(request, reply); }));
 }
 
 void ConsumeLink::DeclareQueue(const Request& request)
@@ -547,20 +474,18 @@ void ConsumeLink::DeclareQueue(const Request& request)
         HoldBack(request);
         return;
     }
-    m_rpc->Call(
-        {AMQP_QUEUE_DECLARE_METHOD,
-         [request](AmqpConnection& connection, std::uint16_t channel)
-         { SendDeclareQueue(request->queue, connection, channel); },
-         [this, request](const RpcReply& reply)
-         {
-             const bool wanted = request->restoring ? !m_restoration.IsGivenUp(*request) : request->done != nullptr;
-             if (!reply.ok || request->queue.prefetch == 0 || !m_consuming || !wanted)
-             {
-                 OnReply(request, reply);
-                 return;
-             }
-             Consume(request);
-         }});
+    m_rpc->Call(ToRpc(
+        request,
+        [this, request](const RpcReply& reply)
+        {
+            const bool wanted = request->restoring ? !m_restoration.IsGivenUp(*request) : request->done != nullptr;
+            if (!reply.ok || request->queue.prefetch == 0 || !m_consuming || !wanted)
+            {
+                OnReply(request, reply);
+                return;
+            }
+            Consume(request);
+        }));
 }
 
 void ConsumeLink::Consume(const Request& request)
@@ -674,19 +599,11 @@ void ConsumeLink::DeclareBaseAgain()
     const auto ignore = [](const RpcReply&) {};
     for (const ExchangeSpec& exchange : m_base.exchanges)
     {
-        m_rpc->Call(
-            {AMQP_EXCHANGE_DECLARE_METHOD,
-             [exchange](AmqpConnection& connection, std::uint16_t channel)
-             { SendDeclareExchange(exchange, connection, channel); },
-             ignore});
+        m_rpc->Call(ToRpc(ToRestore(exchange), ignore));
     }
     for (const QueueSpec& queue : m_base.ownQueues)
     {
-        m_rpc->Call(
-            {AMQP_QUEUE_DECLARE_METHOD,
-             [queue](AmqpConnection& connection, std::uint16_t channel)
-             { SendDeclareQueue(queue, connection, channel); },
-             ignore});
+        m_rpc->Call(ToRpc(ToRestore(queue), ignore));
     }
 }
 
@@ -852,16 +769,13 @@ void ConsumeLink::ConsumeAgain(const std::string& queue, bool rebind)
     const auto found = m_consumed.find(queue);
     if (found != m_consumed.end())
     {
-        auto request = std::make_shared<TopologyRequest>();
-        request->kind = Kind::declareQueue;
-        request->restoring = true;
-        request->queue = found->second;
+        const Request request = ToRestore(found->second);
         if (rebind)
         {
             request->done = [this, queue](const RequestResult&, const QueueCounts&)
             { m_restoration.AddBindings(m_listener.OnConnected(), queue); };
         }
-        m_restoration.Add(std::move(request));
+        m_restoration.Add(request);
     }
     Pump();
 }

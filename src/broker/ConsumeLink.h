@@ -74,8 +74,6 @@ class ConsumeLink : private AmqpConnectionHandler
 
     void Pump();
     void Execute(const Request& request);
-    void Call(const Request& request, std::uint32_t method, decltype(Rpc::send) send);
-    void DeclareExchange(const Request& request);
     void DeclareQueue(const Request& request);
     void Consume(const Request& request);
     void WatchConsumer(const std::string& queue);

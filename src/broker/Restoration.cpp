@@ -5,19 +5,6 @@ namespace VtxQel
 
 using Kind = TopologyRequest::Kind;
 
-namespace
-{
-
-Restoration::Request Item(Kind kind)
-{
-    auto request = std::make_shared<TopologyRequest>();
-    request->kind = kind;
-    request->restoring = true;
-    return request;
-}
-
-} // namespace
-
 void Restoration::Begin(const DesiredTopology& desired)
 {
     Abandon();
@@ -25,24 +12,20 @@ void Restoration::Begin(const DesiredTopology& desired)
     m_step = Step::exchanges;
     for (const ExchangeSpec& exchange : desired.exchanges)
     {
-        Items(Step::exchanges).push_back(Item(Kind::declareExchange));
-        Items(Step::exchanges).back()->exchange = exchange;
+        Items(Step::exchanges).push_back(ToRestore(exchange));
     }
     for (const QueueSpec& queue : desired.ownQueues)
     {
-        Items(Step::ownQueues).push_back(Item(Kind::declareQueue));
-        Items(Step::ownQueues).back()->queue = queue;
+        Items(Step::ownQueues).push_back(ToRestore(queue));
         m_ownQueues.insert(queue.name);
     }
     for (const Binding& binding : desired.bindings)
     {
-        Items(Step::bindings).push_back(Item(Kind::bind));
-        Items(Step::bindings).back()->binding = binding;
+        Items(Step::bindings).push_back(ToRestore(binding));
     }
     for (const QueueSpec& queue : desired.applicationQueues)
     {
-        Items(Step::applicationQueues).push_back(Item(Kind::declareQueue));
-        Items(Step::applicationQueues).back()->queue = queue;
+        Items(Step::applicationQueues).push_back(ToRestore(queue));
     }
 }
 
@@ -64,8 +47,7 @@ void Restoration::AddBindings(const DesiredTopology& desired, const std::string&
     {
         if (binding.queue == queue)
         {
-            Items(Step::bindings).push_back(Item(Kind::bind));
-            Items(Step::bindings).back()->binding = binding;
+            Items(Step::bindings).push_back(ToRestore(binding));
         }
     }
     if (m_step > Step::bindings)

@@ -24,7 +24,36 @@ bool CanBeSent(const std::string& name)
     return name.size() <= LONGEST_NAME && IsUtf8(name);
 }
 
+std::shared_ptr<TopologyRequest> Restoring(Kind kind)
+{
+    auto request = std::make_shared<TopologyRequest>();
+    request->kind = kind;
+    request->restoring = true;
+    return request;
+}
+
 } // namespace
+
+std::shared_ptr<TopologyRequest> ToRestore(const ExchangeSpec& exchange)
+{
+    auto request = Restoring(Kind::declareExchange);
+    request->exchange = exchange;
+    return request;
+}
+
+std::shared_ptr<TopologyRequest> ToRestore(const QueueSpec& queue)
+{
+    auto request = Restoring(Kind::declareQueue);
+    request->queue = queue;
+    return request;
+}
+
+std::shared_ptr<TopologyRequest> ToRestore(const Binding& binding)
+{
+    auto request = Restoring(Kind::bind);
+    request->binding = binding;
+    return request;
+}
 
 std::string TopologyRequest::ToString() const
 {

@@ -54,6 +54,11 @@ struct TopologyRequest
     std::string ToString() const;
 };
 
+/** Requests that make something again on a new connection. */
+std::shared_ptr<TopologyRequest> ToRestore(const ExchangeSpec& exchange);
+std::shared_ptr<TopologyRequest> ToRestore(const QueueSpec& queue);
+std::shared_ptr<TopologyRequest> ToRestore(const Binding& binding);
+
 /** What the broker's reply means for a request. */
 enum class Outcome
 {
