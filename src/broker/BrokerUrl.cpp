@@ -31,8 +31,9 @@ BrokerUrl BrokerUrl::Parse(const std::string& url)
 {
     // The library decodes the text in place.
     std::vector<char> text(url.c_str(), url.c_str() + url.size() + 1);
-    amqp_connection_info info{};
-    amqp_default_connection_info(&info);
+    amqp_connection_info defaults{};
+    amqp_default_connection_info(&defaults);
+    amqp_connection_info info = defaults;
     if (url.find('\0') != std::string::npos || amqp_parse_url(text.data(), &info) != AMQP_STATUS_OK)
     {
         throw RmqConnectionException(
@@ -46,6 +47,7 @@ BrokerUrl BrokerUrl::Parse(const std::string& url)
     result.vhost = *info.vhost == '\0' ? "/" : info.vhost;
     result.user = info.user;
     result.password = info.password;
+    result.namesUser = info.user != defaults.user;
     result.tls = info.ssl != 0;
     return result;
 }

@@ -14,6 +14,8 @@ struct BrokerUrl
     std::string vhost;
     std::string user;
     std::string password;
+    /** The URL says which user, rather than leaving the broker's default. */
+    bool namesUser = false;
     bool tls = false;
 
     /** Reads an amqp:// or amqps:// URL. @throws RmqConnectionException, without the URL's secrets, when malformed. */

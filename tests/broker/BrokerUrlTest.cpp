@@ -29,6 +29,14 @@ TEST(BrokerUrl, DefaultsArePortAndVirtualHostOfTheScheme)
     EXPECT_EQ(BrokerUrl::Parse("amqp://h/%2f").vhost, "/");
 }
 
+TEST(BrokerUrl, AUserThatIsNamedIsToldFromTheDefault)
+{
+    EXPECT_TRUE(BrokerUrl::Parse("amqps://guest@h").namesUser);
+    EXPECT_TRUE(BrokerUrl::Parse("amqps://guest:guest@h").namesUser);
+    EXPECT_FALSE(BrokerUrl::Parse("amqps://h").namesUser);
+    EXPECT_EQ(BrokerUrl::Parse("amqps://h").user, "guest");
+}
+
 TEST(BrokerUrl, PrintableFormHasNoSecrets)
 {
     EXPECT_EQ(BrokerUrl::Parse("amqp://user:secret@h:1/v").Printable(), "amqp://h:1/v");

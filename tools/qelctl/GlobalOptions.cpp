@@ -6,6 +6,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -31,6 +32,34 @@ std::string ReadPassword(const std::string& file)
             ": give a file whose first line is the password");
     }
     return line;
+}
+
+/** The options of the TLS files. */
+constexpr std::array<std::pair<const char*, std::string TlsFiles::*>, 3> tlsOptions{
+    {{"--ca-file", &TlsFiles::caFile},
+     {"--certificate-file", &TlsFiles::certificateFile},
+     {"--key-file", &TlsFiles::keyFile}}};
+
+void CheckTls(const TlsFiles& files)
+{
+    if (files.certificateFile.empty() != files.keyFile.empty())
+    {
+        throw UsageError("--certificate-file and --key-file belong together: give both or neither");
+    }
+    std::string problems;
+    for (const TlsFault& fault : FindTlsFaults(files))
+    {
+        for (const auto& [option, file] : tlsOptions)
+        {
+            problems += file == fault.file
+                            ? std::string(problems.empty() ? "" : "\n") + option + " " + files.*file + " " + fault.why
+                            : "";
+        }
+    }
+    if (!problems.empty())
+    {
+        throw Failure(problems);
+    }
 }
 
 } // namespace
@@ -64,8 +93,9 @@ std::string GlobalOptions::User() const
     }
     try
     {
-        const std::string user = BrokerUrl::Parse(brokerUrl).user;
-        return tls.certificateFile.empty() ? user : "";
+        const BrokerUrl url = BrokerUrl::Parse(brokerUrl);
+        const bool byCertificate = url.tls && !tls.certificateFile.empty();
+        return byCertificate && !url.namesUser ? "" : url.user;
     }
     catch (const QelException& error)
     {
@@ -77,6 +107,7 @@ LinkSettings GlobalOptions::ToLinkSettings(const std::string& purpose) const
 {
     // A malformed URL is told from an unreachable broker here.
     User();
+    CheckTls(tls);
     LinkSettings settings;
     settings.urls = {brokerUrl};
     const char* password = std::getenv("QEL_BROKER_PASSWORD");

@@ -34,12 +34,14 @@ struct GlobalOptions
 
     /**
      * The link settings of these options.
-     * @throws UsageError when no broker is named or the URL is malformed, Failure when the password cannot be read.
+     * @throws UsageError when no broker is named, the URL is malformed, or one of certificate and key is missing;
+     * Failure when the password or a TLS file cannot be used.
      */
     LinkSettings ToLinkSettings(const std::string& purpose) const;
 
     /**
-     * The user that the broker knows us by, for the user-id of messages; empty when only a certificate may tell.
+     * The user that the broker knows us by, for the user-id of messages; empty when only the certificate tells, because
+     * we log in with one and the URL does not name the user that the broker takes from it.
      * @throws UsageError as above.
      */
     std::string User() const;
