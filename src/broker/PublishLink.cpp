@@ -22,7 +22,8 @@ constexpr std::chrono::milliseconds TICK{100};
 /** How long a channel may nack the same message: at first, and at most when new channels do not help. */
 constexpr std::chrono::milliseconds NACKS{1000};
 constexpr std::chrono::milliseconds NACKS_CAP{30000};
-constexpr std::chrono::seconds DRAIN{1};
+/** How long a channel that is to be closed may answer nothing of what is on its way. */
+constexpr std::chrono::milliseconds DRAIN{500};
 
 } // namespace
 
@@ -235,6 +236,10 @@ void PublishLink::OnConfirm(std::uint64_t tag, bool multiple, bool ack)
     {
         throw RmqConnectionException("received a confirm of something that was not published");
     }
+    if (m_drainingSince)
+    {
+        m_drainingSince = Clock::now();
+    }
     for (std::uint64_t each = multiple ? m_firstTag : tag; each <= tag; ++each)
     {
         if (each >= m_firstTag)
@@ -267,6 +272,7 @@ void PublishLink::Confirm(PublicationPtr publication, bool ack)
     {
         // The broker could not take it now; the next tick sends it again.
         publication->returned = false;
+        publication->nacked = true;
         publication->nackedAt = publication->nackedAt.value_or(Clock::now());
         m_nacked.push_back(std::move(publication));
     }
@@ -505,26 +511,32 @@ void PublishLink::SendNackedAgain()
  */
 void PublishLink::WatchNacks(Clock::time_point now)
 {
+    bool nacked = false;
     std::optional<Clock::time_point> oldest;
     ForEach(
         [&](const Publication& publication)
         {
+            nacked = nacked || publication.nacked;
             if (publication.nackedAt)
             {
                 oldest = std::min(oldest.value_or(now), *publication.nackedAt);
             }
         });
-    if (!oldest)
+    if (!nacked)
     {
         m_nackPatience = NACKS;
     }
-    else if (m_ready && !m_drainingSince && now - *oldest >= m_nackPatience)
+    if (oldest && m_ready && !m_drainingSince && now - *oldest >= m_nackPatience)
     {
         m_drainingSince = now;
     }
-    if (m_drainingSince && (m_unconfirmed == 0 || now - *m_drainingSince >= DRAIN))
+    if (m_drainingSince && m_unconfirmed == 0)
     {
         Reopen();
+    }
+    else if (m_drainingSince && now - *m_drainingSince >= DRAIN)
+    {
+        Renew();
     }
 }
 
@@ -537,6 +549,15 @@ void PublishLink::Reopen()
     m_reopening = true;
     m_connection->Send(
         CHANNEL, AMQP_CHANNEL_CLOSE_METHOD, amqp_channel_close_t{AMQP_REPLY_SUCCESS, ToAmqp("nacks"), 0, 0});
+}
+
+/** The channel waits for a node that is out of reach, once for each message, and would do so before it is closed. */
+void PublishLink::Renew()
+{
+    QEL_LOG(vtx::LevelStatus, "The broker does not take messages for a queue; trying a new connection");
+    m_nackPatience = std::min(2 * m_nackPatience, NACKS_CAP);
+    m_moving = true;
+    m_connection->Abort("the channel does not answer", EndCause::unanswered);
 }
 
 void PublishLink::CheckIdle()

@@ -35,7 +35,9 @@ struct Publication
      * so that the broker's answer is about it.
      */
     bool suspect = false;
-    /** When the broker could not take it for the first time on this channel. */
+    /** The broker could not take it at some time. */
+    bool nacked = false;
+    /** When that was so for the first time on this channel. */
     std::optional<std::chrono::steady_clock::time_point> nackedAt;
 };
 
@@ -101,6 +103,7 @@ class PublishLink : private AmqpConnectionHandler
     void SendNackedAgain();
     void WatchNacks(std::chrono::steady_clock::time_point now);
     void Reopen();
+    void Renew();
     template <typename Visit>
     void ForEach(Visit visit);
     void CheckIdle();
@@ -137,7 +140,10 @@ class PublishLink : private AmqpConnectionHandler
     bool m_suspectOnItsWay = false;
     /** How long something may be nacked again and again before the channel is opened anew. */
     std::chrono::milliseconds m_nackPatience;
-    /** Since when nothing is sent, so that the channel can be opened anew with nothing on its way. */
+    /**
+     * Set while nothing is sent, so that the channel can be opened anew with nothing on its way: since when the broker
+     * has not answered.
+     */
     std::optional<std::chrono::steady_clock::time_point> m_drainingSince;
     boost::asio::steady_timer m_tick;
     bool m_ticking = false;
