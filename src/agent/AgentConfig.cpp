@@ -86,6 +86,8 @@ void ReadUrls(StrictToml& toml, AgentConfig& config)
     {
         toml.Fail("broker.urls", "must list at least one URL, for example [\"amqp://127.0.0.1:5672\"]");
     }
+    std::size_t encrypted = 0;
+    std::size_t exposed = 0;
     for (const std::string& text : config.broker.link.urls)
     {
         try
@@ -97,8 +99,10 @@ void ReadUrls(StrictToml& toml, AgentConfig& config)
                     "broker.urls holds a password for " + Printable(url.host) +
                     ": use broker.user and broker.password_file");
             }
+            encrypted += url.tls ? 1 : 0;
             if (!url.tls && !IsLoopback(url.host))
             {
+                ++exposed;
                 config.warnings.push_back(
                     "the connection to " + Printable(url.host) + " is not encrypted: use amqps:// and broker.tls");
             }
@@ -107,6 +111,11 @@ void ReadUrls(StrictToml& toml, AgentConfig& config)
         {
             toml.Fail("broker.urls", error.what());
         }
+    }
+    if (encrypted > 0 && exposed > 0)
+    {
+        config.warnings.emplace_back("broker.urls mixes amqps:// and amqp://: who keeps the agent from the encrypted "
+                                     "ones is told its password by the other");
     }
 }
 

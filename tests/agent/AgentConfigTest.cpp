@@ -142,6 +142,15 @@ TEST_F(AgentConfigTest, AnUnencryptedConnectionToAnotherHostIsWarnedOf)
     EXPECT_NE(config.warnings.front().find("not encrypted"), std::string::npos);
 }
 
+TEST_F(AgentConfigTest, EncryptedAndUnencryptedUrlsTogetherAreWarnedOf)
+{
+    const auto warningsOf = [this](const std::string& urls)
+    { return Load("[agent]\nid = \"h1\"\n[broker]\nurls = [" + urls + "]\n").warnings; };
+    EXPECT_NE(warningsOf(R"("amqps://a.example", "amqp://b.example")").back().find("mixes amqps"), std::string::npos);
+    EXPECT_EQ(warningsOf(R"("amqps://a.example", "amqps://b.example")").size(), 0U);
+    EXPECT_EQ(warningsOf(R"("amqps://a.example", "amqp://localhost")").size(), 0U);
+}
+
 TEST_F(AgentConfigTest, AClientCertificateNeedsItsKey)
 {
     std::ofstream(folder / "cert.pem") << "x";

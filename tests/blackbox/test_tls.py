@@ -3,6 +3,7 @@
 import collections
 import json
 import os
+import re
 import shutil
 import signal
 import subprocess
@@ -10,8 +11,9 @@ import subprocess
 import pytest
 
 from support.certificates import Authority
-from support.paths import program
+from support.paths import ROOT, program
 from support.plane import ManagementPlane
+from testbed.processes import free_ports
 from testbed.rabbitnode import RabbitNode
 
 LOGINS = ["auth_mechanisms.1 = PLAIN", "auth_mechanisms.2 = EXTERNAL", "ssl_cert_login_from = common_name"]
@@ -261,3 +263,26 @@ def test_qelctl_names_files_that_cannot_be_used(world, pki):
     alone = qelctl(world.node.tls_url(), "--certificate-file", ours.file, "ping", "x")
     assert alone.returncode == 2
     assert "--key-file" in alone.stderr
+
+
+def test_the_documented_example_works(lonely_world, tmp_path):
+    text = (ROOT / "docs" / "configuration.md").read_text(encoding="utf-8")
+    section = text[text.index("### TLS"):]
+    blocks = re.findall(r"```(sh|ini|toml)\n(.*?)```", section, re.S)
+    (_, making), (_, broker_file), (_, letting_in), (_, agent_file) = blocks[:4]
+    subprocess.run(["sh", "-e", "-c", making], cwd=tmp_path, check=True, capture_output=True)
+
+    port = free_ports(1)[0]
+    config = broker_file.replace("/etc/rabbitmq", str(tmp_path)).replace("= 5671", f"= 127.0.0.1:{port}")
+    plugin = re.search(r"rabbitmq-plugins enable (\w+)", letting_in)[1]
+    node = lonely_world.own_node(config_lines=config.splitlines(), plugins=[plugin])
+    ctl = node.write_ctl_script(tmp_path / "rabbitmqctl")
+    commands = letting_in.replace(f"rabbitmq-plugins enable {plugin}", "").replace("rabbitmqctl", str(ctl))
+    subprocess.run(["sh", "-e", "-c", commands], check=True, capture_output=True)
+
+    files = dict(re.findall(r'(\w+_file) = "/etc/qel/(.+)"', agent_file))
+    assert set(files) == {"ca_file", "certificate_file", "key_file"}
+    agent = lonely_world.agent({"broker.tls": {key: tmp_path / name for key, name in files.items()}},
+                               urls=f"amqps://localhost:{port}/")
+    assert {connection.user for connection in connections_of(node, agent)} == {"host-1"}
+    assert not agent.log_lines("warning qel")
