@@ -81,7 +81,7 @@ void ConfigurationLog::Save()
     if (!saved && !m_saveFailed)
     {
         QEL_LOG(
-            vtx::LevelWarning, "%s cannot be written: after a restart the configurations' hashes will not be known",
+            vtx::LevelWarning, "the configurations' hashes will not be known after a restart: %s takes no data",
             m_file.c_str());
     }
     m_saveFailed = !saved;
