@@ -22,6 +22,8 @@ constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
+/** In this time a quorum queue has worked off the acknowledgements that it got. */
+constexpr Milliseconds WORKED_OFF{1000};
 
 Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
 {
@@ -208,6 +210,7 @@ void ConsumeLink::OnClosed(const std::string& why)
     std::erase_if(m_heldBack, [](const auto& held) { return held.second->restoring; });
     m_consumerBackOff.clear();
     m_recovering.clear();
+    m_closingDrained = false;
     if (rpc)
     {
         const std::string url = m_source.Url(m_urlIndex).Printable();
@@ -320,7 +323,25 @@ void ConsumeLink::FlushSettlements()
     if (m_consumers)
     {
         m_consumers->Flush();
+        CloseDrainedLater();
     }
+}
+
+void ConsumeLink::CloseDrainedLater()
+{
+    if (m_closingDrained || !m_consumers->HasDrained())
+    {
+        return;
+    }
+    m_closingDrained = true;
+    After(
+        WORKED_OFF,
+        [this]
+        {
+            m_closingDrained = false;
+            m_consumers->CloseDrained(std::chrono::steady_clock::now() - WORKED_OFF);
+            CloseDrainedLater();
+        });
 }
 
 void ConsumeLink::StopConsuming()

@@ -91,6 +91,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void ConsumeAgain(const std::string& queue, bool rebind);
     bool IsStillInUse(TopologyRequest& request) const;
     void CheckRestored();
+    void CloseDrainedLater();
 
     boost::asio::io_context& m_io;
     ConnectionSource& m_source;
@@ -142,6 +143,7 @@ class ConsumeLink : private AmqpConnectionHandler
     std::map<std::string, BackOff> m_consumerBackOff;
     /** Queues whose consumer was lost and is not being made again yet. */
     std::set<std::string> m_recovering;
+    bool m_closingDrained = false;
     SilentQueues m_silent;
     /** What waits for the broker to answer for a silent queue. */
     std::multimap<std::string, Request> m_heldBack;

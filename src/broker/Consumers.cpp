@@ -134,6 +134,32 @@ void Consumers::Flush()
     }
 }
 
+bool Consumers::HasDrained() const
+{
+    return std::any_of(
+        m_channels.begin(), m_channels.end(),
+        [](const auto& channel) { return channel.second->GetState() == State::drained; });
+}
+
+bool Consumers::IsDrained() const
+{
+    return std::all_of(
+        m_channels.begin(), m_channels.end(),
+        [](const auto& channel)
+        {
+            const State state = channel.second->GetState();
+            return state == State::drained || state == State::closing || state == State::closed;
+        });
+}
+
+void Consumers::CloseDrained(std::chrono::steady_clock::time_point since)
+{
+    for (const auto& [number, channel] : m_channels)
+    {
+        channel->CloseIfDrained(since);
+    }
+}
+
 DeliveryChannel& Consumers::At(std::uint16_t channel)
 {
     const auto found = m_channels.find(channel);

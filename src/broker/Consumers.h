@@ -4,6 +4,7 @@
 #include "broker/BrokerLink.h"
 #include "broker/DeliveryChannel.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -57,6 +58,12 @@ class Consumers
     bool IsStarving() const;
     /** Sends all settlements. */
     void Flush();
+    /** Whether a cancelled consumer's channel has nothing to settle any more. */
+    bool HasDrained() const;
+    /** Whether all have been cancelled and have nothing to settle any more. */
+    bool IsDrained() const;
+    /** Closes the channels that were drained at that time. */
+    void CloseDrained(std::chrono::steady_clock::time_point since);
 
     /** @throws RmqConnectionException for a channel that is not known */
     void OnMethod(std::uint16_t channel, const amqp_method_t& method);

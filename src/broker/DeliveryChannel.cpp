@@ -77,6 +77,7 @@ bool DeliveryChannel::Accept(std::uint64_t tag)
     {
         throw RmqConnectionException("received delivery tag " + std::to_string(tag) + " out of order");
     }
+    m_state = m_state == State::drained ? State::draining : m_state;
     return true;
 }
 
@@ -103,14 +104,23 @@ void DeliveryChannel::Flush()
         });
     if (m_state == State::draining)
     {
-        DrainOrClose();
+        Drain();
     }
 }
 
-void DeliveryChannel::DrainOrClose()
+void DeliveryChannel::Drain()
 {
     m_state = State::draining;
     if (m_tags.Unsettled() == 0 && !m_tags.HasNews())
+    {
+        m_state = State::drained;
+        m_drainedAt = std::chrono::steady_clock::now();
+    }
+}
+
+void DeliveryChannel::CloseIfDrained(std::chrono::steady_clock::time_point since)
+{
+    if (m_state == State::drained && m_drainedAt <= since)
     {
         Close();
     }
@@ -143,14 +153,14 @@ DeliveryChannel::Event DeliveryChannel::OnMethod(const amqp_method_t& method)
     case AMQP_BASIC_CANCEL_METHOD:
         if (m_state == State::starting || m_state == State::consuming)
         {
-            DrainOrClose();
+            Drain();
             return Event::consumerCancelled;
         }
         return Event::none;
     case AMQP_BASIC_CANCEL_OK_METHOD:
         if (m_state == State::cancelling)
         {
-            DrainOrClose();
+            Drain();
             Tell(m_stopped, OK);
         }
         return Event::none;

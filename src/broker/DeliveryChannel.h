@@ -5,6 +5,7 @@
 #include "broker/RpcChannel.h"
 #include "broker/UnsettledTags.h"
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -16,10 +17,11 @@ namespace VtxQel
 /**
  * DeliveryChannel consumes one queue on a channel of its own and settles what came from it.
  *
- * It ends in one of two ways: Cancel() stops consuming and the channel stays until everything delivered is settled,
- * Release() closes it at once so that the broker puts everything unsettled back in its order. After either, or when the
- * broker cancels the consumer or closes the channel, it is of no use for consuming again: make another one. Lives on
- * the I/O thread, at most as long as its connection.
+ * It ends in one of two ways: Cancel() stops consuming and the channel stays until everything delivered is settled and
+ * CloseIfDrained() closes it (later: a quorum queue forgets acknowledgements that it has not worked off when their
+ * channel ends), Release() closes it at once so that the broker puts everything unsettled back in its order. After
+ * either, or when the broker cancels the consumer or closes the channel, it is of no use for consuming again: make
+ * another one. Lives on the I/O thread, at most as long as its connection.
  */
 class DeliveryChannel
 {
@@ -33,6 +35,8 @@ class DeliveryChannel
         cancelling,
         /** Not consuming any more; deliveries are still to be settled. */
         draining,
+        /** Nothing is to be settled any more. */
+        drained,
         closing,
         closed
     };
@@ -56,8 +60,10 @@ class DeliveryChannel
     void Settle(std::uint64_t tag, SettleAs as) { m_tags.Settle(tag, as); }
     /** Whether so much is settled and not told that the broker may have stopped sending. */
     bool IsStarving() const { return 2 * m_tags.News() >= m_prefetch; }
-    /** Sends the settlements; closes a draining channel when nothing is left. */
+    /** Sends the settlements. */
     void Flush();
+    /** Closes the channel when it was drained at that time. */
+    void CloseIfDrained(std::chrono::steady_clock::time_point since);
 
     /** @return what the broker did on its own: `consumerCancelled` asks for another channel. */
     enum class Event
@@ -75,7 +81,7 @@ class DeliveryChannel
 
   private:
     void Close();
-    void DrainOrClose();
+    void Drain();
     static void Tell(std::vector<Done>& all, const RpcReply& reply);
 
     AmqpConnection& m_connection;
@@ -89,6 +95,7 @@ class DeliveryChannel
     std::vector<Done> m_started;
     std::vector<Done> m_stopped;
     RpcReply m_closeReason;
+    std::chrono::steady_clock::time_point m_drainedAt;
 };
 
 } // namespace VtxQel

@@ -244,6 +244,25 @@ void TestLink::Send(const std::string& queue, const std::string& body)
     EXPECT_EQ(result, PublishResult::confirmed) << why;
 }
 
+void TestLink::SendMany(const std::string& queue, std::size_t count)
+{
+    std::vector<std::promise<PublishResult>> outcomes(count);
+    for (std::size_t i = 0; i < count; ++i)
+    {
+        OutgoingMessage message;
+        message.routingKey = queue;
+        message.body = std::to_string(i);
+        message.mandatory = true;
+        m_link.Publish(
+            std::move(message),
+            [&outcome = outcomes[i]](PublishResult result, const std::string&) { outcome.set_value(result); });
+    }
+    for (std::promise<PublishResult>& outcome : outcomes)
+    {
+        EXPECT_EQ(outcome.get_future().get(), PublishResult::confirmed);
+    }
+}
+
 std::uint32_t TestLink::Count(const std::string& queue)
 {
     QueueCounts counts;

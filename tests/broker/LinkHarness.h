@@ -109,6 +109,8 @@ class TestLink
     std::pair<PublishResult, std::string> Publish(OutgoingMessage message);
     /** Publishes a small message that has to be confirmed. */
     void Send(const std::string& queue, const std::string& body);
+    /** Publishes that many, numbered from 0 in their bodies, and waits until all are confirmed. */
+    void SendMany(const std::string& queue, std::size_t count);
     /** How many messages are ready in the queue. */
     std::uint32_t Count(const std::string& queue);
 

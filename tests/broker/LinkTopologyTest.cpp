@@ -249,6 +249,31 @@ TEST_F(LinkTopology, CancelQueueKeepsTheQueueAndWhatIsUnsettled)
     EXPECT_EQ(Link().Count(m_queue), 1U) << "the first was settled after the cancel and came back nevertheless";
 }
 
+TEST_F(LinkTopology, WhatIsSettledAfterTheCancelIsSettledForAQuorumQueueToo)
+{
+    constexpr std::size_t COUNT = 1000;
+    QueueSpec quorum = Queue(m_queue + ".quorum", COUNT);
+    quorum.arguments = {{"x-queue-type", RmqValue::String("quorum")}};
+    ASSERT_EQ(Link()->DeclareQueue(quorum, DEADLINE).answer, Answer::ok);
+    Link().SendMany(quorum.name, COUNT);
+    ASSERT_TRUE(Link().Listener().WaitForDeliveries(COUNT));
+    EXPECT_EQ(Link()->CancelQueue(quorum.name, DEADLINE).answer, Answer::ok);
+    std::vector<IncomingMessage> all = Link().Listener().Deliveries();
+    // Every second one first: a command to the queue for each.
+    for (const std::size_t first : {1, 0})
+    {
+        for (std::size_t i = first; i < all.size(); i += 2)
+        {
+            Link()->Settle(all[i].tag, SettleAs::ack);
+        }
+    }
+    const std::string line = quorum.name + "\t";
+    EXPECT_TRUE(Eventually(
+        [&]
+        { return Rabbitmqctl("list_queues name messages_unacknowledged").find(line + "0\n") != std::string::npos; }));
+    EXPECT_EQ(Link().Count(quorum.name), 0U) << "acknowledged messages came back when the channel was closed";
+}
+
 TEST_F(LinkTopology, ReleaseQueueGivesEverythingBackInOrder)
 {
     for (int i = 0; i < 5; ++i)
