@@ -47,7 +47,7 @@ void Application::Offer(boost::shared_ptr<Delivery> message, boost::shared_ptr<R
         return;
     }
     Item item;
-    item.bytes = message->GetBodyLength();
+    item.bytes = message->GetFootprint();
     item.tries = message->GetTries();
     item.redelivered = message->IsRedelivered() || item.tries != 0;
     item.fromParking = !message->GetParkedFor().empty();

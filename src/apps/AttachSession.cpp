@@ -327,7 +327,7 @@ void AttachSession::FillDeliveries()
     while (!m_outbox.empty() && batch.deliveries_size() < mostInBatch && m_batchBytes < mostBytesInBatch)
     {
         const SessionDelivery& next = m_outbox.front();
-        m_batchBytes += next.message->GetBodyLength();
+        m_batchBytes += next.message->GetFootprint();
         ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), *batch.add_deliveries());
         m_outbox.pop_front();
     }

@@ -83,7 +83,7 @@ class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachReques
     /** Guarded by m_mutex, like everything below; the response belongs to the write while there is one. */
     qel::apps::v1::AttachResponse m_response;
     std::deque<SessionDelivery> m_outbox;
-    /** The bodies in the response. */
+    /** What the response holds: bodies and headers. */
     std::size_t m_batchBytes = 0;
     bool m_helloTaken = false;
     bool m_welcomeDue = false;

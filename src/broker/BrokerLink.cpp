@@ -36,6 +36,7 @@ namespace
 /** The library's decoder recurses over what others send; its depth is bounded, with a wide margin to this. */
 constexpr std::size_t STACK_SIZE = std::size_t{8} << 20U;
 constexpr std::size_t SETTLEMENT_BATCH = 64;
+constexpr std::size_t SMALL_PUBLICATION = 4096;
 constexpr std::chrono::microseconds SETTLEMENT_DELAY{500};
 /** A quorum queue forgets acknowledgements that it has not worked off when their channel ends. */
 constexpr Milliseconds SETTLED{100};
@@ -270,8 +271,10 @@ bool BrokerLink::Impl::HasRoom(std::size_t bytes)
 {
     const std::size_t count = m_unconfirmed.fetch_add(1);
     const std::size_t total = m_unconfirmedBytes.fetch_add(bytes);
-    // One message of any size always fits, or a large one could never be sent.
-    if (count < m_settings.maxUnconfirmed && (count == 0 || total + bytes <= m_settings.maxUnconfirmedBytes))
+    // One message of any size always fits, or a large one could never be sent. So do small ones, which their number
+    // bounds: the answer to a ping has not to wait until a large message is confirmed.
+    if (count < m_settings.maxUnconfirmed &&
+        (count == 0 || bytes <= SMALL_PUBLICATION || total + bytes <= m_settings.maxUnconfirmedBytes))
     {
         return true;
     }

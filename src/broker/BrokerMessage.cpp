@@ -1,6 +1,7 @@
 #include "broker/BrokerMessage.h"
 
 #include "broker/Settlement.h"
+#include "common/Footprint.h"
 #include "common/MessageTypes.h"
 #include "common/Printable.h"
 #include "logging/Log.h"
@@ -110,6 +111,7 @@ BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement,
         m_tries = CountedTries();
     }
     m_body = RmqBody{m_incoming.body.size(), reinterpret_cast<const std::uint8_t*>(m_incoming.body.data())};
+    m_footprint = m_incoming.body.size() + FootprintOf(*m_incoming.properties);
     m_settlement.Hold(HeldBytes());
 }
 
@@ -123,7 +125,7 @@ BrokerMessage::~BrokerMessage()
 std::size_t BrokerMessage::HeldBytes() const
 {
     // What waits for a slow application must not keep the others' messages from being read; its prefetch bounds it.
-    return m_parkedFor.empty() ? m_incoming.body.size() : 0;
+    return m_parkedFor.empty() ? m_footprint : 0;
 }
 
 boost::shared_ptr<RmqBody> BrokerMessage::GetBody() const

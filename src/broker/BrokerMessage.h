@@ -40,6 +40,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
 
     boost::shared_ptr<RmqBody> GetBody() const override;
     std::size_t GetBodyLength() const override { return m_incoming.body.size(); }
+    std::size_t GetFootprint() const override { return m_footprint; }
     /** Asks for the name at the first call, so that messages that nobody asks cost nothing. */
     const std::string& GetAppName() const override;
     boost::shared_ptr<RmqProperties> GetProperties() const override { return m_incoming.properties; }
@@ -85,6 +86,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     Settlement& m_settlement;
     const ApplicationNames& m_names;
     std::string m_parkedFor;
+    std::size_t m_footprint = 0;
     std::uint32_t m_tries = 0;
     std::uint32_t m_failures = 0;
     mutable RmqBody m_body{};

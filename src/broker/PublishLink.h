@@ -4,6 +4,7 @@
 #include "broker/BackOff.h"
 #include "broker/ConnectionSource.h"
 #include "broker/LinkState.h"
+#include "common/Footprint.h"
 #include "common/Publisher.h"
 
 #include <boost/asio/io_context.hpp>
@@ -72,7 +73,10 @@ class PublishLink : private AmqpConnectionHandler
     void Abort();
 
     /** The size that a message counts with against the limit. */
-    static std::size_t SizeOf(const OutgoingMessage& message) { return message.body.size() + 512; }
+    static std::size_t SizeOf(const OutgoingMessage& message)
+    {
+        return message.body.size() + FootprintOf(message.properties) + 512;
+    }
 
   private:
     using PublicationPtr = std::unique_ptr<Publication>;

@@ -13,6 +13,7 @@ namespace
 {
 
 constexpr auto FIRST_DELAY = std::chrono::milliseconds(500);
+constexpr auto ROOM_DELAY = std::chrono::milliseconds(250);
 constexpr std::uint32_t MOST_DOUBLINGS = 6;
 
 std::uint64_t SecondsSinceEpoch()
@@ -215,7 +216,9 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
         m_link.Settle(copy.message->Incoming().tag, SettleAs::reject);
         return;
     }
-    const auto delay = FIRST_DELAY * (1U << std::min(copy.attempt++, MOST_DOUBLINGS));
+    // Room comes with the next confirm; trouble of the broker's may last.
+    const bool overloaded = result == PublishResult::overloaded;
+    const auto delay = overloaded ? ROOM_DELAY : FIRST_DELAY * (1U << std::min(copy.attempt++, MOST_DOUBLINGS));
     const bool missing = result == PublishResult::noRoute;
     m_worker.After(
         delay,

@@ -4,6 +4,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -49,6 +50,8 @@ class Delivery : public RmqMessage
     virtual bool IsRedelivered() const = 0;
     /** How many times it was given to a receiver before this delivery, as far as the broker or our header tells. */
     virtual std::uint32_t GetTries() const = 0;
+    /** The memory that it takes while it is held: its body and its headers. */
+    virtual std::size_t GetFootprint() const = 0;
     /** The application it was parked for, when it comes from that application's parking queue; else empty. */
     virtual const std::string& GetParkedFor() const = 0;
     /** Whether it can still be settled: the connection that it came by lives. Else the broker delivers it again. */

@@ -328,6 +328,17 @@ TEST_F(ApplicationTest, BytesOverTheBoundForAllAreParkedAtOnce)
     EXPECT_EQ(m_budget.Held().bytes, 600U);
 }
 
+TEST_F(ApplicationTest, HeadersCountAsBytes)
+{
+    AttachLive(1);
+    Offer({.body = "x"});
+    RmqProperties manyHeaders;
+    manyHeaders.headers.resize(budgetBytes);
+    Offer({.body = "y", .properties = manyHeaders});
+    EXPECT_THAT(m_log.Take(), ElementsAre("y park"));
+    EXPECT_EQ(m_budget.Held().bytes, 1U);
+}
+
 TEST_F(ApplicationTest, BytesOverItsOwnBoundAreParkedAtOnce)
 {
     ApplicationSettings settings = SettingsOf("app", 1);

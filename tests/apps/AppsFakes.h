@@ -5,6 +5,7 @@
 #include "apps/ParkingQueues.h"
 #include "apps/Timers.h"
 #include "common/Delivery.h"
+#include "common/Footprint.h"
 
 #include <boost/smart_ptr/make_shared.hpp>
 
@@ -138,6 +139,7 @@ class FakeDelivery : public Delivery
     const std::string& GetQueue() const override { return m_message.queue; }
     bool IsRedelivered() const override { return m_message.redelivered; }
     std::uint32_t GetTries() const override { return m_message.tries; }
+    std::size_t GetFootprint() const override { return GetBodyLength() + FootprintOf(*GetProperties()); }
     const std::string& GetParkedFor() const override { return m_message.parkedFor; }
     bool IsCurrent() const override { return isCurrent; }
     boost::shared_ptr<Receipt> Expect(const std::string& application) override

@@ -204,6 +204,26 @@ TEST_F(LinkPublish, TooMuchAtATimeIsOverload)
     EXPECT_EQ(m_link->Publish(Message("", m_queue)).first, PublishResult::confirmed) << "there is room again";
 }
 
+TEST_F(LinkPublish, BehindALargeMessageSmallOnesHaveRoom)
+{
+    LinkSettings settings = NodeSettings();
+    settings.maxUnconfirmedBytes = 10000;
+    Connect(settings);
+    Rabbitmqctl("set_vm_memory_high_watermark 0");
+    OutgoingMessage large = Message("", m_queue);
+    large.body.resize(20000);
+    (*m_link)->Publish(large, m_outcomes.Expect());
+    (*m_link)->Publish(large, m_outcomes.Expect());
+    OutgoingMessage manyHeaders = Message("", m_queue);
+    manyHeaders.properties.headers.resize(500, {"k", RmqValue{}});
+    (*m_link)->Publish(manyHeaders, m_outcomes.Expect());
+    (*m_link)->Publish(Message("", m_queue), m_outcomes.Expect());
+    EXPECT_TRUE(Eventually([&] { return m_outcomes.Count(PublishResult::overloaded) == 2; }));
+    Rabbitmqctl("set_vm_memory_high_watermark 0.4");
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 2);
+}
+
 TEST_F(LinkPublish, AChannelThatNacksOneQueueIsOpenedAnewWhileOthersGoOn)
 {
     Connect();
