@@ -101,9 +101,7 @@ std::optional<RawFrame> FrameBuffer::BeginLong(std::uint8_t type, std::uint16_t 
     {
         return std::nullopt;
     }
-    m_longHeader.emplace();
-    m_longHeader->channel = channel;
-    m_longHeader->left = size - BEGINNING;
+    m_longHeader = LongHeader{channel, {}, size - BEGINNING};
     std::memcpy(m_longHeader->beginning.data(), m_memory.data() + m_begin + FRAME_HEADER, BEGINNING);
     m_begin += FRAME_HEADER + BEGINNING;
     return PassOver();
