@@ -179,6 +179,8 @@ class AgentAmongFakes
     Journal& m_journal = EmptyJournal();
     Topology m_topology{m_port, m_journal, *m_info};
     Subscriptions m_subscriptions{"client", "urgent", true};
+    /** Where nothing can be written. */
+    ConfigurationLog m_log{"/dev/null/configurations"};
     const boost::shared_ptr<RoutingRegistry> m_routes = boost::make_shared<RoutingRegistry>();
     const boost::shared_ptr<LocalAppRegistry> m_registry = boost::make_shared<LocalAppRegistry>();
     const boost::shared_ptr<Fakes::FakeAppDispatcher> m_dispatcher =
@@ -186,8 +188,8 @@ class AgentAmongFakes
     const boost::shared_ptr<EndpointController> m_endpoint;
     const boost::shared_ptr<TopologyClient> m_client = boost::make_shared<TopologyClient>(m_topology);
     const boost::shared_ptr<AgentMsgHandler> m_handler = boost::make_shared<AgentMsgHandler>(
-        HandlerCollaborators{m_routes, m_registry, m_dispatcher, m_client, m_info, m_endpoint}, m_topology,
-        m_subscriptions, [](const std::string&) {});
+        HandlerCollaborators{m_routes, m_registry, m_dispatcher, m_client, m_info, m_endpoint},
+        ConfigurationKeepers{m_topology, m_subscriptions, m_log}, [](const std::string&) {});
 };
 
 } // namespace VtxQel::Fuzz

@@ -27,6 +27,9 @@ void AddNumber(std::string& bytes, std::size_t number, unsigned octets)
     }
 }
 
+/** With this bit in a frame's type its payload is followed by more zeros than fit into a frame. */
+constexpr std::uint8_t LONG_FRAME = 64;
+
 /** Makes whole frames of an input that only says type, channel, size and payload of each. */
 std::string Frames(Bytes& input)
 {
@@ -36,11 +39,12 @@ std::string Frames(Bytes& input)
         const std::uint8_t type = input.Octet();
         const std::uint8_t channel = input.Octet();
         const auto size = static_cast<std::size_t>(input.Octet()) << 8U | input.Octet();
-        const std::string_view payload = input.Take(size);
-        AddNumber(frames, type, 1);
+        std::string payload(input.Take(size));
+        payload.append((type & LONG_FRAME) != 0 ? FrameBuffer::FRAME_MAX : 0, '\0');
+        AddNumber(frames, type & ~LONG_FRAME, 1);
         AddNumber(frames, channel, 2);
         AddNumber(frames, payload.size(), 4);
-        frames.append(payload);
+        frames += payload;
         AddNumber(frames, AMQP_FRAME_END, 1);
     }
     return frames;

@@ -44,7 +44,7 @@ AmqpContent Decode(const std::string& payload)
     AmqpPool pool;
     AmqpContent content;
     content.method = AMQP_BASIC_DELIVER_METHOD;
-    AddHeader(content, {bytes.data(), bytes.size()}, pool, MAX_BODY);
+    AddHeader(content, RawFrame{AMQP_FRAME_HEADER, 1, {bytes.data(), bytes.size()}}, pool, MAX_BODY);
     return content;
 }
 
@@ -155,14 +155,14 @@ void CheckProperties(Bytes& input)
     CheckConversion(*content.properties);
     const auto incoming = [&]
     {
-        return IncomingMessage{
-            {1, 1},
-            (what & 1U) != 0 ? SilentBroker::Instance().Parking() : "client",
-            content.properties->replyTo,
-            content.properties->type,
-            (what & 2U) != 0,
-            boost::make_shared<RmqProperties>(*content.properties),
-            std::string(bodySize, 'b')};
+        IncomingMessage message;
+        message.queue = (what & 1U) != 0 ? SilentBroker::Instance().Parking() : "client";
+        message.exchange = content.properties->replyTo;
+        message.routingKey = content.properties->type;
+        message.redelivered = (what & 2U) != 0;
+        message.properties = boost::make_shared<RmqProperties>(*content.properties);
+        message.body = std::string(bodySize, 'b');
+        return message;
     };
     CheckMessage(SilentBroker::Instance().Message(incoming()));
     CheckPrinted(incoming());
