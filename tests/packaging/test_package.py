@@ -1,0 +1,196 @@
+"""From the package to a first configured application by the documentation's own commands, an upgrade with messages in
+flight, and back to nothing.
+
+The tests are the life of one host, in their order.
+"""
+
+import contextlib
+import re
+import shutil
+import subprocess
+import threading
+
+import grpc
+import pytest
+from conftest import ROOT
+from host import Host
+from support.application import GrpcApplication
+from support.plane import ManagementPlane
+from testbed.processes import wait_until
+
+APPLICATION = "example"
+UNIT = "qel-agent.service"
+
+# What the administrator does in the editor.
+EDITOR = """#!/bin/sh
+exec sed -i 's|^urls = .*|urls = ["{url}"]|; s|^user = .*|user = "{user}"|; /^\\[management\\]/,$d' "$1"
+"""
+SUDO = """#!/bin/sh
+exec "$@"
+"""
+
+
+@pytest.fixture(scope="module")
+def package(packages):
+    [found] = packages.glob("qel-agent_*.deb")
+    return found
+
+
+@pytest.fixture(scope="module")
+def host(folder):
+    made = Host(folder / "host")
+    yield made
+    made.close()
+
+
+@pytest.fixture(scope="module")
+def plane(node):
+    with ManagementPlane(node.url()) as made:
+        yield made
+
+
+def commands(page, heading):
+    """The shell commands of a chapter of the documentation."""
+    text = (ROOT / "docs" / page).read_text(encoding="utf-8").split(f"\n## {heading}\n")[1].split("\n## ")[0]
+    return re.search(r"```sh\n(.*?)```", text, re.DOTALL).group(1)
+
+
+def put_script(host, name, text):
+    script = host.path(f"usr/local/bin/{name}")
+    script.write_text(text, encoding="ascii")
+    script.chmod(0o755)
+
+
+def test_lintian_finds_no_error(package):
+    done = subprocess.run(["lintian", "--fail-on", "error", "--allow-root", package], capture_output=True, text=True,
+                          check=False)
+    assert done.returncode == 0, done.stdout + done.stderr
+
+
+def test_installed_is_not_started(host, package):
+    host.install(package)
+    assert host.owner("/etc/qel") == "root:qel 750"
+    assert host.owner("/etc/qel/apps.d") == "root:qel 750"
+    assert host.path(f"etc/systemd/system/multi-user.target.wants/{UNIT}").is_symlink()
+    assert any(UNIT in request and "start" in request for request in host.requests)
+    # There is no configuration yet.
+    assert host.supervisor is None
+
+
+def test_the_documentation_leads_to_a_running_agent(host, node):
+    broker = re.fullmatch(r"amqp://(?P<user>[^:]+):(?P<password>[^@]+)@(?P<rest>.*)", node.url())
+    put_script(host, "sudo", SUDO)
+    put_script(host, "editor", EDITOR.format(url="amqp://" + broker["rest"], user=broker["user"]))
+    script = commands("install.md", "First configuration").replace("the password", broker["password"])
+    host.run("sh", "-ec", script)
+    assert host.supervisor.is_running()
+    assert host.owner("/etc/qel/broker.password") == "root:qel 640"
+    assert host.owner("/var/lib/qel") == "qel:qel 700"
+    assert host.owner("/run/qel") == "qel:qel 755"
+    assert host.owner("/run/qel/apps/example.sock") == "qel:qel 660"
+
+
+class Agent:
+    """What the application needs to know of the host's agent."""
+
+    client_queue = "qel.client.host-1"
+
+    def __init__(self, host):
+        self._host = host
+
+    def socket(self, name):
+        return self._host.path(f"run/qel/apps/{name}.sock")
+
+    def log_tail(self):
+        return self._host.supervisor.log_tail()
+
+
+class LoyalApplication(threading.Thread):
+    """Takes every message, and attaches again whenever the agent goes away."""
+
+    def __init__(self, agent):
+        super().__init__(daemon=True)
+        self.seen = set()
+        self._agent = agent
+        self._stopping = threading.Event()
+
+    def run(self):
+        while not self._stopping.is_set():
+            with contextlib.suppress(grpc.RpcError, AssertionError), GrpcApplication(self._agent, APPLICATION) as one:
+                while not one.ended and not self._stopping.is_set():
+                    self.seen.update(one.take(patience=0.2))
+
+    def stop(self):
+        self._stopping.set()
+        self.join(60)
+        assert not self.is_alive()
+
+
+class Publisher(threading.Thread):
+    """Publishes numbered messages, each with a confirm, until it is stopped."""
+
+    def __init__(self, url):
+        super().__init__(daemon=True)
+        self.confirmed = []
+        self._url = url
+        self._stopping = threading.Event()
+
+    def run(self):
+        with ManagementPlane(self._url) as plane:
+            while not self._stopping.is_set():
+                body = str(len(self.confirmed)).encode()
+                plane.publish("qel", "orders.created", body)
+                self.confirmed.append(body)
+
+    def stop(self):
+        self._stopping.set()
+        self.join(60)
+        assert not self.is_alive()
+
+
+def newer(package, folder):
+    """The package with a higher version."""
+    tree = folder / "newer"
+    subprocess.run(["dpkg-deb", "--raw-extract", package, tree], check=True)
+    control = tree / "DEBIAN/control"
+    control.write_text(re.sub(r"(?m)^(Version: .*)$", r"\1+1", control.read_text(encoding="utf-8")), encoding="utf-8")
+    made = folder / "qel-agent_newer.deb"
+    subprocess.run(["dpkg-deb", "--build", "--root-owner-group", tree, made], check=True, stdout=subprocess.DEVNULL)
+    shutil.rmtree(tree)
+    return made
+
+
+def test_an_upgrade_loses_nothing(host, package, folder, node, plane):
+    agent = Agent(host)
+    application, publisher = LoyalApplication(agent), Publisher(node.url())
+    application.start()
+    plane.configure(agent, APPLICATION, topics=["orders.created"])
+    wait_until(lambda: "orders.created" in {key for _, _, key in node.list_bindings()}, "the topic to be bound")
+    publisher.start()
+    try:
+        wait_until(lambda: len(application.seen) > 100, "messages to flow", 60, agent.log_tail)
+        host.install(newer(package, folder))
+        assert host.supervisor.starts == 2
+        assert host.supervisor.statuses == [0]
+        so_far = len(application.seen)
+        wait_until(lambda: len(application.seen) > so_far + 100, "messages to flow again", 60, agent.log_tail)
+    finally:
+        publisher.stop()
+    wait_until(lambda: application.seen >= set(publisher.confirmed), "every confirmed message", 60, agent.log_tail)
+    application.stop()
+    print(f"{len(publisher.confirmed)} messages confirmed across the upgrade, all taken")
+    assert plane.count("qel.client.host-1.dead") == 0
+
+
+def test_removed_is_stopped_and_keeps_its_configuration(host):
+    host.run("apt-get", "remove", "-y", "-q", "qel-agent")
+    assert not host.supervisor.is_running()
+    assert host.supervisor.statuses == [0, 0]
+    assert host.path("etc/qel/qel.toml").exists()
+    assert host.path("var/lib/qel/journal.sqlite").exists()
+
+
+def test_purged_leaves_nothing(host):
+    host.run("apt-get", "purge", "-y", "-q", "qel-agent")
+    for path in ("etc/qel", "var/lib/qel", f"etc/systemd/system/multi-user.target.wants/{UNIT}"):
+        assert not host.path(path).exists() and not host.path(path).is_symlink(), path
