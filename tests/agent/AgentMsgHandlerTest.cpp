@@ -311,5 +311,30 @@ TEST_F(AgentMsgHandlerTest, AForgottenApplicationLeavesNothingButWhatOthersShare
     EXPECT_EQ(ReceiversOf("normal", "shared"), Asked{"mail"});
 }
 
+TEST_F(AgentMsgHandlerTest, EachConfigurationIsLoggedWithItsRoutesOrItsError)
+{
+    EXPECT_TRUE(Configure("web", Config({{"a", 0}, {"b", 1}}, {"jobs"})));
+    EXPECT_FALSE(handler->Callback(Message("web", "\xff\xff")));
+    EXPECT_FALSE(Configure("nobody", Config({{"a", 0}})));
+    const ConfigurationTotals totals = log->Totals();
+    EXPECT_EQ(totals.applied, 1U);
+    ASSERT_EQ(totals.recent.size(), 3U);
+    EXPECT_EQ(totals.recent[0].error, "there is no such application");
+    EXPECT_EQ(totals.recent[1].error, "the body is no configuration");
+    EXPECT_EQ(totals.recent[2].topics, 2U);
+    EXPECT_EQ(totals.recent[2].queues, 1U);
+    EXPECT_EQ(log->Of("web", "applied").hash, totals.recent[2].hash);
+}
+
+TEST_F(AgentMsgHandlerTest, AfterARestartTheHashBelongsToTheRestoredRoutes)
+{
+    Configure("web", Config({{"a", 0}, {"b", 1}, {"a", 1}}, {"jobs"}));
+    const std::string hash = log->Of("web", "applied").hash;
+    Start();
+    handler->Restore(topology->Restore([](const std::string&) { return true; }));
+    EXPECT_EQ(log->Of("web", "applied").hash, hash);
+    EXPECT_NE(hash, "");
+}
+
 } // namespace
 } // namespace VtxQel
