@@ -48,6 +48,11 @@ struct LinkSettings
      * than the broker takes to end the connection because of a queue without one (65 s).
      */
     std::chrono::milliseconds queuePatience{15000};
+    /**
+     * How long it may be silent about exchanges and own queues, without which nothing works, before another connection is
+     * tried for a first and a second time.
+     */
+    std::chrono::milliseconds ownQueuePatience{2500};
 };
 
 /** An exchange to declare. */

@@ -22,6 +22,7 @@ constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
+constexpr unsigned MOST_RENEWALS = 2;
 /** In this time a quorum queue has worked off the acknowledgements that it got. */
 constexpr Milliseconds WORKED_OFF{1000};
 
@@ -136,6 +137,7 @@ void ConsumeLink::OnOpen()
     m_restoration.Begin(desired);
     m_base = DesiredTopology{std::move(desired.exchanges), std::move(desired.ownQueues), {}, {}};
     WatchRestoration();
+    WatchBase();
     Pump();
 }
 
@@ -154,6 +156,32 @@ void ConsumeLink::WatchRestoration()
                 return;
             }
             WatchRestoration();
+        });
+}
+
+/**
+ * A node of a cluster that has just lost another asks that one for a queue and waits seconds for its answer. Asked anew
+ * it mostly knows better; what it was asked before stays stuck.
+ */
+void ConsumeLink::WatchBase()
+{
+    After(
+        m_source.Settings().ownQueuePatience,
+        [this, before = m_restoreReplies]
+        {
+            if (m_restoration.IsBaseReady() || m_renewals == MOST_RENEWALS)
+            {
+                return;
+            }
+            if (m_restoreReplies != before || !m_restoration.IsAwaited() || m_paused)
+            {
+                WatchBase();
+                return;
+            }
+            ++m_renewals;
+            m_moving = true;
+            const auto connection = m_connection;
+            connection->Abort("the broker does not answer for the agent's own queues", EndCause::unanswered);
         });
 }
 
@@ -452,6 +480,10 @@ void ConsumeLink::Pump()
 
 void ConsumeLink::CheckRestored()
 {
+    if (m_rpc && m_restoration.IsBaseReady())
+    {
+        m_renewals = 0;
+    }
     const Restored now = m_restoration.IsComplete() ? Restored::wholly : Restored::mostly;
     if (!m_rpc || !m_restoration.IsDone() || !m_recovering.empty() || now == m_restored)
     {

@@ -70,6 +70,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void Connect();
     void ConnectLater();
     void WatchRestoration();
+    void WatchBase();
     void GiveUp();
 
     void Pump();
@@ -135,6 +136,8 @@ class ConsumeLink : private AmqpConnectionHandler
         wholly
     };
     Restored m_restored = Restored::no;
+    /** Connections left early since the base was ready. */
+    unsigned m_renewals = 0;
     /** Answers to what was being restored, so that silence can be told from slowness. */
     std::uint64_t m_restoreReplies = 0;
     bool m_pumping = false;

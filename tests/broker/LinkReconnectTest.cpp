@@ -172,6 +172,26 @@ TEST_F(LinkReconnect, AnOwnQueueThatIsRefusedIsTriedUntilItCanBeMade)
     EXPECT_TRUE(Listener().WaitForRestored(2));
 }
 
+TEST_F(LinkReconnect, ABrokerThatIsSilentAboutAnOwnQueueIsSoonAskedAgain)
+{
+    const std::string queue = Unique("own");
+    DesiredTopology desired;
+    desired.ownQueues = {Queue(queue, 10)};
+    desired.ownQueues[0].arguments = {{"x-queue-type", RmqValue::String("quorum")}};
+    TestLink link(desired);
+    Rabbitmqctl("eval \"sys:suspend('%2F_" + queue + "').\"");
+    CloseConnections();
+    EXPECT_TRUE(link.Listener().WaitForDisconnect(1));
+    for (const std::size_t number : {2, 3})
+    {
+        EXPECT_THAT(link.Listener().WaitForDisconnect(number).value_or(""), HasSubstr("own queues"));
+    }
+    Rabbitmqctl("eval \"sys:resume('%2F_" + queue + "').\"");
+    ASSERT_TRUE(link.Listener().WaitForRestored(2));
+    link.Send(queue, "delivered");
+    EXPECT_TRUE(link.Listener().WaitForDeliveries(1));
+}
+
 TEST_F(LinkReconnect, ABrokerThatRestartsIsFoundAgain)
 {
     m_link->Send(m_queue, "x");
