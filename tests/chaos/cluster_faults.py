@@ -17,12 +17,17 @@ KEPT = ["beta.normal", "shared", "from.alpha"]
 CHURN_POOL = 20
 CHURN_SIZE = 5
 # How often each is chosen at random.
-FAULTS = {"killed": 4, "bounced": 3, "stopped in order": 2, "isolated": 4, "cut off from the other nodes": 4, "hung": 4,
+FAULTS = {"killed": 4, "bounced": 3, "upgraded": 2, "isolated": 4, "cut off from the other nodes": 4, "hung": 4,
           "two killed": 1, "all killed": 1}
 # Those that the cluster survives by itself; with the longest gap that users are told to expect, in seconds.
-EXPECTED = {"killed": 2.0, "bounced": 2.0, "stopped in order": 2.0, "isolated": 15.0,
+EXPECTED = {"killed": 2.0, "bounced": 2.0, "upgraded": 2.0, "isolated": 15.0,
             "cut off from the other nodes": 15.0, "hung": 15.0}
+REPAIR_PATIENCE = 60.0
 SILENT = ("isolated", "cut off from the other nodes", "hung")
+# How long faults last that are noticed at once, and silent ones; the short ones outlast the heartbeats all the same.
+Lengths = collections.namedtuple("Lengths", "noticed silent")
+USUAL = Lengths((2.0, 8.0), (3.0, 25.0))
+SHORT = Lengths((1.0, 2.0), (11.0, 13.0))
 
 
 def populate(scene):
@@ -42,7 +47,7 @@ def populate(scene):
         to_work,
     ], RATE, publishers=len(scene.cluster.nodes))
     scene.publish_upstream("alpha", UPSTREAM_RATE, [scene.destination("from.alpha", {"beta": client}), to_work])
-    scene.wait_for_cluster()
+    scene.wait_for_cluster(RECOVERY_PATIENCE)
     scene.wait_for_flow()
 
 
@@ -53,10 +58,12 @@ class ClusterFaults:
         self._scene = scene
         self._random = random
         self._say = say
+        self._lengths = USUAL
         self._gaps = collections.defaultdict(list)
 
     def each_once(self):
         """Every fault that a cluster survives, at the node with the leader, with a change of configuration."""
+        self._lengths = SHORT
         for kind in EXPECTED:
             self._strike(kind, self._leader())
         self._say_figures()
@@ -90,15 +97,19 @@ class ClusterFaults:
         began = time.monotonic()
         if self._random.random() < 0.5:
             self._reconfigure()
-        getattr(self, "_" + kind.replace(" ", "_"))(victim)
-        undone = time.monotonic()
-        repaired = self._wait_for_cluster(victim)
-        scene.check_recovered()
+        what = f"{victim.address} {kind} ({role})"
+        try:
+            getattr(self, "_" + kind.replace(" ", "_"))(victim)
+            undone = time.monotonic()
+            repaired = self._wait_for_cluster(victim)
+            scene.check_recovered()
+        except Exception:
+            self._say(f"{what}: did not end well")
+            raise
         delivered, confirmed = [gaps.take() for gaps in self._streams()]
         self._gaps[kind].append((delivered, confirmed))
-        self._say(f"{victim.address} {kind} ({role}) for {undone - began:.1f} s, all well "
-                  f"{time.monotonic() - undone:.1f} s later{repaired}; longest gap of deliveries {delivered:.1f} s, of "
-                  f"confirms through the agent {confirmed:.1f} s")
+        self._say(f"{what} for {undone - began:.1f} s, all well {time.monotonic() - undone:.1f} s later{repaired}; "
+                  f"longest gap of deliveries {delivered:.1f} s, of confirms through the agent {confirmed:.1f} s")
         if not scene.agent.running():
             raise Violation(f"the agent has ended\n{scene.agent.log_tail()}")
 
@@ -106,16 +117,17 @@ class ClusterFaults:
         """Waits until the cluster is whole again, and helps it as an operator has to.
 
         A node that was stopped for longer than the others believe in it goes on without having noticed, and the cluster
-        stays partitioned until the node's application is restarted.
+        stays partitioned. One that has paused may get stuck on its way back. Both need a restart.
         """
-        if self._scene.wait_for_cluster():
+        trouble = self._scene.wait_for_cluster(REPAIR_PATIENCE)
+        if not trouble:
             return ""
         self._scene.repairs += 1
-        victim.ctl("stop_app")
-        victim.ctl("start_app")
-        if not self._scene.wait_for_cluster():
-            raise Violation(f"the cluster stays partitioned\n{victim.log_tail()}")
-        return ", its application restarted because the cluster was partitioned"
+        victim.kill()
+        victim.start()
+        if self._scene.wait_for_cluster(RECOVERY_PATIENCE):
+            raise Violation(f"the cluster stays {trouble}\n{victim.log_tail()}")
+        return f", restarted because the cluster was {trouble}"
 
     def _streams(self):
         return self._scene.applications["beta"].gaps, self._scene.upstream.gaps
@@ -130,7 +142,7 @@ class ClusterFaults:
         self._scene.plane.configure("beta", KEPT + [f"beta.churn.{number}" for number in names], ["work.chaos"])
 
     def _hold(self, kind):
-        time.sleep(self._random.uniform(3.0, 25.0) if kind in SILENT else self._random.uniform(2.0, 8.0))
+        time.sleep(self._random.uniform(*(self._lengths.silent if kind in SILENT else self._lengths.noticed)))
 
     def _killed(self, victim):
         victim.kill()
@@ -142,9 +154,13 @@ class ClusterFaults:
         self._hold("bounced")
         victim.ctl("start_app")
 
-    def _stopped_in_order(self, victim):
+    def _upgraded(self, victim):
+        """As an upgrade goes: the node hands over what it leads, sends its clients away, stops, and starts again."""
+        drained = victim.tool("rabbitmq-upgrade", "drain")
+        if drained.returncode != 0:
+            raise Violation(f"{victim.name} could not be drained: {drained.stdout}{drained.stderr}")
         victim.stop()
-        self._hold("stopped in order")
+        self._hold("upgraded")
         victim.start()
 
     def _isolated(self, victim):

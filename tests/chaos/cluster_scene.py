@@ -7,7 +7,7 @@ from testbed.network import PrivateNetwork
 from testbed.processes import ProcessFailed, wait_until
 from testbed.rabbitcluster import RabbitCluster
 
-from .scene import PREFETCH, RECOVERY_PATIENCE, WINDOW, Scene
+from .scene import PREFETCH, WINDOW, Scene
 from .upstream import Upstream
 
 # A publisher or a management plane notices a node that has gone silent in this time.
@@ -67,23 +67,25 @@ class ClusterScene(Scene):
                     return found[0]
         return None
 
-    def wait_for_cluster(self, patience=RECOVERY_PATIENCE):
+    def wait_for_cluster(self, patience):
         """Waits until every node sees all of them, and every quorum queue has all its members.
 
-        @return whether that was so; not so is a cluster that stays partitioned although the nodes reach one another
+        @return empty, or what keeps the cluster from it although the nodes reach one another
         """
-        wanted = {(len(self.cluster.nodes), "[]")}
-        seen = wait_until(lambda: self._settled_views(wanted), "the nodes to agree on who runs", patience,
-                          self.node.log_tail)
-        if seen != wanted:
-            return False
+        whole = {(len(self.cluster.nodes), "[]")}
+        try:
+            seen = wait_until(lambda: self._settled_views(whole), "the nodes to agree on who runs", patience)
+        except ProcessFailed:
+            return "stuck"
+        if seen != whole:
+            return "partitioned"
         wait_until(self._has_all_members, "the quorum queues to have all their members", patience, self.node.log_tail)
-        return True
+        return ""
 
-    def _settled_views(self, wanted):
+    def _settled_views(self, whole):
         """What the nodes see, once that is all of them, or a partition, twice in a row."""
         views = [self._views() for _ in range(2)]
-        settled = views[0] == views[1] and (views[0] == wanted or any(view[1] not in ("[]", "") for view in views[0]))
+        settled = views[0] == views[1] and (views[0] == whole or any(view[1] not in ("[]", "") for view in views[0]))
         return views[0] if settled else None
 
     def _views(self):

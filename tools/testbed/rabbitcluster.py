@@ -5,18 +5,26 @@ import os
 from .rabbitnode import RabbitNode
 
 EPMD_PORT, DIST_PORT, CTL_PORT, TLS_PORT, AMQP_PORT = 4369, 25672, 35672, 5671, 5672
+CONFIGURATION = """
+cluster_formation.peer_discovery_backend = classic_config
+cluster_formation.classic_config.nodes.1 = rabbit@broker-1
+cluster_formation.classic_config.nodes.2 = rabbit@broker-2
+cluster_formation.classic_config.nodes.3 = rabbit@broker-3
+cluster_partition_handling = pause_minority
+net_ticktime = 10
+queue_leader_locator = balanced
+"""
 
 
 class ClusterNode(RabbitNode):
     """A node of a RabbitCluster: a RabbitNode with the ports that RabbitMQ has everywhere, on its own host."""
 
-    def __init__(self, folder, host, cookie, config_lines, net_ticktime):
+    def __init__(self, folder, host, cookie, config_lines):
         super().__init__(folder, config_lines=config_lines)
         self.host = host
         self.address = host.address
         self.name = f"rabbit@{host.address}"
         self._cookie = cookie
-        self._net_ticktime = net_ticktime
         self._choose_ports()
 
     def _placed(self, command):
@@ -25,7 +33,6 @@ class ClusterNode(RabbitNode):
     def _choose_ports(self):
         super()._choose_ports()
         self._environment["RABBITMQ_USE_LONGNAME"] = "true"
-        self._environment["RABBITMQ_SERVER_ADDITIONAL_ERL_ARGS"] += f" -kernel net_ticktime {self._net_ticktime}"
 
     def _free_ports(self, count):
         # Nobody else is on this host.
@@ -34,24 +41,27 @@ class ClusterNode(RabbitNode):
 
 
 class RabbitCluster:
-    """RabbitMQ nodes that form a cluster, on hosts of a private network.
+    """Three RabbitMQ nodes, each on a host of its own in a private network, which form a cluster.
 
     with PrivateNetwork() as network, RabbitCluster("/tmp/x", network) as cluster:
         pika.BlockingConnection(pika.URLParameters(cluster.nodes[0].url()))
 
-    For the nodes everything holds that RabbitNode says. Nodes that lose sight of the majority pause.
+    configuration  lines for rabbitmq.conf, in which the hosts are called broker-1, broker-2 and broker-3
+    For the nodes everything holds that RabbitNode says.
     """
 
-    def __init__(self, folder, network, size=3, net_ticktime=10):
-        hosts = [network.add_host() for _ in range(size)]
-        lines = ["cluster_formation.peer_discovery_backend = classic_config",
-                 *(f"cluster_formation.classic_config.nodes.{number} = rabbit@{host.address}"
-                   for number, host in enumerate(hosts, 1)),
-                 "cluster_partition_handling = pause_minority",
-                 "loopback_users = none"]
+    def __init__(self, folder, network, configuration=CONFIGURATION):
+        self.hosts = {f"broker-{number}": network.add_host() for number in (1, 2, 3)}
+        lines = ["loopback_users = none", *self.with_addresses(configuration).splitlines()]
         cookie = os.urandom(16).hex()
-        self.nodes = [ClusterNode(f"{folder}/{number}", host, cookie, lines, net_ticktime)
-                      for number, host in enumerate(hosts, 1)]
+        self.nodes = [ClusterNode(f"{folder}/{number}", host, cookie, lines)
+                      for number, host in enumerate(self.hosts.values(), 1)]
+
+    def with_addresses(self, text):
+        """The text with the hosts' names replaced by their addresses."""
+        for name, host in self.hosts.items():
+            text = text.replace(name, host.address)
+        return text
 
     def __enter__(self):
         try:
