@@ -49,7 +49,8 @@ std::set<std::string> NamesOf(const std::vector<ApplicationSettings>& applicatio
 
 Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
     : m_config(std::move(config)), m_stateLock(m_config.stateDirectory), m_runtimeLock(m_config.runtimeDirectory),
-      m_timers("qel-agent-timer"), m_chores("qel-chores"), m_journal(FileIn(m_config.stateDirectory, "journal.sqlite")),
+      m_timers("qel-agent-timer"), m_chores("qel-chores"), m_memory(m_timers),
+      m_journal(FileIn(m_config.stateDirectory, "journal.sqlite")),
       m_configurations(FileIn(m_config.stateDirectory, "configurations.json")),
       m_routingRegistry(boost::make_shared<RoutingRegistry>()), m_appRegistry(boost::make_shared<LocalAppRegistry>()),
       m_subscriptions(
@@ -108,6 +109,7 @@ void Agent::Start()
     m_started = true;
     ServeAdmin();
     m_client->Start();
+    m_memory.Start();
     const std::chrono::microseconds interval = ServiceNotifier::WatchdogInterval();
     if (interval.count() > 0)
     {

@@ -7,6 +7,7 @@
 #include "agent/BrokerParking.h"
 #include "agent/ConfigurationRequests.h"
 #include "agent/DirectoryLock.h"
+#include "agent/MemoryTrimmer.h"
 #include "agent/Watchdog.h"
 #include "apps/ApplicationGateway.h"
 #include "apps/ApplicationSet.h"
@@ -80,6 +81,7 @@ class Agent
     Scheduler m_timers;
     /** For what waits for the broker: orphans, applications that are gone. */
     Scheduler m_chores;
+    MemoryTrimmer m_memory;
     Journal m_journal;
     ConfigurationLog m_configurations;
     boost::shared_ptr<RoutingRegistry> m_routingRegistry;

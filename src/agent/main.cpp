@@ -1,6 +1,7 @@
 #include "agent/Agent.h"
 #include "agent/AgentConfig.h"
 #include "agent/LogOutput.h"
+#include "agent/MemoryTrimmer.h"
 #include "apps/DropIns.h"
 #include "apps/PeerAccess.h"
 #include "common/QelException.h"
@@ -127,6 +128,7 @@ void Reload(Agent& agent, const std::string& file)
 
 int Run(const std::string& file)
 {
+    TuneAllocator();
     const sigset_t signals = AwaitedSignals();
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
