@@ -41,7 +41,9 @@ TEST(CommandLine, HelpAndVersionSucceed)
 {
     const ProgramResult help = RunQelctl({"--help"});
     EXPECT_EQ(help.status, 0);
-    for (const char* verb : {"ping", "configure", "reassign", "publish", "attach", "dead-letters"})
+    for (const char* verb :
+         {"status", "apps", "routes", "health", "log-level", "diagnostics", "ping", "configure", "reassign", "publish",
+          "attach", "dead-letters"})
     {
         EXPECT_THAT(help.out, HasSubstr(verb));
         EXPECT_EQ(RunQelctl({verb, "--help"}).status, 0) << verb;
@@ -57,7 +59,9 @@ TEST(CommandLine, TheManualPageDescribesEveryOption)
     const std::string source((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     const std::set<std::string> described = OptionsIn(std::regex_replace(source, std::regex("\\\\-"), "-"));
     std::set<std::string> offered = OptionsIn(RunQelctl({"--help"}).out);
-    for (const char* verb : {"ping", "configure", "reassign", "publish", "attach"})
+    for (const char* verb :
+         {"status", "apps", "routes", "health", "log-level", "diagnostics", "ping", "configure", "reassign", "publish",
+          "attach"})
     {
         offered.merge(OptionsIn(RunQelctl({verb, "--help"}).out));
     }
@@ -75,6 +79,9 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
     const std::vector<std::vector<std::string>> lines = {
         {},
         {"frobnicate"},
+        {"routes", "--limit", "0"},
+        {"log-level", "8"},
+        {"diagnostics"},
         {"ping"},
         {"ping", "a", "b"},
         {"ping", "a", "--count", "0", "--broker", unreachable},

@@ -1,10 +1,16 @@
+#include "AppsCommand.h"
 #include "AttachCommand.h"
 #include "ConfigureCommand.h"
 #include "DeadLettersCommand.h"
+#include "DiagnosticsCommand.h"
 #include "Failure.h"
+#include "HealthCommand.h"
+#include "LogLevelCommand.h"
 #include "PingCommand.h"
 #include "PublishCommand.h"
 #include "ReassignCommand.h"
+#include "RoutesCommand.h"
+#include "StatusCommand.h"
 
 #include <CLI/CLI.hpp>
 
@@ -40,6 +46,10 @@ int RunVerb(Command& command, const GlobalOptions& options)
     {
         return Complain(error.what(), usage);
     }
+    catch (const Failure& error)
+    {
+        return Complain(error.what(), error.Status());
+    }
     catch (const std::exception& error)
     {
         return Complain(error.what(), failed);
@@ -58,6 +68,12 @@ int main(int argc, char** argv)
     options.Register(root);
 
     std::vector<std::unique_ptr<Command>> commands;
+    commands.push_back(std::make_unique<StatusCommand>());
+    commands.push_back(std::make_unique<AppsCommand>());
+    commands.push_back(std::make_unique<RoutesCommand>());
+    commands.push_back(std::make_unique<HealthCommand>());
+    commands.push_back(std::make_unique<LogLevelCommand>());
+    commands.push_back(std::make_unique<DiagnosticsCommand>());
     commands.push_back(std::make_unique<PingCommand>());
     commands.push_back(std::make_unique<ConfigureCommand>());
     commands.push_back(std::make_unique<ReassignCommand>());

@@ -1,0 +1,109 @@
+"""What an operator on the host asks: qelctl's verbs on the admin socket."""
+
+import json
+import os
+import subprocess
+
+from support.paths import ROOT, program
+
+NO_AGENT = 3
+
+
+def qelctl(agent, *arguments, status=0):
+    """The output of a verb that ends with this status."""
+    done = subprocess.run([program("qelctl"), *arguments, "--runtime-directory", agent.runtime_directory],
+                          capture_output=True, text=True, timeout=60, check=False)
+    assert done.returncode == status, done.stdout + done.stderr
+    return done.stdout if status == 0 else done.stderr
+
+
+def configured(world):
+    agent, plane = world.agent(), world.plane()
+    alpha = world.attach(agent, "alpha")
+    plane.configure(agent, "alpha", topics=["a.one", "a.two"], queues=[f"q.{agent.agent_id}"])
+    alpha.wait_for_state("APPLIED", ["a.one", "a.two"])
+    plane.publish(agent.exchange, "a.one", b"one")
+    assert alpha.take() == [b"one"]
+    return agent
+
+
+def test_status(world):
+    agent = configured(world)
+    facts = [line.split(maxsplit=1) for line in qelctl(agent, "status").splitlines()]
+    assert ["agent", agent.agent_id] in facts
+    assert ["ready", "yes"] in facts
+    assert ["bindings", "2 in force, 0 leaving"] in facts
+    state = json.loads(qelctl(agent, "status", "--json"))
+    assert state["agent"]["id"] == agent.agent_id
+    assert state["routes"]["bindings"]["inForce"] == 2
+
+
+def test_apps(world):
+    agent = configured(world)
+    rows = [line.split() for line in qelctl(agent, "apps").splitlines()]
+    [alpha] = [row for row in rows if row[0] == "alpha"]
+    assert alpha[1] == "1" and "applied" in alpha
+    applications = {one["name"]: one for one in json.loads(qelctl(agent, "apps", "--json"))}
+    assert applications["alpha"]["configuration"]["topics"] == 2
+    assert applications["beta"]["configuration"]["state"] == "missing"
+
+
+def test_routes(world):
+    agent = configured(world)
+    text = qelctl(agent, "routes")
+    assert "a.one" in text and "a.two" in text and f"q.{agent.agent_id}" in text
+    found = json.loads(qelctl(agent, "routes", "two", "--json"))
+    assert [route["name"] for route in found["routes"]] == ["a.two"]
+    assert found["total"] == 3 and found["matching"] == 1
+    assert "1 of 3" in qelctl(agent, "routes", "--limit", "1")
+
+
+def test_health(lonely_world):
+    node = lonely_world.own_node()
+    agent = lonely_world.agent()
+    agent.wait_until(lambda: "ready" in subprocess.run(
+        [program("qelctl"), "health", "--runtime-directory", agent.runtime_directory], capture_output=True, text=True,
+        check=False).stdout, "the agent to be healthy")
+    node.stop()
+    agent.wait_for_log("ended: ")
+    assert "not ready" in qelctl(agent, "health", status=1)
+    agent.stop()
+    assert "no agent answers" in qelctl(agent, "health", status=NO_AGENT)
+
+
+def test_log_level(world):
+    agent = world.agent()
+    assert qelctl(agent, "log-level") == "6\n"
+    assert qelctl(agent, "log-level", "3") == "3\n"
+    assert json.loads(qelctl(agent, "log-level", "--json")) == {"logLevel": 3}
+    assert "LEVEL" in qelctl(agent, "log-level", "8", status=2)
+
+
+def test_diagnostics_hold_the_state_and_no_secret(world, tmp_path):
+    url, user = world.broker_user()
+    agent = world.agent(urls=url)
+    file = tmp_path / "bundle.json"
+    qelctl(agent, "diagnostics", str(file))
+    bundle = json.loads(file.read_text(encoding="utf-8"))
+    assert bundle["status"]["agent"]["id"] == agent.agent_id
+    assert "qel_" in bundle["metrics"]
+    assert "secret" not in file.read_text(encoding="utf-8"), f"the password of {user}"
+    assert "exists" in qelctl(agent, "diagnostics", str(file), status=1)
+
+
+def completions(*words):
+    """What bash offers for the last word of a command line."""
+    script = ('source "$1"; shift; COMP_WORDS=(qelctl "$@"); COMP_CWORD=$#; _qelctl; printf "%s\\n" "${COMPREPLY[@]}"')
+    environment = {**os.environ, "PATH": f"{program('qelctl').parent}:{os.environ['PATH']}"}
+    done = subprocess.run(["bash", "-c", script, "bash", ROOT / "packaging/completions/qelctl", *words], check=True,
+                          capture_output=True, text=True, env=environment)
+    return done.stdout.split()
+
+
+def test_bash_completes_verbs_and_options():
+    assert {"status", "ping", "dead-letters", "--json"} <= set(completions(""))
+    assert completions("sta") == ["status"]
+    assert completions("routes", "--lim") == ["--limit"]
+    assert completions("dead-letters", "re") == ["replay"]
+    assert "--count" in completions("ping", "--")
+    assert "--count" not in completions("status", "--")
