@@ -79,6 +79,7 @@ class Bench:
         try:
             wait_until(lambda: "welcome" in output.read_text(encoding="utf-8"), "the consumer to be attached", 30,
                        lambda: tail(output) + self.agent.log_tail())
+            wait_until(self.is_live, "the application to be done with its parking queue", 30, self.agent.log_tail)
             self.agent.signal(signal.SIGSTOP)
             self.fill()
             before = cpu_seconds(self.agent.pid)
@@ -95,6 +96,12 @@ class Bench:
             self.agent.stop()
         self.wait_for_no_connection()
         return result["messages"] / result["seconds"], used * 1e6 / result["messages"]
+
+    def is_live(self):
+        """Messages go to the application at once, not by the parking queue that it begins with."""
+        listed = subprocess.run([self.build / "tools/qelctl/qelctl", "apps", "--json", "--runtime-directory",
+                                 self.agent.runtime_directory], check=True, stdout=subprocess.PIPE, timeout=60).stdout
+        return [one["flow"] for one in json.loads(listed) if one["name"] == APPLICATION] == ["live"]
 
     def expect_left(self, count):
         """The client queue holds so many messages, acknowledgements included, and no other queue any.
