@@ -157,8 +157,9 @@ class AgentAmongFakes
         {
             bound.insert(binding.queue + " " + binding.topic);
             Require(m_routes->Find(binding.topic) != nullptr, "every topic that is bound has a route");
+            const Receivers receivers = m_subscriptions.Resolve(binding.queue, binding.topic);
             Require(
-                !m_subscriptions.Resolve(binding.queue, binding.topic).applications.empty(),
+                !receivers.applications.empty() || receivers.servedElsewhere,
                 "every topic that is bound has somebody who takes it");
         }
         Require(bound == m_port.bound, "the broker has the bindings that the topology knows");
