@@ -7,6 +7,7 @@ import pika
 import pytest
 
 from support import schema
+from support.admin import Admin
 from support.paths import program
 from support.plane import CONFIGURATION, PING, REASSIGN
 
@@ -118,6 +119,7 @@ def test_many_refusals_are_few_lines_and_every_one_is_a_dead_letter(hands):
     lines = agent.log_lines(f"refused.*dead-lettered.*{hands.stranger_user}")
     assert 1 <= len(lines) <= 1 + minutes, lines
     assert not agent.log_lines("dead-lettered for application")
+    assert Admin(agent).status()["refusedControlMessages"] == 200
 
 
 def test_without_a_list_everybody_is_obeyed(world):

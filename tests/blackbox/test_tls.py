@@ -1,6 +1,7 @@
 """TLS with a real broker: verified, with logins by password and by certificate, and certificates that change."""
 
 import collections
+import datetime
 import json
 import os
 import re
@@ -10,7 +11,8 @@ import subprocess
 
 import pytest
 
-from support.certificates import Authority
+from support.admin import Admin
+from support.certificates import Authority, not_after
 from support.paths import ROOT, program
 from support.plane import ManagementPlane
 from testbed.processes import free_ports
@@ -87,6 +89,12 @@ class Holder:
         return self.agent.log_lines(r"Connected to the broker \S+$")
 
 
+def expiries(agent):
+    """What the agent says of its certificates, in seconds since the epoch."""
+    return {each["role"]: datetime.datetime.fromisoformat(each["notAfter"].replace("Z", "+00:00")).timestamp()
+            for each in Admin(agent).status()["certificates"]}
+
+
 @pytest.mark.parametrize("host", ["localhost", "127.0.0.1"])
 def test_a_login_by_password_through_tls(world, pki, host):
     url = world.node.tls_url("guest", "guest", host)
@@ -108,6 +116,19 @@ def test_a_login_by_certificate(world, pki):
     found = connections_of(world.node, holder.agent)
     assert len(found) == 2
     assert set(found) == {Connection("holder-a", "EXTERNAL", "tlsv1.3")}
+
+
+def test_the_agent_knows_when_its_certificates_expire(world, pki):
+    add_user(world.node, "holder-l")
+    holder = Holder(world, pki, "holder-l")
+    first = not_after(holder.certificate)
+    broker, authority = not_after(pki.folder / "server.pem"), not_after(pki.file)
+    assert expiries(holder.agent) == {"client": first, "authority": authority, "broker": broker}
+    holder.give(pki.issue("holder-l", days=200))
+    holder.agent.signal(signal.SIGHUP)
+    second = not_after(holder.certificate)
+    assert second > first
+    holder.agent.wait_until(lambda: expiries(holder.agent)["client"] == second, "the new certificate's time")
 
 
 def test_a_certificate_of_nobody_is_refused_and_the_password_stays_where_it_is(world, pki):

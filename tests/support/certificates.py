@@ -2,6 +2,7 @@
 
 import dataclasses
 import pathlib
+import ssl
 import subprocess
 
 LOCAL = "DNS:localhost,IP:127.0.0.1"
@@ -13,15 +14,6 @@ class Certificate:
     file: pathlib.Path
     key: pathlib.Path
 
-    def subject(self):
-        """As RabbitMQ names a user who logs in with it."""
-        return openssl("x509", "-in", self.file, "-noout", "-subject", "-nameopt", "RFC2253").split("=", 1)[1].strip()
-
-    def not_after(self):
-        """When it expires, in seconds since the epoch."""
-        end = openssl("x509", "-in", self.file, "-noout", "-enddate").split("=", 1)[1].strip()
-        return int(subprocess.run(["date", "-d", end, "+%s"], check=True, capture_output=True, text=True).stdout)
-
 
 def openssl(*arguments, days_ago=0):
     """Runs openssl with the clock put back (or, negative, forward); what it printed."""
@@ -30,6 +22,12 @@ def openssl(*arguments, days_ago=0):
                           text=True, check=False)
     assert done.returncode == 0, f"openssl {arguments}: {done.stderr}"
     return done.stdout
+
+
+def not_after(file):
+    """When the certificate in a PEM file expires, in seconds since the epoch."""
+    end = openssl("x509", "-in", file, "-noout", "-enddate").split("=", 1)[1].strip()
+    return ssl.cert_time_to_seconds(end)
 
 
 class Authority:
