@@ -1,6 +1,5 @@
 #include "broker/BrokerSocket.h"
 
-#include <boost/asio/connect.hpp>
 #include <boost/asio/write.hpp>
 
 #include <utility>
@@ -54,61 +53,38 @@ void BrokerSocket::OnResolved(const HostLookup::Endpoints& endpoints, const std:
         Finish("cannot resolve " + m_url.host + ": " + why);
         return;
     }
-    m_addresses.assign(endpoints.begin(), endpoints.end());
-    TryNextAddress();
+    m_addresses = endpoints;
+    TryAddresses();
 }
 
-void BrokerSocket::TryNextAddress()
+void BrokerSocket::TryAddresses()
 {
     if (m_closed || m_addresses.empty())
     {
         Finish(m_errors.empty() ? "no address to connect to" : m_errors);
         return;
     }
-    error_code ignored;
-    m_tls.reset();
-    m_socket.close(ignored);
-    StartAddressTimer();
-    m_socket.async_connect(
-        m_addresses.front(), [self = shared_from_this()](const error_code& error) { self->OnAddress(error); });
+    m_race = std::make_shared<AddressRace>(m_io, m_addresses);
+    m_race->Start([self = shared_from_this()](Tcp::socket&& socket, const std::vector<AddressRace::Failure>& failures)
+                  { self->OnRaced(std::move(socket), failures); });
 }
 
-/** Ends what is going on with the present address, which then tells its handler. */
-void BrokerSocket::StartAddressTimer()
+void BrokerSocket::OnRaced(Tcp::socket&& socket, const std::vector<AddressRace::Failure>& failures)
 {
-    m_timedOut = false;
-    m_timer.expires_after(ADDRESS_TIMEOUT);
-    m_timer.async_wait(
-        [self = shared_from_this()](const error_code& error)
-        {
-            // One that fired together with what it waited for comes too late.
-            if (!error && self->m_done && self->m_timer.expiry() <= std::chrono::steady_clock::now())
-            {
-                self->m_timedOut = true;
-                error_code none;
-                self->m_socket.close(none);
-            }
-        });
-}
-
-void BrokerSocket::NextAddressAfter(const std::string& why)
-{
-    const Tcp::endpoint endpoint = m_addresses.front();
-    const bool isV6 = endpoint.address().is_v6();
-    m_errors += (m_errors.empty() ? "" : "; ") + std::string(isV6 ? "[" : "") + endpoint.address().to_string() +
-                (isV6 ? "]:" : ":") + std::to_string(endpoint.port()) + ": " + why;
-    m_addresses.pop_front();
-    TryNextAddress();
-}
-
-void BrokerSocket::OnAddress(const error_code& error)
-{
-    m_timer.cancel();
-    if (error || m_timedOut)
+    m_race.reset();
+    for (const AddressRace::Failure& failure : failures)
     {
-        NextAddressAfter(m_timedOut ? "no answer within 5 s" : error.message());
+        Exclude(failure.address, failure.why);
+    }
+    error_code error;
+    m_address = socket.remote_endpoint(error);
+    if (m_closed || error)
+    {
+        Finish(m_errors.empty() ? "the connection was lost at once: " + error.message() : m_errors);
         return;
     }
+    m_tls.reset();
+    m_socket = std::move(socket);
     SetOptions();
     if (m_url.tls)
     {
@@ -118,6 +94,15 @@ void BrokerSocket::OnAddress(const error_code& error)
     {
         Finish({});
     }
+}
+
+/** Does not try the address any more. */
+void BrokerSocket::Exclude(const Tcp::endpoint& address, const std::string& why)
+{
+    const bool isV6 = address.address().is_v6();
+    m_errors += (m_errors.empty() ? "" : "; ") + std::string(isV6 ? "[" : "") + address.address().to_string() +
+                (isV6 ? "]:" : ":") + std::to_string(address.port()) + ": " + why;
+    std::erase(m_addresses, address);
 }
 
 void BrokerSocket::SetOptions()
@@ -144,28 +129,42 @@ void BrokerSocket::StartTls()
     }
     m_tls->set_verify_callback([this](bool accepted, asio::ssl::verify_context& context)
                                { return m_peer->OnCertificate(accepted, context); });
-    StartAddressTimer();
+    StartHandshakeTimer();
     m_tls->async_handshake(
         asio::ssl::stream_base::client, [self = shared_from_this()](const error_code& error) { self->OnTls(error); });
+}
+
+void BrokerSocket::StartHandshakeTimer()
+{
+    m_timedOut = false;
+    m_timer.expires_after(HANDSHAKE_TIMEOUT);
+    m_timer.async_wait(
+        [self = shared_from_this()](const error_code& error)
+        {
+            // One that fired together with what it waited for comes too late.
+            if (!error && self->m_done && self->m_timer.expiry() <= std::chrono::steady_clock::now())
+            {
+                self->m_timedOut = true;
+                error_code none;
+                self->m_socket.close(none);
+            }
+        });
 }
 
 void BrokerSocket::OnTls(const error_code& error)
 {
     m_timer.cancel();
-    if (m_timedOut)
-    {
-        NextAddressAfter(
-            "TLS: " + m_url.host + ":" + std::to_string(m_url.port) +
-            " did not answer the handshake within 5 s: does it hang, or speak something else than TLS?");
-    }
-    else if (error)
-    {
-        NextAddressAfter(m_peer->Explain(error));
-    }
-    else
+    if (!error && !m_timedOut)
     {
         Finish({});
+        return;
     }
+    Exclude(
+        m_address, m_timedOut ? "TLS: " + m_url.host + ":" + std::to_string(m_url.port) +
+                                    " did not answer the handshake within 5 s: does it hang, or speak something else "
+                                    "than TLS?"
+                              : m_peer->Explain(error));
+    TryAddresses();
 }
 
 std::string BrokerSocket::Explain(const error_code& error) const
@@ -211,6 +210,10 @@ void BrokerSocket::Close()
     m_closed = true;
     error_code ignored;
     m_lookup.reset();
+    if (m_race)
+    {
+        m_race->Cancel();
+    }
     m_timer.cancel();
     m_socket.shutdown(Tcp::socket::shutdown_both, ignored);
     m_socket.close(ignored);

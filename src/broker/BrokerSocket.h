@@ -1,5 +1,6 @@
 #pragma once
 
+#include "broker/AddressRace.h"
 #include "broker/BrokerUrl.h"
 #include "broker/HostLookup.h"
 #include "broker/TlsMaterial.h"
@@ -12,11 +13,11 @@
 
 #include <chrono>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace VtxQel
 {
@@ -24,9 +25,9 @@ namespace VtxQel
 /**
  * BrokerSocket is a byte stream to a broker, over TCP or TLS.
  *
- * Connecting resolves the host name and tries each of its addresses in turn, the TLS handshake included. Everything
- * happens on the io_context's thread; handlers are called from there, also after Close(), then with an error. Used
- * once; held by a shared pointer because the handlers in flight keep it alive.
+ * Connecting resolves the host name and takes the first of its addresses that answers and, with TLS, agrees to the
+ * handshake. Everything happens on the io_context's thread; handlers are called from there, also after Close(), then
+ * with an error. Used once; held by a shared pointer because the handlers in flight keep it alive.
  */
 class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
 {
@@ -49,7 +50,7 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     /** When the broker's certificate expires, as TlsPeer::NotAfter; 0 without TLS. */
     std::int64_t PeerNotAfter() const { return m_peer ? m_peer->NotAfter() : 0; }
 
-    static constexpr std::chrono::seconds ADDRESS_TIMEOUT{5};
+    static constexpr std::chrono::seconds HANDSHAKE_TIMEOUT{5};
     static constexpr std::chrono::seconds LOOKUP_TIMEOUT{10};
 
   private:
@@ -57,12 +58,12 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     using TlsStream = boost::asio::ssl::stream<Tcp::socket&>;
 
     void OnResolved(const HostLookup::Endpoints& endpoints, const std::string& why);
-    void TryNextAddress();
-    void OnAddress(const boost::system::error_code& error);
-    void StartAddressTimer();
-    void NextAddressAfter(const std::string& why);
+    void TryAddresses();
+    void OnRaced(Tcp::socket&& socket, const std::vector<AddressRace::Failure>& failures);
+    void Exclude(const Tcp::endpoint& address, const std::string& why);
     void SetOptions();
     void StartTls();
+    void StartHandshakeTimer();
     void OnTls(const boost::system::error_code& error);
     void Finish(const std::string& why);
 
@@ -75,8 +76,11 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     std::optional<TlsPeer> m_peer;
     std::optional<TlsStream> m_tls;
     boost::asio::steady_timer m_timer;
-    /** Those that are still to be tried, the current one first. */
-    std::deque<Tcp::endpoint> m_addresses;
+    /** Those that have not failed, in the order to try them. */
+    std::vector<Tcp::endpoint> m_addresses;
+    std::shared_ptr<AddressRace> m_race;
+    /** The one that the socket is connected to. */
+    Tcp::endpoint m_address;
     std::chrono::milliseconds m_userTimeout{0};
     bool m_timedOut = false;
     bool m_closed = false;

@@ -46,7 +46,8 @@ class World:
         """An agent with these applications' drop-ins (names, or a dictionary of their keys); started and ready."""
         drop_ins = applications if isinstance(applications, dict) else {name: {} for name in applications}
         agent_id = "t" + uuid.uuid4().hex[:8]
-        agent = AgentProcess(self.folder / agent_id, agent_id, urls or self.url, options, drop_ins, self._side)
+        agent = AgentProcess(self.folder / agent_id, agent_id, urls or self.url, options, drop_ins,
+                             side or self._side)
         self._ends.callback(agent.stop)
         self._agents.append(agent)
         if start:

@@ -11,6 +11,7 @@ from testbed.processes import ProcessFailed
 DEAD = "10.77.0.2"
 DIRECTIONS = ("to_agent", "to_broker")
 COUNTER = "dropped"
+IN_VAIN = "in_vain"
 
 
 class DistantHost(Host):
@@ -36,6 +37,10 @@ class DistantHost(Host):
                 add table netdev faults
                 add counter netdev faults {COUNTER}
                 add chain netdev faults {direction} {{ type filter hook ingress device {device} priority 0; }}""")
+        self._nft("to_broker", f"""
+            add counter netdev faults {IN_VAIN}
+            add chain netdev faults dead {{ type filter hook ingress device {self._port} priority 1; }}
+            add rule netdev faults dead ip daddr {DEAD} counter name {IN_VAIN} drop""")
 
     def run(self, *command, text=None):
         """Runs a command on the host; its output."""
@@ -65,12 +70,15 @@ class DistantHost(Host):
 
     def dropped(self, direction):
         """How many packets were dropped so far."""
-        found = json.loads(self._at_receiver(direction, "nft", "-json", "list", "counter", "netdev", "faults", COUNTER))
-        return next(entry["counter"]["packets"] for entry in found["nftables"] if "counter" in entry)
+        return self._count(direction, COUNTER)
 
-    def connecting_to(self, address):
-        """Whether somebody on the host waits for this address to answer."""
-        return f"{address}:" in self.run("ss", "-Htn", "state", "syn-sent")
+    def sent_in_vain(self):
+        """How many packets were sent to the dead address so far."""
+        return self._count("to_broker", IN_VAIN)
+
+    def _count(self, direction, counter):
+        found = json.loads(self._at_receiver(direction, "nft", "-json", "list", "counter", "netdev", "faults", counter))
+        return next(entry["counter"]["packets"] for entry in found["nftables"] if "counter" in entry)
 
     def _drop(self, what, directions):
         for direction in directions or DIRECTIONS:
