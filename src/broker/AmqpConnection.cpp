@@ -211,7 +211,8 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
     m_in.Filled(count);
     try
     {
-        while (m_state != State::closed)
+        // Behind the broker's farewell nothing counts, least of all instead of it.
+        while (m_state != State::closed && !m_farewell)
         {
             const auto frame = m_in.Next();
             if (!frame)
@@ -467,6 +468,7 @@ void AmqpConnection::OnConnectionClose(const amqp_connection_close_t& close)
     }
     why += std::to_string(close.reply_code) + " " + text;
     m_state = State::closing;
+    m_farewell = true;
     // The write that answers is posted before this, so it goes out first.
     asio::post(m_io, [self = shared_from_this(), why] { self->Abort(why, EndCause::broker); });
 }

@@ -155,6 +155,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     AmqpFrames m_frames;
     bool m_writeScheduled = false;
     bool m_writeFailed = false;
+    /** The broker has closed the connection in order. */
+    bool m_farewell = false;
 };
 
 } // namespace VtxQel
