@@ -95,7 +95,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     else
     {
         const std::string seen = RunConnection(script);
-        Require(seen == RunConnection(whole), "the pieces make no difference");
+        const std::string atOnce = RunConnection(whole);
+        if (seen != atOnce)
+        {
+            Require(false, "the pieces make no difference:\n" + seen + "\nand at once:\n" + atOnce);
+        }
         // The end may come before the last bytes are written.
         const std::size_t both = std::min(script.written.size(), whole.written.size());
         Require(

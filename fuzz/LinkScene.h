@@ -7,20 +7,83 @@
 #include "broker/PublishLink.h"
 
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
 
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace VtxQel::Fuzz
 {
 
-/** The user of a consuming link: wants a few queues and bindings, settles what it gets and asks for more. */
+inline QueueSpec QueueOfScene(const std::string& name)
+{
+    QueueSpec queue;
+    queue.name = name;
+    queue.prefetch = 3;
+    return queue;
+}
+
+/** Requests to a link; every one has to be answered, once. */
+class Requests
+{
+  public:
+    using Kind = TopologyRequest::Kind;
+
+    Requests() = default;
+    ~Requests() { Require(m_answered == m_asked, "every request is answered once"); }
+    Requests(const Requests&) = delete;
+    Requests& operator=(const Requests&) = delete;
+
+    void Submit(ConsumeLink& link, Kind kind, const std::string& queue)
+    {
+        auto request = std::make_shared<TopologyRequest>();
+        request->kind = kind;
+        request->queue = QueueOfScene(queue);
+        request->binding = {"client", "exchange", "c.#"};
+        request->deadline = std::chrono::steady_clock::now() + std::chrono::hours(1);
+        request->done = [this](const RequestResult&, const QueueCounts&) { ++m_answered; };
+        ++m_asked;
+        link.Submit(std::move(request));
+    }
+    void SubmitAll(ConsumeLink& link)
+    {
+        for (const Kind kind :
+             {Kind::bind, Kind::declareQueue, Kind::countMessages, Kind::cancelQueue, Kind::unbind, Kind::releaseQueue})
+        {
+            Submit(link, kind, "more");
+        }
+    }
+
+  private:
+    int m_asked = 0;
+    int m_answered = 0;
+};
+
+/**
+ * The user of a consuming link: wants a few queues and bindings, settles what it gets, and does with the link what the
+ * first letter of a delivery's routing key asks for.
+ */
 class Wishes : public LinkListener
 {
   public:
-    explicit Wishes(ConsumeLink*& link) : m_link(link) {}
+    explicit Wishes(boost::asio::io_context& io) : m_io(io) {}
+
+    void Use(ConsumeLink& link, Requests& requests)
+    {
+        m_link = &link;
+        m_requests = &requests;
+    }
+    /** Settles what was answered since the last call. */
+    void Collect()
+    {
+        for (const auto& [tag, as] : std::exchange(m_settled, {}))
+        {
+            m_link->Settle(tag, as);
+        }
+    }
 
     DesiredTopology OnConnected() override
     {
@@ -28,9 +91,9 @@ class Wishes : public LinkListener
         m_connected = true;
         DesiredTopology wanted;
         wanted.exchanges = {{"exchange", "topic", false}};
-        wanted.ownQueues = {Queue("client")};
+        wanted.ownQueues = {QueueOfScene("client")};
         wanted.bindings = {{"client", "exchange", "a.*"}, {"client", "exchange", "b"}};
-        wanted.applicationQueues = {Queue("jobs")};
+        wanted.applicationQueues = {QueueOfScene("jobs")};
         return wanted;
     }
     void OnRestored() override { Require(m_connected, "it is restored while it is connected"); }
@@ -51,8 +114,11 @@ class Wishes : public LinkListener
         constexpr SettleAs ways[] = {SettleAs::ack, SettleAs::reject, SettleAs::requeue};
         if (!message.redelivered)
         {
-            m_link->Settle(message.tag, ways[message.routingKey.size() % 3]);
+            m_settled.emplace_back(message.tag, ways[message.routingKey.size() % 3]);
         }
+        // As other threads do it: later, on the I/O thread.
+        boost::asio::post(
+            m_io, [this, what = message.routingKey.empty() ? ' ' : message.routingKey.front()] { Act(what); });
     }
     void OnRefusedDelivery(const std::string&, const std::string& why) override
     {
@@ -60,19 +126,43 @@ class Wishes : public LinkListener
     }
     void OnGaveUp(const std::string&) override {}
 
-    static QueueSpec Queue(const std::string& name)
-    {
-        QueueSpec queue;
-        queue.name = name;
-        queue.prefetch = 3;
-        return queue;
-    }
-
     static constexpr std::size_t MAX_BODY = 5000;
 
   private:
-    ConsumeLink*& m_link;
+    void Act(char what)
+    {
+        switch (what)
+        {
+        case 'c':
+            m_requests->Submit(*m_link, Requests::Kind::cancelQueue, "jobs");
+            break;
+        case 'd':
+            m_requests->Submit(*m_link, Requests::Kind::declareQueue, "jobs");
+            break;
+        case 'r':
+            m_requests->Submit(*m_link, Requests::Kind::releaseQueue, "jobs");
+            break;
+        case 'm':
+            m_link->MoveTo(1 - m_link->UrlIndex());
+            break;
+        case 'p':
+            m_link->PauseReading(true);
+            boost::asio::post(m_io, [this] { m_link->PauseReading(false); });
+            break;
+        case 's':
+            m_link->StopConsuming();
+            break;
+        default:
+            m_link->FlushSettlements();
+            break;
+        }
+    }
+
+    boost::asio::io_context& m_io;
+    ConsumeLink* m_link = nullptr;
+    Requests* m_requests = nullptr;
     bool m_connected = false;
+    std::vector<std::pair<DeliveryTag, SettleAs>> m_settled;
 };
 
 inline LinkSettings SettingsOfScene()
@@ -83,48 +173,16 @@ inline LinkSettings SettingsOfScene()
     return settings;
 }
 
-/** One request of each kind; every one has to be answered, once. */
-class Requests
-{
-  public:
-    ~Requests() { Require(m_answered == m_asked, "every request is answered once"); }
-    Requests() = default;
-    Requests(const Requests&) = delete;
-    Requests& operator=(const Requests&) = delete;
-
-    void Submit(ConsumeLink& link)
-    {
-        using Kind = TopologyRequest::Kind;
-        for (const Kind kind :
-             {Kind::bind, Kind::declareQueue, Kind::countMessages, Kind::cancelQueue, Kind::unbind, Kind::releaseQueue})
-        {
-            auto request = std::make_shared<TopologyRequest>();
-            request->kind = kind;
-            request->queue = Wishes::Queue(kind == Kind::releaseQueue ? "jobs" : "more");
-            request->binding = {"client", "exchange", "c.#"};
-            request->deadline = std::chrono::steady_clock::now() + std::chrono::hours(1);
-            request->done = [this](const RequestResult&, const QueueCounts&) { ++m_answered; };
-            ++m_asked;
-            link.Submit(std::move(request));
-        }
-    }
-
-  private:
-    int m_asked = 0;
-    int m_answered = 0;
-};
-
 /** Lets a consuming link live through the script. */
 inline void RunConsumeLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state)
 {
-    ConsumeLink* place = nullptr;
-    Wishes wishes(place);
     Requests requests;
+    Wishes wishes(io);
     ConsumeLink link(io, source, wishes, state);
-    place = &link;
-    link.SetCollector([] {});
+    wishes.Use(link, requests);
+    link.SetCollector([&wishes] { wishes.Collect(); });
     link.Start();
-    requests.Submit(link);
+    requests.SubmitAll(link);
     io.poll();
     bool stopped = false;
     link.Stop([&stopped] { stopped = true; });

@@ -38,6 +38,21 @@ SocketScript*& SocketScript::Current()
     return current;
 }
 
+bool SocketScript::Accept()
+{
+    if (m_connections == MOST_CONNECTIONS)
+    {
+        return false;
+    }
+    ++m_connections;
+    written.clear();
+    m_heard = 0;
+    m_answers.clear();
+    m_answered = 0;
+    m_published = 0;
+    return true;
+}
+
 std::string_view SocketScript::Next(std::size_t most)
 {
     if (seed != 0)
@@ -181,8 +196,8 @@ BrokerSocket::BrokerSocket(boost::asio::io_context& io, BrokerUrl url, std::shar
 
 void BrokerSocket::Connect(std::chrono::milliseconds, OnConnect done)
 {
-    const bool taken = std::exchange(Fuzz::SocketScript::Current()->connected, true);
-    boost::asio::post(m_io, [done = std::move(done), taken] { done(taken ? "refused" : ""); });
+    const bool accepted = Fuzz::SocketScript::Current()->Accept();
+    boost::asio::post(m_io, [done = std::move(done), accepted] { done(accepted ? "" : "refused"); });
 }
 
 void BrokerSocket::Read(char* space, std::size_t size, OnTransfer done)

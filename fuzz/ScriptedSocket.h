@@ -10,7 +10,8 @@ namespace VtxQel::Fuzz
 
 /**
  * The broker's side of the connections that ScriptedSocket.cpp makes in the place of TCP: what it says, how the bytes
- * are cut into reads, and what it was told. The first connection gets it; those after it are refused.
+ * are cut into reads, and what it was told. Each connection goes on where the one before it ended; after a few they are
+ * refused.
  */
 struct SocketScript
 {
@@ -23,10 +24,11 @@ struct SocketScript
     /** Reads get pieces of a size that follows from this; all at once when it is 0. */
     std::uint32_t seed = 0;
 
-    /** What the client has sent. */
+    /** What the client has sent by the latest connection. */
     std::string written;
-    bool connected = false;
 
+    /** A connection is made. @return whether the broker takes it */
+    bool Accept();
     /** The next bytes for the client, at most `most`; empty when there are none. */
     std::string_view Next(std::size_t most);
     bool HasAnswers() const { return m_answered < m_answers.size(); }
@@ -40,6 +42,9 @@ struct SocketScript
     void AnswerFrames();
     void Answer(std::uint16_t channel, std::uint32_t method);
 
+    static constexpr int MOST_CONNECTIONS = 3;
+
+    int m_connections = 0;
     std::size_t m_said = 0;
     std::size_t m_heard = 0;
     std::string m_answers;
