@@ -1,0 +1,32 @@
+"""The documentation says what the code says."""
+
+import re
+
+from support.log_lines import log_lines
+from support.paths import ROOT
+
+
+def explained_lines():
+    """{(tag or level, text)} of the rows in docs/log-messages.md."""
+    found = set()
+    level = None
+    for line in (ROOT / "docs/log-messages.md").read_text(encoding="utf-8").splitlines():
+        if line.startswith("## "):
+            level = {"Warnings": "warning", "Changes": "status", "Notices": "notice", "Details": "detail",
+                     "Before": "fatal"}.get(line.split()[1])
+        cells = re.findall(r"\| `([^`]*)`", line)
+        if cells:
+            found.add((level, cells[0]) if level else tuple(cells[:2]))
+    return found
+
+
+def test_every_line_of_the_log_is_explained():
+    assert explained_lines() == log_lines()
+
+
+def test_links_between_pages_lead_somewhere():
+    pages = [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *(ROOT / "docs").glob("*.md")]
+    links = [(page, target) for page in pages
+             for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text(encoding="utf-8"))]
+    assert links
+    assert [(page.name, target) for page, target in links if not (page.parent / target).exists()] == []
