@@ -180,6 +180,24 @@ TEST_F(AgentConfigTest, EachTlsFileThatCannotBeUsedIsNamedWithItsKey)
         << problems;
 }
 
+TEST_F(AgentConfigTest, TheLoopProbeIsSentUnlessTurnedOff)
+{
+    EXPECT_EQ(Load(least).broker.loopProbe.interval, std::chrono::seconds(30));
+    EXPECT_EQ(Load(least).broker.loopProbe.deadline, std::chrono::seconds(10));
+    EXPECT_EQ(Load(least + "loop_probe_seconds = 0\n").broker.loopProbe.interval, std::chrono::seconds(0));
+    EXPECT_NE(ProblemsOf(least + "loop_probe_deadline_seconds = 0\n"), "none");
+}
+
+TEST_F(AgentConfigTest, TheAdminEndpointListensOnTheLoopbackInterfaceOnly)
+{
+    EXPECT_EQ(Load(least).adminListen, "");
+    EXPECT_EQ(Load(least + "[admin]\nlisten = \"[::1]:9477\"\n").adminListen, "[::1]:9477");
+    const std::string problem = ProblemsOf(least + "[admin]\nlisten = \"0.0.0.0:9477\"\n");
+    EXPECT_NE(problem.find(":6:"), std::string::npos) << problem;
+    EXPECT_NE(problem.find("admin.listen"), std::string::npos) << problem;
+    EXPECT_NE(problem.find("loopback"), std::string::npos) << problem;
+}
+
 TEST_F(AgentConfigTest, ControlUsersAreEverybodyUnlessListed)
 {
     EXPECT_TRUE(Load(least).broker.controlUsers.empty());
