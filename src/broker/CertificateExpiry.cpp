@@ -27,18 +27,15 @@ std::string UtcText(std::int64_t secondsSinceEpoch)
     return text.data();
 }
 
-std::string ExpiryWarnings::Due(const std::string& name, std::int64_t notAfter, std::int64_t now)
+bool ExpiryWarnings::IsDue(const std::string& name, std::int64_t notAfter, std::int64_t now)
 {
     Warned& warned = m_warned[name];
     if (notAfter == 0 || notAfter - now >= EARLY || (warned.notAfter == notAfter && now - warned.when < DAY))
     {
-        return {};
+        return false;
     }
     warned = {notAfter, now};
-    const std::string when = UtcText(notAfter);
-    return notAfter <= now
-               ? name + " expired on " + when + ": renew it"
-               : name + " expires in " + std::to_string((notAfter - now) / DAY) + " days, on " + when + ": renew it";
+    return true;
 }
 
 } // namespace VtxQel

@@ -29,9 +29,8 @@ std::string UtcText(std::int64_t secondsSinceEpoch);
 class ExpiryWarnings
 {
   public:
-    /** @param name as it stands in the warning: "the client certificate /etc/qel/client.pem"
-     *  @return the warning that is due now, or nothing */
-    std::string Due(const std::string& name, std::int64_t notAfter, std::int64_t now);
+    /** Whether to warn now of the certificate of this name, which then counts as warned of. */
+    bool IsDue(const std::string& name, std::int64_t notAfter, std::int64_t now);
 
   private:
     struct Warned

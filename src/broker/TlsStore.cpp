@@ -14,6 +14,7 @@ namespace
 
 /** How often it is looked whether a warning is due. */
 constexpr std::chrono::hours WATCH_INTERVAL{1};
+constexpr std::int64_t DAY = 86400;
 
 std::int64_t Now()
 {
@@ -87,11 +88,20 @@ void TlsStore::WarnOfExpiry()
 
 void TlsStore::WarnOfExpiry(const std::string& name, std::int64_t notAfter)
 {
-    const std::string warning = m_warnings.Due(name, notAfter, Now());
-    if (!warning.empty())
+    const std::int64_t now = Now();
+    if (!m_warnings.IsDue(name, notAfter, now))
     {
-        QEL_LOG(vtx::LevelWarning, "%s", warning.c_str());
+        return;
     }
+    const std::string when = UtcText(notAfter);
+    if (notAfter <= now)
+    {
+        QEL_LOG(vtx::LevelWarning, "%s expired on %s: renew it", name.c_str(), when.c_str());
+        return;
+    }
+    QEL_LOG(
+        vtx::LevelWarning, "%s expires in %lld days, on %s: renew it", name.c_str(),
+        static_cast<long long>((notAfter - now) / DAY), when.c_str());
 }
 
 void TlsStore::WarnLater()
