@@ -24,6 +24,8 @@ constexpr std::chrono::milliseconds NACKS{1000};
 constexpr std::chrono::milliseconds NACKS_CAP{30000};
 /** How long a channel that is to be closed may answer nothing of what is on its way. */
 constexpr std::chrono::milliseconds DRAIN{500};
+constexpr std::chrono::milliseconds FIRST_ANSWER{2500};
+constexpr unsigned MOST_RENEWALS = 2;
 
 } // namespace
 
@@ -142,6 +144,8 @@ void PublishLink::OpenChannel()
 {
     m_ready = false;
     m_drainingSince.reset();
+    m_unansweredSince.reset();
+    m_answered = false;
     ForEach([](Publication& publication) { publication.nackedAt.reset(); });
     m_connection->Send(CHANNEL, AMQP_CHANNEL_OPEN_METHOD, amqp_channel_open_t{amqp_empty_bytes});
     m_connection->Send(CHANNEL, AMQP_CONFIRM_SELECT_METHOD, amqp_confirm_select_t{0});
@@ -204,6 +208,10 @@ void PublishLink::Pump()
         {
             m_suspectOnItsWay = suspect;
             ++m_unconfirmed;
+            if (!m_answered)
+            {
+                m_unansweredSince = m_unansweredSince.value_or(Clock::now());
+            }
             m_sent.push_back(std::move(publication));
         }
     }
@@ -236,6 +244,9 @@ void PublishLink::OnConfirm(std::uint64_t tag, bool multiple, bool ack)
     {
         throw RmqConnectionException("received a confirm of something that was not published");
     }
+    m_answered = true;
+    m_unansweredSince.reset();
+    m_renewals = ack ? 0 : m_renewals;
     if (m_drainingSince)
     {
         m_drainingSince = Clock::now();
@@ -467,6 +478,7 @@ void PublishLink::OnTick()
     EndLate(now);
     SendNackedAgain();
     WatchNacks(now);
+    WatchFirstAnswer(now);
     Pump();
     CheckIdle();
     if (!IsIdle())
@@ -536,6 +548,20 @@ void PublishLink::WatchNacks(Clock::time_point now)
     }
     else if (m_drainingSince && now - *m_drainingSince >= DRAIN)
     {
+        Renew();
+    }
+}
+
+/**
+ * A channel's first message for a quorum queue may be meant for a leader that was just lost, and all that follow wait
+ * behind it for seconds. Another connection mostly knows the new one; no use where there is but one node.
+ */
+void PublishLink::WatchFirstAnswer(Clock::time_point now)
+{
+    if (m_ready && !m_blocked && m_unansweredSince && now - *m_unansweredSince >= FIRST_ANSWER &&
+        m_renewals < MOST_RENEWALS && m_source.UrlCount() > 1)
+    {
+        ++m_renewals;
         Renew();
     }
 }

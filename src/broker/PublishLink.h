@@ -106,6 +106,7 @@ class PublishLink : private AmqpConnectionHandler
     void EndLate(std::chrono::steady_clock::time_point now);
     void SendNackedAgain();
     void WatchNacks(std::chrono::steady_clock::time_point now);
+    void WatchFirstAnswer(std::chrono::steady_clock::time_point now);
     void Reopen();
     void Renew();
     template <typename Visit>
@@ -149,6 +150,11 @@ class PublishLink : private AmqpConnectionHandler
      * has not answered.
      */
     std::optional<std::chrono::steady_clock::time_point> m_drainingSince;
+    /** Since when a channel has something to answer that has not answered anything yet. */
+    std::optional<std::chrono::steady_clock::time_point> m_unansweredSince;
+    bool m_answered = false;
+    /** Connections left for want of a first answer, since the last confirm. */
+    unsigned m_renewals = 0;
     boost::asio::steady_timer m_tick;
     bool m_ticking = false;
 };

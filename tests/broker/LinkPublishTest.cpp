@@ -93,6 +93,27 @@ class LinkPublish : public testing::Test
         return found == std::string::npos ? "" : channels.substr(found, channels.find('\n', found) - found);
     }
 
+    /** Suspends or resumes a classic queue's process inside of the broker. */
+    static void Tell(const std::string& what, const std::string& queue)
+    {
+        Rabbitmqctl(
+            "eval '{ok, Queue} = rabbit_amqqueue:lookup(rabbit_misc:r(<<\"/\">>, queue, <<\"" + queue +
+            "\">>)), sys:" + what + "(amqqueue:get_pid(Queue)).'");
+    }
+
+    /** Our port of the connection with this name; empty while there is none. */
+    static std::string PortOf(const std::string& connection)
+    {
+        const std::string all = Rabbitmqctl("list_connections peer_port client_properties");
+        const std::size_t found = all.find(connection);
+        if (found == std::string::npos)
+        {
+            return {};
+        }
+        const std::size_t line = all.rfind('\n', found) + 1;
+        return all.substr(line, all.find('\t', line) - line);
+    }
+
     const std::string m_queue = Unique("queue");
     std::unique_ptr<TestLink> m_link;
     Outcomes m_outcomes;
@@ -247,6 +268,24 @@ TEST_F(LinkPublish, AChannelThatNacksOneQueueIsOpenedAnewWhileOthersGoOn)
     ASSERT_TRUE(m_outcomes.WaitForAll());
     EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 1) << m_outcomes.LastWhy();
     EXPECT_EQ(m_link->Count(m_queue), others) << "nothing was on its way when the channel was closed";
+}
+
+TEST_F(LinkPublish, AChannelThatAnswersNothingIsLeftWhereThereAreOtherNodes)
+{
+    LinkSettings settings = NodeSettings();
+    settings.urls.push_back(settings.urls.front());
+    Connect(settings);
+    const std::string stuck = Unique("stuck");
+    ASSERT_EQ((*m_link)->DeclareQueue(Queue(stuck, 0), DEADLINE).answer, Answer::ok);
+    Tell("suspend", stuck);
+    (*m_link)->Publish(Message("", stuck), m_outcomes.Expect());
+    const auto port = [&] { return PortOf(settings.connectionName + " publishing"); };
+    std::string before;
+    EXPECT_TRUE(Eventually([&] { return !(before = port()).empty(); }));
+    EXPECT_TRUE(Eventually([&, now = std::string()]() mutable { return !(now = port()).empty() && now != before; }));
+    Tell("resume", stuck);
+    ASSERT_TRUE(m_outcomes.WaitForAll());
+    EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 1) << m_outcomes.LastWhy();
 }
 
 TEST_F(LinkPublish, ABlockedBrokerIsWaitedForAndConsumingGoesOn)
