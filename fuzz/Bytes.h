@@ -42,4 +42,15 @@ class Bytes
     std::string_view m_rest;
 };
 
+/** The number that the bytes are in network order. */
+inline std::uint32_t NumberIn(std::string_view bytes)
+{
+    std::uint32_t number = 0;
+    for (const char octet : bytes)
+    {
+        number = number << 8U | static_cast<std::uint8_t>(octet);
+    }
+    return number;
+}
+
 } // namespace VtxQel::Fuzz

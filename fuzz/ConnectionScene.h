@@ -31,7 +31,7 @@ class Recorder : public AmqpConnectionHandler
     {
         Note("method " + std::to_string(channel) + " " + std::to_string(method.id), m_open);
         // Encoding looks at every byte that was decoded.
-        std::vector<char> space(FrameBuffer::FRAME_MAX);
+        static std::vector<char> space(FrameBuffer::FRAME_MAX);
         const int size = amqp_encode_method(method.id, method.decoded, {space.size(), space.data()});
         m_seen.append(space.data(), static_cast<std::size_t>(std::max(size, 0)));
     }

@@ -2,6 +2,7 @@
 
 #include "ScriptedSocket.h"
 
+#include "Bytes.h"
 #include "broker/AmqpFrames.h"
 #include "broker/BrokerSocket.h"
 
@@ -19,16 +20,6 @@ namespace
 {
 
 constexpr std::size_t PROTOCOL_HEADER = 8;
-
-std::uint32_t Number(std::string_view bytes)
-{
-    std::uint32_t number = 0;
-    for (const char octet : bytes)
-    {
-        number = number << 8U | static_cast<std::uint8_t>(octet);
-    }
-    return number;
-}
 
 } // namespace
 
@@ -88,9 +79,9 @@ void SocketScript::AnswerFrames()
         const std::string_view frame = std::string_view(written).substr(m_heard);
         if (frame[0] == AMQP_FRAME_METHOD)
         {
-            Answer(static_cast<std::uint16_t>(Number(frame.substr(1, 2))), Number(frame.substr(7, 4)));
+            Answer(static_cast<std::uint16_t>(NumberIn(frame.substr(1, 2))), NumberIn(frame.substr(7, 4)));
         }
-        m_heard += Number(frame.substr(3, 4)) + AmqpFrames::OVERHEAD;
+        m_heard += NumberIn(frame.substr(3, 4)) + AmqpFrames::OVERHEAD;
     }
 }
 
@@ -98,7 +89,10 @@ void SocketScript::AnswerFrames()
  */
 void SocketScript::Answer(std::uint16_t channel, std::uint32_t method)
 {
-    AmqpFrames frames(m_answers);
+    // Its scratch memory is worth more than the answer.
+    static std::string encoded;
+    static AmqpFrames frames(encoded);
+    encoded.clear();
     std::array<std::uint64_t, 64> nothing{};
     switch (method)
     {
@@ -137,6 +131,7 @@ void SocketScript::Answer(std::uint16_t channel, std::uint32_t method)
     default:
         break;
     }
+    m_answers += encoded;
 }
 
 namespace
