@@ -462,6 +462,7 @@ void AmqpConnection::OnConnectionClose(const amqp_connection_close_t& close)
     std::string why = "the broker closed the connection: ";
     if (login)
     {
+        m_refused = close.reply_code == AMQP_ACCESS_REFUSED || close.reply_code == AMQP_NOT_ALLOWED;
         why = close.reply_code == AMQP_ACCESS_REFUSED ? "login refused: "
               : close.reply_code == AMQP_NOT_ALLOWED  ? "virtual host " + m_options.url.vhost + " refused: "
                                                       : "login failed: ";

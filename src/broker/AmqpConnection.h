@@ -93,6 +93,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     /** Ends at once. The handler hears OnClosed. */
     void Abort(const std::string& why, EndCause cause = EndCause::unanswered);
     /** What ended it, or is about to. */
+    /** Whether the broker ended it because it refuses our user or virtual host. */
+    bool IsRefused() const { return m_refused; }
     EndCause Cause() const { return m_cause.value_or(EndCause::network); }
     /** Ends at once and tells nobody. */
     void Drop();
@@ -135,6 +137,7 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     std::shared_ptr<BrokerSocket> m_socket;
     State m_state = State::connecting;
     std::optional<EndCause> m_cause;
+    bool m_refused = false;
     boost::asio::steady_timer m_deadline;
     boost::asio::steady_timer m_heartbeatTimer;
     std::chrono::seconds m_heartbeat{0};

@@ -217,6 +217,11 @@ class LinkListener
     virtual void OnRefusedDelivery(const std::string& queue, const std::string& why) = 0;
     /** LinkSettings::firstConnectDeadline passed. */
     virtual void OnGaveUp(const std::string& why) = 0;
+    /**
+     * The broker refuses our user or virtual host. The next attempt most likely ends so, too, but is made all the same:
+     * somebody may mend it meanwhile.
+     */
+    virtual void OnLoginRefused(const std::string&) {}
 };
 
 /**

@@ -257,6 +257,10 @@ void ConsumeLink::OnClosed(const std::string& why)
     else if (!m_stopping && !m_moving)
     {
         m_source.Warnings().Write("Cannot connect to the broker " + m_source.Url(m_urlIndex).Printable() + ": " + why);
+        if (connection && connection->IsRefused())
+        {
+            m_listener.OnLoginRefused(why);
+        }
     }
     if (m_stopping)
     {

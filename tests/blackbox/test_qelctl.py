@@ -51,6 +51,17 @@ def test_ping_of_an_agent_that_is_down_times_out_and_says_so(world):
     assert f"no answer from agent {agent.agent_id} within 1 s" in done.stderr
 
 
+@pytest.mark.parametrize("verb", [("ping", "anybody"), ("dead-letters", "list", "anybody")], ids=lambda verb: verb[0])
+@pytest.mark.parametrize("wrong, told", [({"password": "wrong"}, "login refused: 403"),
+                                         ({"vhost": "nowhere"}, "virtual host nowhere refused: 530")])
+def test_a_login_that_is_refused_ends_it_at_once(world, verb, wrong, told):
+    # Longer than qelctl() waits for it.
+    done = qelctl("--broker", world.node.url(**wrong), "--timeout", "600", *verb)
+    assert done.returncode == 1
+    assert told in done.stderr and "check user, password and virtual host" in done.stderr
+    assert "wrong" not in done.stderr
+
+
 def test_configure_publish_attach(world):
     agent = world.agent()
     queue = f"work.{agent.agent_id}"

@@ -62,6 +62,22 @@ TEST(LinkConnect, UnknownVirtualHost)
     EXPECT_THAT(WhyNot(NodeUrl("amqp", "guest:guest", "nowhere")), HasSubstr("virtual host nowhere refused: 530"));
 }
 
+TEST(LinkConnect, ARefusedLoginIsToldAndTriedAgain)
+{
+    const std::string user = Unique("user");
+    LinkSettings settings = NodeSettings();
+    settings.urls = {NodeUrl("amqp", user + ":secret", "")};
+    RecordingListener listener;
+    BrokerLink link(settings, listener);
+    link.Start();
+    EXPECT_TRUE(listener.WaitForLoginRefused("login refused: 403"));
+
+    Rabbitmqctl("add_user " + user + " secret");
+    EXPECT_TRUE(listener.WaitForLoginRefused("virtual host / refused: 530"));
+    Rabbitmqctl("set_permissions " + user + " '.*' '.*' '.*'");
+    EXPECT_TRUE(listener.WaitForRestored(1));
+}
+
 TEST(LinkConnect, TlsToAPortThatDoesNotSpeakIt)
 {
     EXPECT_THAT(WhyNot(NodeUrl("amqps", "guest:guest", "")), HasSubstr("TLS: "));

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdio>
@@ -146,6 +147,11 @@ void RecordingListener::OnGaveUp(const std::string& why)
     Note([&] { m_gaveUp.push_back(why); });
 }
 
+void RecordingListener::OnLoginRefused(const std::string& why)
+{
+    Note([&] { m_loginRefused.push_back(why); });
+}
+
 void RecordingListener::SetDesired(DesiredTopology desired)
 {
     Note([&] { m_desired = std::move(desired); });
@@ -185,6 +191,17 @@ std::optional<std::string> RecordingListener::WaitForRefused()
 std::optional<std::string> RecordingListener::WaitForGaveUp()
 {
     return WaitForNth(m_gaveUp, 1);
+}
+
+bool RecordingListener::WaitForLoginRefused(const std::string& text)
+{
+    return WaitFor(
+        [&]
+        {
+            return std::any_of(
+                m_loginRefused.begin(), m_loginRefused.end(),
+                [&](const std::string& why) { return why.find(text) != std::string::npos; });
+        });
 }
 
 std::optional<std::pair<std::string, RequestResult>> RecordingListener::WaitForRestoreFailed(std::size_t count)

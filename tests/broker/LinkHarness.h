@@ -47,6 +47,7 @@ class RecordingListener : public LinkListener
     void OnDelivery(IncomingMessage&& message) override;
     void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
+    void OnLoginRefused(const std::string& why) override;
 
     void SetDesired(DesiredTopology desired);
 
@@ -57,6 +58,8 @@ class RecordingListener : public LinkListener
     std::optional<std::string> WaitForCancelled();
     std::optional<std::string> WaitForRefused();
     std::optional<std::string> WaitForGaveUp();
+    /** Waits for a refusal of the login whose reason holds this text. */
+    bool WaitForLoginRefused(const std::string& text);
     std::optional<std::pair<std::string, RequestResult>> WaitForRestoreFailed(std::size_t count);
 
     std::vector<IncomingMessage> Deliveries() const;
@@ -94,6 +97,7 @@ class RecordingListener : public LinkListener
     std::vector<IncomingMessage> m_deliveries;
     std::vector<std::string> m_refused;
     std::vector<std::string> m_gaveUp;
+    std::vector<std::string> m_loginRefused;
 };
 
 /** A link that is started and connected, with its listener. */

@@ -275,6 +275,13 @@ void DeadLetterSession::OnGaveUp(const std::string& why)
         ": check the URL, the password and that the broker is running");
 }
 
+void DeadLetterSession::OnLoginRefused(const std::string& why)
+{
+    Fail(
+        "the broker " + m_link.Status().url + " does not let us in: " + why +
+        ": check user, password and virtual host");
+}
+
 void DeadLetterSession::Fail(const std::string& why)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);

@@ -84,6 +84,7 @@ class DeadLetterSession : private LinkListener
     void OnDelivery(IncomingMessage&& message) override;
     void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
+    void OnLoginRefused(const std::string& why) override;
 
     QueueCounts CountQueue();
     void Consume();

@@ -196,6 +196,13 @@ void ManagementSession::OnGaveUp(const std::string& why)
         ": check the URL, the password and that the broker is running");
 }
 
+void ManagementSession::OnLoginRefused(const std::string& why)
+{
+    Fail(
+        "the broker " + m_link.Status().url + " does not let us in: " + why +
+        ": check user, password and virtual host");
+}
+
 void ManagementSession::Fail(const std::string& why)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);

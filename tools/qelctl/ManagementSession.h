@@ -70,6 +70,7 @@ class ManagementSession : private LinkListener
     void OnDelivery(IncomingMessage&& message) override;
     void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
+    void OnLoginRefused(const std::string& why) override;
 
     void WaitUntilRestored();
     void ProveReplyQueue();
