@@ -3,7 +3,6 @@
 #include <cinttypes>
 #include <cstdint>
 #include <ctime>
-
 #include <systemd/sd-daemon.h>
 
 namespace VtxQel::ServiceNotifier

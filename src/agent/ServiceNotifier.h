@@ -13,7 +13,8 @@ namespace VtxQel
 namespace ServiceNotifier
 {
 
-/** The agent has started: its sockets are open. Being connected is not part of it: hosts boot while brokers are down. */
+/** The agent has started: its sockets are open. Being connected is not part of it: hosts boot while brokers are down.
+ */
 void Ready();
 void Reloading();
 void Stopping();
