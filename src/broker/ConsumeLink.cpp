@@ -23,6 +23,8 @@ constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
 constexpr unsigned MOST_RENEWALS = 2;
+/** How often to look during the patience with a broker that is silent. */
+constexpr int SILENT_LOOKS = 5;
 /** In this time a quorum queue has worked off the acknowledgements that it got. */
 constexpr Milliseconds WORKED_OFF{1000};
 
@@ -137,7 +139,7 @@ void ConsumeLink::OnOpen()
     m_restoration.Begin(desired);
     m_base = DesiredTopology{std::move(desired.exchanges), std::move(desired.ownQueues), {}, {}};
     WatchRestoration();
-    WatchBase();
+    WatchBase(0);
     Pump();
 }
 
@@ -163,19 +165,20 @@ void ConsumeLink::WatchRestoration()
  * A node of a cluster that has just lost another asks that one for a queue and waits seconds for its answer. Asked anew
  * it mostly knows better; what it was asked before stays stuck.
  */
-void ConsumeLink::WatchBase()
+void ConsumeLink::WatchBase(int silentLooks)
 {
     After(
-        m_source.Settings().ownQueuePatience,
-        [this, before = m_restoreReplies]
+        m_source.Settings().ownQueuePatience / SILENT_LOOKS,
+        [this, silentLooks, before = m_restoreReplies]
         {
             if (m_restoration.IsBaseReady() || m_renewals == MOST_RENEWALS)
             {
                 return;
             }
-            if (m_restoreReplies != before || !m_restoration.IsAwaited() || m_paused)
+            const bool silent = m_restoration.IsAwaited() && m_restoreReplies == before && !m_paused;
+            if (!silent || silentLooks + 1 < SILENT_LOOKS)
             {
-                WatchBase();
+                WatchBase(silent ? silentLooks + 1 : 0);
                 return;
             }
             ++m_renewals;

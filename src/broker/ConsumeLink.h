@@ -70,7 +70,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void Connect();
     void ConnectLater();
     void WatchRestoration();
-    void WatchBase();
+    void WatchBase(int silentLooks);
     void GiveUp();
 
     void Pump();
