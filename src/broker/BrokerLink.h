@@ -49,8 +49,8 @@ struct LinkSettings
      */
     std::chrono::milliseconds queuePatience{15000};
     /**
-     * How long it may be silent about exchanges and own queues, without which nothing works, before another connection is
-     * tried for a first and a second time.
+     * How long it may be silent about exchanges and own queues, without which nothing works, before another connection
+     * is tried for a first and a second time.
      */
     std::chrono::milliseconds ownQueuePatience{2500};
 };
