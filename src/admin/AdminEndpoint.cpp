@@ -75,6 +75,13 @@ std::size_t NumberOf(const RequestTarget& target, const std::string& name, std::
     return *number;
 }
 
+/** The text of a query's item; empty when it is absent. */
+std::string TextOf(const RequestTarget& target, const std::string& name)
+{
+    const auto item = target.query.find(name);
+    return item == target.query.end() ? std::string() : item->second;
+}
+
 bool WantsJson(const AdminEndpoint::Request& request)
 {
     return request[http::field::accept].find(JSON) != boost::beast::string_view::npos;
@@ -122,7 +129,7 @@ AdminEndpoint::Response AdminEndpoint::Find(const Request& request, Origin origi
             return request.method() == http::verb::put ? SetLogLevel(request, origin) : WrongMethod("PUT");
         }
         const bool known = path == "/" || path == "/livez" || path == "/readyz" || path == "/metrics" ||
-                           path == "/status" || path == "/routes";
+                           path == "/status" || path == "/routes" || path == "/explain";
         if (!known)
         {
             return Error(http::status::not_found, "there is no such page");
@@ -136,6 +143,7 @@ AdminEndpoint::Response AdminEndpoint::Find(const Request& request, Origin origi
                : path == "/metrics" ? Make(http::status::ok, METRICS, MetricsText(m_port.Status()))
                : path == "/status"  ? Make(http::status::ok, JSON, StatusJson(m_port.Status()))
                : path == "/routes"  ? Routes(target)
+               : path == "/explain" ? Explain(target)
                                     : Page();
     }
     catch (const AdminException& error)
@@ -163,11 +171,21 @@ AdminEndpoint::Response AdminEndpoint::Ready(const Request& request) const
 AdminEndpoint::Response AdminEndpoint::Routes(const RequestTarget& target) const
 {
     RouteQuery query;
-    const auto search = target.query.find("search");
-    query.search = search == target.query.end() ? "" : search->second;
+    query.search = TextOf(target, "search");
     query.offset = NumberOf(target, "offset", 0);
     query.limit = std::min(NumberOf(target, "limit", query.limit), MOST_ROUTES);
     return Make(http::status::ok, JSON, RoutesJson(query, m_port.Routes(query)));
+}
+
+AdminEndpoint::Response AdminEndpoint::Explain(const RequestTarget& target) const
+{
+    if (!target.query.contains("key"))
+    {
+        throw AdminException("key must be given: the routing key");
+    }
+    const ExplainQuery query{
+        TextOf(target, "key"), TextOf(target, "queue"), TextOf(target, "type"), TextOf(target, "app-id")};
+    return Make(http::status::ok, JSON, ExplanationJson(query, m_port.Explain(query)));
 }
 
 AdminEndpoint::Response AdminEndpoint::SetLogLevel(const Request& request, Origin origin) const

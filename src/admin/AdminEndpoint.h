@@ -40,6 +40,7 @@ class AdminEndpoint
     Response Find(const Request& request, Origin origin) const;
     Response Ready(const Request& request) const;
     Response Routes(const RequestTarget& target) const;
+    Response Explain(const RequestTarget& target) const;
     Response SetLogLevel(const Request& request, Origin origin) const;
 
     AdminPort& m_port;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "admin/AgentStatus.h"
+#include "admin/RouteExplanation.h"
 
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ class AdminPort
     /** Why the agent is not ready, a line each; nothing when it is. */
     virtual std::vector<std::string> NotReady() const = 0;
     virtual RouteRows Routes(const RouteQuery& query) const = 0;
+    virtual RouteExplanation Explain(const ExplainQuery& query) const = 0;
     /** @param level 0 to 7 */
     virtual void SetLogLevel(int level) = 0;
 };

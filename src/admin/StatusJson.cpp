@@ -180,6 +180,22 @@ Json ToJson(const RouteRow& row)
         {"applications", row.applications}};
 }
 
+Json ToJson(const ExplainedBinding& binding)
+{
+    return {{"topic", binding.topic}, {"state", CamelCase(binding.state)}, {"applications", binding.applications}};
+}
+
+Json ToJson(const ExplainedReceiver& receiver)
+{
+    return {
+        {"application", receiver.application},
+        {"flow", receiver.flow},
+        {"instances", receiver.instances},
+        {"why", receiver.why}};
+}
+
+Json ToJson(const ExplainedCopy& copy);
+
 template <class T>
 Json ListOf(const std::vector<T>& items)
 {
@@ -189,6 +205,18 @@ Json ListOf(const std::vector<T>& items)
         list.push_back(ToJson(item));
     }
     return list;
+}
+
+Json ToJson(const ExplainedCopy& copy)
+{
+    return {
+        {"queue", copy.queue},
+        {"bindings", ListOf(copy.bindings)},
+        {"named", copy.named},
+        {"route", {{"key", copy.routeKey}, {"kind", copy.routeKind}}},
+        {"goesTo", CamelCase(copy.goesTo)},
+        {"receivers", ListOf(copy.receivers)},
+        {"why", copy.why}};
 }
 
 Json ToJson(const ConfigurationTotals& totals)
@@ -253,6 +281,17 @@ std::string RoutesJson(const RouteQuery& query, const RouteRows& routes)
          {"offset", query.offset},
          {"limit", query.limit},
          {"routes", ListOf(routes.rows)}});
+}
+
+std::string ExplanationJson(const ExplainQuery& query, const RouteExplanation& explanation)
+{
+    return Dump(
+        {{"exchange", explanation.exchange},
+         {"routingKey", query.routingKey},
+         {"type", query.type},
+         {"appId", query.appId},
+         {"copies", ListOf(explanation.copies)},
+         {"why", explanation.why}});
 }
 
 std::string ReadinessJson(const std::vector<std::string>& reasons)

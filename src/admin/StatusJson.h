@@ -1,6 +1,7 @@
 #pragma once
 
 #include "admin/AgentStatus.h"
+#include "admin/RouteExplanation.h"
 
 #include <optional>
 #include <string>
@@ -13,6 +14,8 @@ namespace VtxQel
 std::string StatusJson(const AgentStatus& status);
 /** One page of the routes. */
 std::string RoutesJson(const RouteQuery& query, const RouteRows& routes);
+/** The way of a message. */
+std::string ExplanationJson(const ExplainQuery& query, const RouteExplanation& explanation);
 /** Whether the agent is ready and why not. */
 std::string ReadinessJson(const std::vector<std::string>& reasons);
 /** An answer that is an error. */

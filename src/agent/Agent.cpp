@@ -81,8 +81,9 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
           ConfigurationKeepers{m_client->Routes(), m_subscriptions, m_configurations},
           [this](const std::string& application) { m_requests.AskLater(application); })),
       m_report(
-          m_config.id, m_config.broker.loopProbe,
-          ReportSources{*m_client, m_client->Routes(), m_applications, m_subscriptions, m_configurations}),
+          m_config.id, m_config.broker,
+          ReportSources{
+              *m_client, m_client->Routes(), m_applications, m_subscriptions, m_configurations, *m_dispatcher}),
       m_admin(m_report)
 {
     m_subscriptions.Observe([this](const SubscriptionChange& change) { OnSubscriptionChange(change); });

@@ -1,6 +1,7 @@
 #include "agent/AgentReport.h"
 
 #include "agent/PingReplyBody.h"
+#include "agent/StateNames.h"
 #include "logging/Log.h"
 
 #include <array>
@@ -20,16 +21,7 @@ constexpr std::array<const char*, LANE_COUNT> LANES{"control", "configuration", 
 constexpr std::array<const char*, OUTCOME_COUNT> OUTCOMES{"done", "parked", "dead", "rejected", "returned"};
 constexpr std::array<const char*, DEAD_REASON_COUNT> REASONS{"application",     "no_application", "control_refused",
                                                              "handling_failed", "unreadable",     "copy_refused"};
-constexpr std::array<const char*, 3> ROUTE_STATES{"intended", "in_force", "leaving"};
-constexpr std::array<const char*, 4> CONFIGURATION_STATES{"missing", "applying", "applied", "failed"};
-constexpr std::array<const char*, 4> FLOWS{"parked", "draining", "switching", "live"};
 constexpr std::array<const char*, 5> PROBE_STATES{"off", "waiting", "fresh", "behind", "failed"};
-
-template <std::size_t Count, class State>
-const char* NameOf(const std::array<const char*, Count>& names, State state)
-{
-    return names.at(static_cast<std::size_t>(state));
-}
 
 template <std::size_t Count, class Number>
 Counts Named(const std::array<const char*, Count>& names, const std::array<Number, Count>& numbers)
@@ -64,8 +56,9 @@ std::vector<CertificateFigures> CertificatesOf(const CertificateExpiry& expiry)
 
 } // namespace
 
-AgentReport::AgentReport(std::string id, LoopProbeSettings loopProbe, ReportSources sources)
-    : m_id(std::move(id)), m_loopProbe(loopProbe), m_sources(sources)
+AgentReport::AgentReport(std::string id, const BrokerSettings& broker, ReportSources sources)
+    : m_id(std::move(id)), m_loopProbe(broker.loopProbe), m_sources(sources),
+      m_explainer(broker, {sources.client, sources.topology, sources.subscriptions, sources.dispatcher})
 {
 }
 

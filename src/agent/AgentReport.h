@@ -2,6 +2,7 @@
 
 #include "admin/AdminPort.h"
 #include "agent/ConfigurationLog.h"
+#include "agent/RouteExplainer.h"
 #include "apps/ApplicationSet.h"
 #include "apps/Subscriptions.h"
 #include "broker/BrokerClient.h"
@@ -22,6 +23,7 @@ struct ReportSources
     const ApplicationSet& applications;
     const Subscriptions& subscriptions;
     const ConfigurationLog& configurations;
+    const LocalAppDispatcher& dispatcher;
 };
 
 /**
@@ -31,11 +33,12 @@ struct ReportSources
 class AgentReport : public AdminPort
 {
   public:
-    AgentReport(std::string id, LoopProbeSettings loopProbe, ReportSources sources);
+    AgentReport(std::string id, const BrokerSettings& broker, ReportSources sources);
 
     AgentStatus Status() const override;
     std::vector<std::string> NotReady() const override;
     RouteRows Routes(const RouteQuery& query) const override;
+    RouteExplanation Explain(const ExplainQuery& query) const override { return m_explainer.Explain(query); }
     void SetLogLevel(int level) override;
 
     /** The body of a ping's reply; see docs/admin.md. */
@@ -54,6 +57,7 @@ class AgentReport : public AdminPort
     const std::string m_id;
     const LoopProbeSettings m_loopProbe;
     const ReportSources m_sources;
+    const RouteExplainer m_explainer;
     const WallTime m_startedAt = std::chrono::system_clock::now();
     const std::chrono::steady_clock::time_point m_began = std::chrono::steady_clock::now();
     std::atomic<bool> m_stopping{false};

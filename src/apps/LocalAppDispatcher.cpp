@@ -5,7 +5,9 @@
 
 #include <boost/smart_ptr/shared_ptr.hpp>
 
+#include <cstddef>
 #include <optional>
+#include <utility>
 
 namespace VtxQel
 {
@@ -92,6 +94,25 @@ std::string LocalAppDispatcher::ApplicationFor(
     return receivers.applications.empty() ? "" : receivers.applications.front();
 }
 
+Takers LocalAppDispatcher::TakersOf(
+    const std::string& queue, const std::string& routingKey, const std::string& appId) const
+{
+    if (const auto named = appId.empty() ? nullptr : m_applications.Find(appId))
+    {
+        return {{named}, true, false};
+    }
+    const Receivers receivers = m_subscriptions.Resolve(queue, routingKey);
+    Takers takers{{}, false, receivers.servedElsewhere};
+    for (const std::string& name : receivers.applications)
+    {
+        if (auto application = m_applications.Find(name))
+        {
+            takers.applications.push_back(std::move(application));
+        }
+    }
+    return takers;
+}
+
 void LocalAppDispatcher::Stop()
 {
     const std::lock_guard lock(m_mutex);
@@ -122,33 +143,22 @@ void LocalAppDispatcher::DispatchParked(const boost::shared_ptr<Delivery>& messa
 
 LocalAppDispatcher::Outcome LocalAppDispatcher::HandOver(const boost::shared_ptr<Delivery>& message)
 {
-    const std::string& appId = message->GetProperties()->appId;
-    if (!appId.empty())
+    const Takers takers = TakersOf(message->GetQueue(), message->GetRoutingKey(), message->GetProperties()->appId);
+    std::vector<boost::shared_ptr<Receipt>> receipts;
+    receipts.reserve(takers.applications.size());
+    for (const auto& application : takers.applications)
     {
-        if (const auto named = m_applications.Find(appId))
-        {
-            named->Offer(message, message->Expect(appId));
-            return Outcome::handedOver;
-        }
+        receipts.push_back(message->Expect(application->Name()));
     }
-    const Receivers receivers = m_subscriptions.Resolve(message->GetQueue(), message->GetRoutingKey());
-    std::vector<std::pair<boost::shared_ptr<Application>, boost::shared_ptr<Receipt>>> taking;
-    for (const std::string& name : receivers.applications)
+    for (std::size_t index = 0; index < receipts.size(); ++index)
     {
-        if (const auto application = m_applications.Find(name))
-        {
-            taking.emplace_back(application, message->Expect(name));
-        }
+        takers.applications[index]->Offer(message, receipts[index]);
     }
-    for (const auto& [application, receipt] : taking)
-    {
-        application->Offer(message, receipt);
-    }
-    if (!taking.empty())
+    if (!receipts.empty())
     {
         return Outcome::handedOver;
     }
-    return receivers.servedElsewhere ? Outcome::servedElsewhere : Outcome::nobody;
+    return takers.servedElsewhere ? Outcome::servedElsewhere : Outcome::nobody;
 }
 
 void LocalAppDispatcher::Wait(const boost::shared_ptr<Delivery>& message)

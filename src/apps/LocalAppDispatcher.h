@@ -11,9 +11,20 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace VtxQel
 {
+
+/** The applications that take a message. */
+struct Takers
+{
+    std::vector<boost::shared_ptr<Application>> applications;
+    /** The message's app-id names the only one. */
+    bool named = false;
+    /** As in Receivers. */
+    bool servedElsewhere = false;
+};
 
 /**
  * LocalAppDispatcher tells which applications a message is for and hands it to them.
@@ -34,6 +45,9 @@ class LocalAppDispatcher : public AppDispatcher
 
     /** The name of the application that such a message is for: the app-id, else the first subscriber, else "". */
     std::string ApplicationFor(const std::string& queue, const std::string& routingKey, const std::string& appId) const;
+
+    /** Whom such a message that was not parked is handed to. */
+    Takers TakersOf(const std::string& queue, const std::string& routingKey, const std::string& appId) const;
 
     /** How many messages wait for the end of a configuration. */
     std::size_t WaitingCount() const { return m_waitingCount.load(); }

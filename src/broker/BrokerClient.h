@@ -107,6 +107,11 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     /** How many bindings and queues of applications the broker refused to restore on this connection. */
     std::size_t Unrestored() const { return m_unrestored; }
     const LoopProbe& Probe() const { return m_probe; }
+    /** The route that serves such a message. */
+    ServingRoute RouteOf(const std::string& routingKey, const std::string& queue) const
+    {
+        return m_lanes.RouteOf(routingKey, queue);
+    }
     std::size_t Waiting(LaneKind lane) const { return m_lanes.Waiting(lane); }
     /** For a watchdog: whether a lane gets on, and a task on the link's thread that shows that it does. */
     const Progress& ProgressOf(LaneKind lane) const { return m_lanes.ProgressOf(lane); }

@@ -186,7 +186,8 @@ bool Lanes::Try(const boost::shared_ptr<BrokerMessage>& message, std::string& er
 {
     try
     {
-        const boost::shared_ptr<RoutingRegistryEntry> route = RouteOf(*message);
+        const boost::shared_ptr<RoutingRegistryEntry> route =
+            RouteOf(message->GetRoutingKey(), message->GetQueue()).entry;
         if (route && route->handler && route->handler->Callback(message))
         {
             message->Accept();
@@ -211,16 +212,16 @@ bool Lanes::Try(const boost::shared_ptr<BrokerMessage>& message, std::string& er
     return false;
 }
 
-boost::shared_ptr<RoutingRegistryEntry> Lanes::RouteOf(const BrokerMessage& message)
+ServingRoute Lanes::RouteOf(const std::string& routingKey, const std::string& queue) const
 {
-    for (const std::string* key : {&message.GetRoutingKey(), &message.GetQueue()})
+    for (const std::string* key : {&routingKey, &queue})
     {
-        if (boost::shared_ptr<RoutingRegistryEntry> route = m_registry->Find(*key))
+        if (boost::shared_ptr<RoutingRegistryEntry> entry = m_registry->Find(*key))
         {
-            return route;
+            return {key, std::move(entry)};
         }
     }
-    return m_registry->Find(m_info->clientQueue);
+    return {&m_info->clientQueue, m_registry->Find(m_info->clientQueue)};
 }
 
 void Lanes::Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message)

@@ -21,6 +21,13 @@
 namespace VtxQel
 {
 
+/** The route that serves a message, and the key that it was found by: the routing key, or a queue's name. */
+struct ServingRoute
+{
+    const std::string* key = nullptr;
+    boost::shared_ptr<RoutingRegistryEntry> entry;
+};
+
 /**
  * Lanes carry deliveries to the handlers of their routes, each kind on a thread of its own, so that a configuration of
  * many topics delays neither a ping nor an application's messages.
@@ -43,6 +50,9 @@ class Lanes
     void Push(boost::shared_ptr<BrokerMessage> message);
     /** Each lane finishes the message in its hands and drops the others, which stay with the broker. Idempotent. */
     void Stop();
+
+    /** The route of a message from this queue; its key is one of the arguments, or the client queue's name. */
+    ServingRoute RouteOf(const std::string& routingKey, const std::string& queue) const;
 
     /** How many messages wait in the lane. */
     std::size_t Waiting(LaneKind kind) const;
@@ -67,7 +77,6 @@ class Lanes
     void Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder);
     /** @return whether the message is done with; else `error` says what its handling ended with. */
     bool Try(const boost::shared_ptr<BrokerMessage>& message, std::string& error);
-    boost::shared_ptr<RoutingRegistryEntry> RouteOf(const BrokerMessage& message);
     void Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message);
 
     const boost::shared_ptr<RoutingRegistry> m_registry;

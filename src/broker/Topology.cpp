@@ -460,6 +460,20 @@ RoutePage Topology::Find(const std::string& text, std::size_t offset, std::size_
     return page;
 }
 
+std::vector<RouteUse> Topology::BindingsWhere(const std::function<bool(const std::string& topic)>& fits) const
+{
+    const std::lock_guard lock(m_mutex);
+    std::vector<RouteUse> fitting;
+    for (const auto& [binding, use] : m_bindings)
+    {
+        if (fits(binding.topic))
+        {
+            fitting.push_back({RouteKind::topic, binding.topic, binding.queue, use.state, use.users});
+        }
+    }
+    return fitting;
+}
+
 RouteRecord Topology::Record(const Binding& binding, RouteState state) const
 {
     return {m_frame ? m_frame->application : std::string(), RouteKind::topic, binding.topic, binding.queue, state};

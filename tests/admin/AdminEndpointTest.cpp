@@ -76,6 +76,40 @@ TEST_F(AdminEndpointTest, ReadyzSpeaksJsonWhenAsked)
     EXPECT_EQ(json::parse(response.body()), json({{"ready", false}, {"reasons", {"no \"probe\""}}}));
 }
 
+TEST_F(AdminEndpointTest, ExplainAsksForTheMessageThatTheQueryDescribes)
+{
+    port.explanation.exchange = "qel";
+    port.explanation.copies = {
+        {"q",
+         {{"a.*", "in_force", {"web"}}},
+         true,
+         "a.b",
+         "topic",
+         "other_copy",
+         {{"web", "live", 2, "because"}},
+         "w"}};
+    const Response response = Get("/explain?key=a%2Eb&queue=q&type=t&app-id=web");
+
+    EXPECT_EQ(response.result(), http::status::ok);
+    EXPECT_EQ(port.lastExplained->routingKey, "a.b");
+    EXPECT_EQ(port.lastExplained->queue, "q");
+    EXPECT_EQ(port.lastExplained->type, "t");
+    EXPECT_EQ(port.lastExplained->appId, "web");
+    EXPECT_EQ(json::parse(response.body()), json::parse(R"({
+        "exchange": "qel", "routingKey": "a.b", "type": "t", "appId": "web", "why": "",
+        "copies": [{"queue": "q", "bindings": [{"topic": "a.*", "state": "inForce", "applications": ["web"]}],
+            "named": true, "route": {"key": "a.b", "kind": "topic"}, "goesTo": "otherCopy", "why": "w",
+            "receivers": [{"application": "web", "flow": "live", "instances": 2, "why": "because"}]}]})"));
+}
+
+TEST_F(AdminEndpointTest, ExplainWantsAKeyWhichMayBeEmpty)
+{
+    EXPECT_EQ(Get("/explain").result(), http::status::bad_request);
+    EXPECT_FALSE(port.lastExplained);
+    EXPECT_EQ(Get("/explain?key=").result(), http::status::ok);
+    EXPECT_EQ(port.lastExplained->routingKey, "");
+}
+
 TEST_F(AdminEndpointTest, HeadHasTheLengthOfTheBodyAndNoBody)
 {
     const Response response = Send({http::verb::head, "/livez", 11});

@@ -25,13 +25,20 @@ class FakeAdminPort : public AdminPort
         lastQuery = query;
         return routes;
     }
+    RouteExplanation Explain(const ExplainQuery& query) const override
+    {
+        lastExplained = query;
+        return explanation;
+    }
     void SetLogLevel(int wanted) override { level = wanted; }
 
     AgentStatus status;
     std::vector<std::string> notReady;
     RouteRows routes;
+    RouteExplanation explanation;
     std::optional<int> level;
     mutable std::optional<RouteQuery> lastQuery;
+    mutable std::optional<ExplainQuery> lastExplained;
 };
 
 } // namespace VtxQel

@@ -5,6 +5,8 @@ import os
 import subprocess
 
 from support.paths import ROOT, program
+from support.plane import CONFIGURATION, PING
+from support.schema import configuration
 
 NO_AGENT = 3
 
@@ -56,6 +58,66 @@ def test_routes(world):
     assert [route["name"] for route in found["routes"]] == ["a.two"]
     assert found["total"] == 3 and found["matching"] == 1
     assert "1 of 3" in qelctl(agent, "routes", "--limit", "1")
+
+
+def explained(agent, *arguments):
+    """The answer of explain as {queue: copy}."""
+    answer = json.loads(qelctl(agent, "explain", *arguments, "--json"))
+    return {copy["queue"]: copy for copy in answer["copies"]} or answer["why"]
+
+
+def test_explain_says_who_gets_a_message_and_why(world):
+    agent, plane = world.agent(), world.plane()
+    alpha, beta = world.attach(agent, "alpha"), world.attach(agent, "beta")
+    queue = f"q.{agent.agent_id}"
+    plane.configure(agent, "alpha", topics=["a.*", ("a.hot", 1)], queues=[queue])
+    alpha.wait_for_state("APPLIED", ["a.*", "a.hot"])
+    plane.configure(agent, "beta", topics=["#", "b"])
+    beta.wait_for_state("APPLIED", ["#", "b"])
+
+    copies = explained(agent, "a.cold")
+    assert list(copies) == [agent.client_queue]
+    copy = copies[agent.client_queue]
+    assert copy["goesTo"] == "applications" and not copy["named"]
+    assert {binding["topic"]: (binding["state"], binding["applications"]) for binding in copy["bindings"]} == {
+        "a.*": ("inForce", ["alpha"]), "#": ("inForce", ["beta"])}
+    assert {(one["application"], one["instances"], one["why"]) for one in copy["receivers"]} == {
+        ("alpha", 1, "its topic a.*"), ("beta", 1, "its topic #")}
+    assert copy["route"] == {"key": agent.client_queue, "kind": "own"}
+    plane.publish(agent.exchange, "a.cold", b"as explained")
+    assert alpha.take() == beta.take() == [b"as explained"]
+
+    hot = explained(agent, "a.hot")
+    assert [one["application"] for one in hot[agent.priority_queue]["receivers"]] == ["alpha"]
+    assert hot[agent.priority_queue]["route"] == {"key": "a.hot", "kind": "topic"}
+    assert [one["application"] for one in hot[agent.client_queue]["receivers"]] == ["beta"]
+    assert list(explained(agent, "a.hot", "--queue", agent.priority_queue)) == [agent.priority_queue]
+
+    own = explained(agent, queue)
+    assert own[queue]["named"] and own[queue]["route"] == {"key": queue, "kind": "queue"}
+    assert [(one["application"], one["why"]) for one in own[queue]["receivers"]] == [("alpha", "its queue")]
+
+    named = explained(agent, agent.client_queue, "--app-id", "beta")[agent.client_queue]
+    assert [(one["application"], one["why"]) for one in named["receivers"]] == [("beta", "the app-id names it")]
+    text = qelctl(agent, "explain", "a.cold")
+    assert "alpha (live, 1 instance)" in text and "topic a.*" in text
+
+
+def test_explain_says_why_nobody_gets_a_message(world):
+    agent, plane = world.agent({"broker": {"control_users": ["guest"]}}), world.plane()
+    alpha = world.attach(agent, "alpha")
+    plane.publish("", agent.client_queue, configuration(["a.one"]), type=CONFIGURATION, app_id="alpha", user_id="guest")
+    alpha.wait_for_state("APPLIED", ["a.one"])
+
+    assert "no application's topic fits" in explained(agent, "a.two")
+    assert "nobody gets it: " in qelctl(agent, "explain", "a.two")
+    assert "no such queue" in explained(agent, "a.one", "--queue", "elsewhere")
+    stranger = explained(agent, agent.client_queue, "--app-id", "stranger")[agent.client_queue]
+    assert stranger["goesTo"] == "deadLetters" and "there is no application stranger" in stranger["why"]
+    ping = explained(agent, agent.client_queue, "--type", PING)[agent.client_queue]
+    assert ping["goesTo"] == "agent" and "control_users: guest" in ping["why"]
+    wrong = explained(agent, agent.client_queue, "--type", CONFIGURATION, "--app-id", "x")[agent.client_queue]
+    assert wrong["goesTo"] == "deadLetters" and "no application x" in wrong["why"]
 
 
 def test_health(lonely_world):

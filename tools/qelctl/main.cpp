@@ -3,6 +3,7 @@
 #include "ConfigureCommand.h"
 #include "DeadLettersCommand.h"
 #include "DiagnosticsCommand.h"
+#include "ExplainCommand.h"
 #include "Failure.h"
 #include "HealthCommand.h"
 #include "LogLevelCommand.h"
@@ -71,6 +72,7 @@ int main(int argc, char** argv)
     commands.push_back(std::make_unique<StatusCommand>());
     commands.push_back(std::make_unique<AppsCommand>());
     commands.push_back(std::make_unique<RoutesCommand>());
+    commands.push_back(std::make_unique<ExplainCommand>());
     commands.push_back(std::make_unique<HealthCommand>());
     commands.push_back(std::make_unique<LogLevelCommand>());
     commands.push_back(std::make_unique<DiagnosticsCommand>());
