@@ -46,6 +46,13 @@ std::uint32_t CountIn(const RmqTable& headers, const std::string& name)
 
 void LogDeadLetter(const BrokerMessage& message, const std::string& application, const std::string& reason)
 {
+    const LogScope scope(
+        [&]
+        {
+            LogFields fields = message.FieldsForLog();
+            fields.application = application;
+            return fields;
+        });
     QEL_LOG(
         vtx::LevelWarning, "dead-lettered for application %s: %s. %s",
         application.empty() ? "(none)" : application.c_str(), reason.c_str(), message.ToString().c_str());

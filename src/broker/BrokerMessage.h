@@ -3,6 +3,7 @@
 #include "broker/BrokerLink.h"
 #include "broker/DeliveryCounters.h"
 #include "common/Delivery.h"
+#include "logging/LogScope.h"
 
 #include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
@@ -65,6 +66,8 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     std::uint32_t CountFailure();
 
     const IncomingMessage& Incoming() const { return m_incoming; }
+    /** What a line of the log has beside its text when it is about this message. */
+    LogFields FieldsForLog() const { return {m_incoming.properties->messageId, GetAppName(), m_incoming.tag.tag}; }
 
     /** Counts the message for this lane from now on until it is settled or given up. Before anybody else has it. */
     void EnterLane(LaneKind lane);

@@ -2,6 +2,7 @@
 
 #include "common/MessageTypes.h"
 #include "logging/Log.h"
+#include "logging/LogScope.h"
 
 #include <algorithm>
 #include <chrono>
@@ -151,6 +152,7 @@ void Lanes::Run(Lane& lane, bool keepOrder)
 
 void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder)
 {
+    const LogScope scope([&message] { return message->FieldsForLog(); });
     std::string error;
     // A message whose connection is gone comes again.
     while (message->IsCurrent() && !Try(message, error))

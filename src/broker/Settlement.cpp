@@ -1,6 +1,7 @@
 #include "broker/Settlement.h"
 
 #include "logging/Log.h"
+#include "logging/LogScope.h"
 
 #include <algorithm>
 #include <chrono>
@@ -204,6 +205,7 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
     }
     if (result == PublishResult::refused)
     {
+        const LogScope scope([&copy] { return copy.message->FieldsForLog(); });
         QEL_LOG(
             vtx::LevelWarning,
             "queue %s does not take a copy (%s); the message goes to its own queue's dead-letter "

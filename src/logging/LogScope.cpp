@@ -1,0 +1,27 @@
+#include "logging/LogScope.h"
+
+#include <utility>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+thread_local const LogScope* innermost = nullptr;
+
+} // namespace
+
+LogScope::LogScope(Describe describe) : m_describe(std::move(describe)), m_outer(std::exchange(innermost, this)) {}
+
+LogScope::~LogScope()
+{
+    innermost = m_outer;
+}
+
+std::optional<LogFields> LogScope::Fields()
+{
+    return innermost == nullptr ? std::nullopt : std::optional(innermost->m_describe());
+}
+
+} // namespace VtxQel

@@ -1,0 +1,59 @@
+#include "logging/LogScope.h"
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <thread>
+
+namespace VtxQel
+{
+
+namespace
+{
+
+LogFields About(const std::string& messageId)
+{
+    return {messageId, "web", 7};
+}
+
+} // namespace
+
+TEST(LogScope, LinesOutsideOfAllAreAboutNothing)
+{
+    EXPECT_EQ(LogScope::Fields(), std::nullopt);
+}
+
+TEST(LogScope, TheInnermostCountsWhileItLives)
+{
+    const LogScope outer([] { return About("outer"); });
+    {
+        const LogScope inner([] { return About("inner"); });
+        EXPECT_EQ(LogScope::Fields(), About("inner"));
+    }
+    EXPECT_EQ(LogScope::Fields(), About("outer"));
+}
+
+TEST(LogScope, OtherThreadsHaveTheirOwn)
+{
+    const LogScope mine([] { return About("mine"); });
+    std::optional<LogFields> theirs = About("none");
+    std::thread([&theirs] { theirs = LogScope::Fields(); }).join();
+    EXPECT_EQ(theirs, std::nullopt);
+}
+
+TEST(LogScope, TheMessageIsDescribedWhenALineAsks)
+{
+    int described = 0;
+    const LogScope scope(
+        [&described]
+        {
+            ++described;
+            return LogFields();
+        });
+    EXPECT_EQ(described, 0);
+    LogScope::Fields();
+    EXPECT_EQ(described, 1);
+}
+
+} // namespace VtxQel
