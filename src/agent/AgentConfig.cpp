@@ -238,7 +238,7 @@ AgentConfig LoadAgentConfig(const std::string& file)
     ReadLoopProbe(toml, config.broker.loopProbe);
     ReadAdmin(toml, config);
     config.logLevel = static_cast<int>(toml.Integer("log.level", 4, {0, 7}));
-    config.logFormat = toml.Choice("log.format", "text", {"text", "json"});
+    config.logFormat = toml.Choice("log.format", "text", {"text", "journal", "json"});
 
     std::string problems;
     for (const std::string& problem : toml.Problems())

@@ -2,13 +2,20 @@
 
 #include "appinit/AppInitConfigMsg.pb.h"
 #include "logging/Log.h"
+#include "logging/LogScope.h"
+#include "logging/RepeatedLines.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstdlib>
 #include <functional>
 #include <string>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace VtxQel
 {
@@ -22,9 +29,14 @@ using testing::Not;
 class LogOutput : public testing::Test
 {
   protected:
-    LogOutput() { vtx::Logger::logLevel = vtx::LevelDetail; }
+    LogOutput()
+    {
+        vtx::Logger::logLevel = vtx::LevelDetail;
+        ::unsetenv("JOURNAL_STREAM");
+    }
     ~LogOutput() override
     {
+        ::unsetenv("JOURNAL_STREAM");
         vtx::SetLogSink({});
         vtx::Logger::logLevel = vtx::LevelWarning;
     }
@@ -49,6 +61,79 @@ TEST_F(LogOutput, ALineHasTimeLevelSubcomponentTagAndText)
     EXPECT_THAT(plain, MatchesRegex("[0-9]+-[0-9]+-[0-9]+T[0-9:.]+[+-][0-9:]+ warning qel: hello 5\n"));
     const std::string tagged = Written("text", [] { QEL_LOG_ERROR("errorCode:QEL15", "bad"); });
     EXPECT_THAT(tagged, EndsWith(" error qel errorCode:QEL15: bad\n"));
+}
+
+TEST_F(LogOutput, TheJournalGetsThePriorityInsteadOfTheTime)
+{
+    const auto everything = []
+    {
+        QEL_LOG(vtx::LevelFatal, "a");
+        QEL_LOG_ERROR("errorCode:QEL15", "b");
+        QEL_LOG(vtx::LevelStatus, "c");
+        QEL_LOG(vtx::LevelWarning, "d");
+        QEL_LOG(vtx::LevelNotice, "e");
+        QEL_LOG(vtx::LevelDetail, "f");
+    };
+    EXPECT_EQ(
+        Written("journal", everything), "<2>fatal qel: a\n<3>error qel errorCode:QEL15: b\n<5>status qel: c\n"
+                                        "<4>warning qel: d\n<6>notice qel: e\n<7>detail qel: f\n");
+}
+
+TEST_F(LogOutput, StandardErrorIsTheJournalWhenItIsTheStreamThatTheServiceManagerNames)
+{
+    const auto written = [](const std::string& format, const std::string& suffix)
+    {
+        testing::internal::CaptureStderr();
+        struct stat stream = {};
+        EXPECT_EQ(::fstat(STDERR_FILENO, &stream), 0);
+        const std::string name = std::to_string(stream.st_dev) + ":" + std::to_string(stream.st_ino) + suffix;
+        ::setenv("JOURNAL_STREAM", name.c_str(), 1);
+        StartLogOutput(format);
+        QEL_LOG(vtx::LevelWarning, "hello");
+        return testing::internal::GetCapturedStderr();
+    };
+    EXPECT_EQ(written("text", ""), "<4>warning qel: hello\n");
+    EXPECT_THAT(written("json", ""), MatchesRegex("<4>\\{\"time\":\"[^ ]*\",\"level\":\"warning\".*\n"));
+    EXPECT_THAT(written("text", "0"), MatchesRegex("[0-9]+-.* warning qel: hello\n"));
+}
+
+TEST_F(LogOutput, BesideTheTextStandsTheMessageThatALineIsAbout)
+{
+    const auto about = [](const LogFields& fields)
+    {
+        return [fields]
+        {
+            const LogScope scope([&fields] { return fields; });
+            QEL_LOG(vtx::LevelWarning, "hello");
+        };
+    };
+    EXPECT_EQ(
+        Written("journal", about({"order-17", "web", 4})),
+        "<4>warning qel [application=web message-id=order-17 delivery-tag=4]: hello\n");
+    EXPECT_EQ(Written("journal", about({"", "", 5})), "<4>warning qel [delivery-tag=5]: hello\n");
+    EXPECT_EQ(
+        Written("journal", about({"a b\" delivery-tag=9]: \n", "web", 4})),
+        "<4>warning qel [application=web message-id=\"a b\\\" delivery-tag=9]: \\\\x0a\" delivery-tag=4]: hello\n");
+    const auto json = nlohmann::json::parse(Written("json", about({"order\xFF", "web", 4})));
+    EXPECT_EQ(json["messageId"], "order\\xff");
+    EXPECT_EQ(json["application"], "web");
+    EXPECT_EQ(json["deliveryTag"], 4);
+    EXPECT_EQ(json["message"], "hello");
+    EXPECT_FALSE(nlohmann::json::parse(Written("json", about({"", "", 5}))).contains("messageId"));
+}
+
+TEST_F(LogOutput, OfManyLinesAlikeTheFirstAreWritten)
+{
+    const std::string written = Written(
+        "journal",
+        []
+        {
+            for (int index = 0; index < 100; ++index)
+            {
+                QEL_LOG(vtx::LevelWarning, "again");
+            }
+        });
+    EXPECT_EQ(std::count(written.begin(), written.end(), '\n'), RepeatedLines::MOST_ALIKE);
 }
 
 TEST_F(LogOutput, TheNewlineThatEndsATextIsNotShown)

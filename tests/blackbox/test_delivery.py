@@ -1,5 +1,7 @@
 """Messages reach the application they are for, and no other."""
 
+import json
+
 
 def configured(world):
     """Two attached applications: alpha with a.one (normal) and a.two (priority), beta with b.one and the queue."""
@@ -119,3 +121,21 @@ def test_an_application_publishes_through_the_agent(world):
     assert beta.take() == [b"to beta"]
     alpha.publish("", queue, b"to the queue")
     assert beta.take() == [b"to the queue"]
+
+
+def test_the_lines_of_the_log_name_the_message_beside_their_text(world):
+    """In JSON, each line an object; with the journal's priorities, in front of the text."""
+    for log_format in ("json", "journal"):
+        agent = world.agent({"log": {"format": log_format, "level": 6}, "broker": {"loop_probe_seconds": 0}})
+        world.plane().publish("", agent.client_queue, b"", type="any.type", message_id="order 17", app_id="alpha")
+        agent.wait_for_log("Default dispatch for incoming rmq message")
+        agent.stop()
+        lines = agent.log().splitlines()
+        text = "Msg Received in client queue for alpha. message type: any.type"
+        if log_format == "json":
+            [line] = [line for line in map(json.loads, lines) if line["message"] == text]
+            assert (line["application"], line["messageId"], line["deliveryTag"]) == ("alpha", "order 17", 1)
+        else:
+            assert [line for line in lines if text in line] == [
+                f'<6>notice qel [application=alpha message-id="order 17" delivery-tag=1]: {text}']
+            assert all(line[:3] in ("<5>", "<6>", "<7>", "<4>") for line in lines)
