@@ -20,7 +20,7 @@ std::optional<std::string> ErrorOf(const std::string& text)
         const BrokerUrl url = BrokerUrl::Parse(text);
         Require(!url.vhost.empty(), "there is a virtual host");
         Require(url.Printable().starts_with(url.tls ? "amqps://" : "amqp://"), "the printable form tells the scheme");
-        const BrokerUrl other{url.host, url.port, url.vhost, "", "", url.tls};
+        const BrokerUrl other{url.host, url.port, url.vhost, "", "", false, url.tls};
         Require(other.Printable() == url.Printable(), "the printable form holds neither user nor password");
         return {};
     }
