@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <systemd/sd-daemon.h>
@@ -82,6 +81,10 @@ std::string Quoted(const std::string& value)
 /** In front of the text, where nothing that others wrote can be taken for them. */
 std::string AsText(const LogFields& fields)
 {
+    if (fields.deliveryTag == 0)
+    {
+        return {};
+    }
     std::string text = " [";
     if (!fields.application.empty())
     {
@@ -94,32 +97,31 @@ std::string AsText(const LogFields& fields)
     return text + "delivery-tag=" + std::to_string(fields.deliveryTag) + "]";
 }
 
-std::string AsText(const vtx::LogLine& line, const std::optional<LogFields>& fields)
+std::string AsText(const vtx::LogLine& line, const LogFields& fields)
 {
     const std::string tag = line.tag.empty() ? std::string() : " " + line.tag;
-    return std::string(LogLevelName(line.level)) + " " + line.subcomponent + tag + (fields ? AsText(*fields) : "") +
-           ": " + Shown(line);
+    return std::string(LogLevelName(line.level)) + " " + line.subcomponent + tag + AsText(fields) + ": " + Shown(line);
 }
 
 /** Without the brace that opens the object: the time comes first. */
-std::string AsJson(const vtx::LogLine& line, const std::optional<LogFields>& fields)
+std::string AsJson(const vtx::LogLine& line, const LogFields& fields)
 {
     nlohmann::ordered_json object{{"level", LogLevelName(line.level)}, {"subcomponent", line.subcomponent}};
     if (!line.tag.empty())
     {
         object["tag"] = line.tag;
     }
-    if (fields && !fields->application.empty())
+    if (!fields.application.empty())
     {
-        object["application"] = Printable(fields->application);
+        object["application"] = Printable(fields.application);
     }
-    if (fields && !fields->messageId.empty())
+    if (!fields.messageId.empty())
     {
-        object["messageId"] = Printable(fields->messageId);
+        object["messageId"] = Printable(fields.messageId);
     }
-    if (fields)
+    if (fields.deliveryTag != 0)
     {
-        object["deliveryTag"] = fields->deliveryTag;
+        object["deliveryTag"] = fields.deliveryTag;
     }
     object["message"] = Shown(line);
     return object.dump().substr(1);
@@ -179,7 +181,7 @@ class Output
         const bool isNew = m_repeated.Admit(line, counts);
         for (const vtx::LogLine& count : counts)
         {
-            Write(count, std::nullopt);
+            Write(count, {});
         }
         if (isNew)
         {
@@ -188,7 +190,7 @@ class Output
     }
 
   private:
-    void Write(const vtx::LogLine& line, const std::optional<LogFields>& fields)
+    void Write(const vtx::LogLine& line, const LogFields& fields)
     {
         m_logger.log(LibraryLevel(line.level), "{}", m_isJson ? AsJson(line, fields) : AsText(line, fields));
     }

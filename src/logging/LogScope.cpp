@@ -19,9 +19,9 @@ LogScope::~LogScope()
     innermost = m_outer;
 }
 
-std::optional<LogFields> LogScope::Fields()
+LogFields LogScope::Fields()
 {
-    return innermost == nullptr ? std::nullopt : std::optional(innermost->m_describe());
+    return innermost == nullptr ? LogFields() : innermost->m_describe();
 }
 
 } // namespace VtxQel

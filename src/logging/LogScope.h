@@ -2,20 +2,19 @@
 
 #include <cstdint>
 #include <functional>
-#include <optional>
 #include <string>
 
 namespace VtxQel
 {
 
-/** The message that a line is about, beside the line's text. */
+/** The message that a line is about, beside the line's text; empty when it is about none. */
 struct LogFields
 {
     /** As its publisher named it; empty when it did not. */
     std::string messageId;
     /** The application that it is for; empty when nobody is known. */
     std::string application;
-    /** The broker's number of this delivery, within its channel. */
+    /** The broker's number of this delivery, within its channel; they begin at 1. */
     std::uint64_t deliveryTag = 0;
 
     bool operator==(const LogFields&) const = default;
@@ -39,7 +38,7 @@ class LogScope
     LogScope& operator=(const LogScope&) = delete;
 
     /** What the innermost scope of this thread says; nothing outside of all. */
-    static std::optional<LogFields> Fields();
+    static LogFields Fields();
 
   private:
     const Describe m_describe;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <optional>
 #include <string>
 #include <thread>
 
@@ -21,7 +20,7 @@ LogFields About(const std::string& messageId)
 
 TEST(LogScope, LinesOutsideOfAllAreAboutNothing)
 {
-    EXPECT_EQ(LogScope::Fields(), std::nullopt);
+    EXPECT_EQ(LogScope::Fields(), LogFields());
 }
 
 TEST(LogScope, TheInnermostCountsWhileItLives)
@@ -37,9 +36,9 @@ TEST(LogScope, TheInnermostCountsWhileItLives)
 TEST(LogScope, OtherThreadsHaveTheirOwn)
 {
     const LogScope mine([] { return About("mine"); });
-    std::optional<LogFields> theirs = About("none");
+    LogFields theirs = About("none");
     std::thread([&theirs] { theirs = LogScope::Fields(); }).join();
-    EXPECT_EQ(theirs, std::nullopt);
+    EXPECT_EQ(theirs, LogFields());
 }
 
 TEST(LogScope, TheMessageIsDescribedWhenALineAsks)
