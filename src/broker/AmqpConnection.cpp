@@ -254,6 +254,10 @@ std::string AmqpConnection::EndOfStream(const error_code& error) const
 
 void AmqpConnection::OnFrame(const RawFrame& frame)
 {
+    if (frame.type != AMQP_FRAME_HEARTBEAT)
+    {
+        m_lastFrame = std::chrono::steady_clock::now();
+    }
     switch (frame.type)
     {
     case AMQP_FRAME_METHOD:

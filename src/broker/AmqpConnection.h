@@ -92,9 +92,11 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     void Close(EndCause cause = EndCause::moved);
     /** Ends at once. The handler hears OnClosed. */
     void Abort(const std::string& why, EndCause cause = EndCause::unanswered);
-    /** What ended it, or is about to. */
     /** Whether the broker ended it because it refuses our user or virtual host. */
     bool IsRefused() const { return m_refused; }
+    /** When a frame came last that was no heartbeat. */
+    std::chrono::steady_clock::time_point LastFrame() const { return m_lastFrame; }
+    /** What ended it, or is about to. */
     EndCause Cause() const { return m_cause.value_or(EndCause::network); }
     /** Ends at once and tells nobody. */
     void Drop();
@@ -143,6 +145,7 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     std::chrono::seconds m_heartbeat{0};
     std::uint16_t m_channelMax = 0;
     std::chrono::steady_clock::time_point m_lastReceived;
+    std::chrono::steady_clock::time_point m_lastFrame;
     bool m_sentSinceTick = false;
 
     FrameBuffer m_in;

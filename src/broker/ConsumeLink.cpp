@@ -23,6 +23,8 @@ constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
 constexpr unsigned MOST_RENEWALS = 2;
+/** How long an answer may still take when an echo has shown that the line is free. */
+constexpr Milliseconds OWED{1000};
 /** How often to look during the patience with a broker that is silent. */
 constexpr int SILENT_LOOKS = 5;
 /** In this time a quorum queue has worked off the acknowledgements that it got. */
@@ -135,6 +137,8 @@ void ConsumeLink::OnOpen()
             m_listener, m_deliveries, m_generation, m_source.Settings().rejectUnreadable,
             [this](const std::string& queue, bool deleted, const std::string& why)
             { OnConsumerLost(queue, deleted, why); }});
+    m_echo = std::make_unique<Echo>(*m_connection, m_connection->ChannelMax());
+    m_onOpen();
     DesiredTopology desired = m_listener.OnConnected();
     m_restoration.Begin(desired);
     m_base = DesiredTopology{std::move(desired.exchanges), std::move(desired.ownQueues), {}, {}};
@@ -151,13 +155,24 @@ void ConsumeLink::WatchRestoration()
         m_source.Settings().queuePatience,
         [this, before = m_restoreReplies]
         {
-            if (m_restoration.IsAwaited() && m_restoreReplies == before && !m_paused)
+            const auto isSilent = [this, before]
+            { return m_restoration.IsAwaited() && m_restoreReplies == before && !m_paused; };
+            if (!isSilent())
             {
-                const auto connection = m_connection;
-                connection->Abort("the broker does not answer while queues and bindings are restored");
+                WatchRestoration();
                 return;
             }
-            WatchRestoration();
+            AfterEcho(
+                [this, isSilent]
+                {
+                    if (!isSilent())
+                    {
+                        WatchRestoration();
+                        return;
+                    }
+                    const auto connection = m_connection;
+                    connection->Abort("the broker does not answer while queues and bindings are restored");
+                });
         });
 }
 
@@ -194,6 +209,10 @@ void ConsumeLink::OnMethod(std::uint16_t channel, const amqp_method_t& method)
     {
         m_rpc->OnMethod(method);
     }
+    else if (channel == m_echo->Channel())
+    {
+        m_echo->OnMethod(method);
+    }
     else
     {
         m_consumers->OnMethod(channel, method);
@@ -221,6 +240,7 @@ void ConsumeLink::OnClosed(const std::string& why)
     const auto connection = std::exchange(m_connection, nullptr);
     const auto rpc = std::exchange(m_rpc, nullptr);
     const auto consumers = std::exchange(m_consumers, nullptr);
+    const auto echo = std::exchange(m_echo, nullptr);
     ++m_connectionNumber;
     m_lastError = why;
     m_state.Update(
@@ -569,26 +589,31 @@ void ConsumeLink::WatchConsumer(const std::string& queue)
         m_source.Settings().queuePatience,
         [this, queue]
         {
-            const std::vector<std::string> starting = m_consumers->Starting();
-            if (std::find(starting.begin(), starting.end(), queue) == starting.end())
-            {
-                return;
-            }
             if (m_paused)
             {
                 WatchConsumer(queue);
                 return;
             }
-            for (const std::string& silent : starting)
-            {
-                if (!m_restoration.IsOwnQueue(silent))
-                {
-                    m_silent.Add(silent);
-                }
-            }
-            const auto connection = m_connection;
-            connection->Abort("the broker does not answer for queue " + queue);
+            AfterEcho([this, queue] { LeaveSilent(queue); });
         });
+}
+
+void ConsumeLink::LeaveSilent(const std::string& queue)
+{
+    const std::vector<std::string> starting = m_consumers->Starting();
+    if (std::find(starting.begin(), starting.end(), queue) == starting.end())
+    {
+        return;
+    }
+    for (const std::string& silent : starting)
+    {
+        if (!m_restoration.IsOwnQueue(silent))
+        {
+            m_silent.Add(silent);
+        }
+    }
+    const auto connection = m_connection;
+    connection->Abort("the broker does not answer for queue " + queue);
 }
 
 void ConsumeLink::HoldBack(const Request& request)
@@ -806,6 +831,41 @@ void ConsumeLink::After(Milliseconds delay, std::function<void()> task)
             {
                 task();
             }
+        });
+}
+
+/** Runs the task when nothing on the line can delay an answer any more that the broker has given by now. */
+void ConsumeLink::AfterEcho(std::function<void()> task)
+{
+    const auto heard = std::make_shared<bool>(false);
+    m_echo->Ask(
+        [this, heard, task = std::move(task)]
+        {
+            *heard = true;
+            After(OWED, task);
+        });
+    WatchEcho(heard);
+}
+
+/** An echo may be late behind a backlog; it may not be late when nothing comes. */
+void ConsumeLink::WatchEcho(const std::shared_ptr<bool>& heard)
+{
+    const Milliseconds patience = m_source.Settings().queuePatience;
+    After(
+        patience,
+        [this, heard, patience]
+        {
+            if (*heard)
+            {
+                return;
+            }
+            if (m_paused || std::chrono::steady_clock::now() - m_connection->LastFrame() < patience)
+            {
+                WatchEcho(heard);
+                return;
+            }
+            const auto connection = m_connection;
+            connection->Abort("the broker answers nothing");
         });
 }
 

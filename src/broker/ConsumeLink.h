@@ -5,6 +5,7 @@
 #include "broker/BrokerLink.h"
 #include "broker/ConnectionSource.h"
 #include "broker/Consumers.h"
+#include "broker/Echo.h"
 #include "broker/LinkState.h"
 #include "broker/Restoration.h"
 #include "broker/RpcChannel.h"
@@ -38,6 +39,8 @@ class ConsumeLink : private AmqpConnectionHandler
 
     /** Called to settle what came in from other threads, before anything that must come after it. */
     void SetCollector(std::function<void()> collect) { m_collect = std::move(collect); }
+    /** @param onOpen told whenever a connection is open */
+    void SetOnOpen(std::function<void()> onOpen) { m_onOpen = std::move(onOpen); }
 
     void Start();
     /** Carries the request out or answers it when its deadline has passed. */
@@ -78,6 +81,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void DeclareQueue(const Request& request);
     void Consume(const Request& request);
     void WatchConsumer(const std::string& queue);
+    void LeaveSilent(const std::string& queue);
     void HoldBack(const Request& request);
     void TakeUp(const std::string& queue);
     void GiveUpWaiting(const std::string& queue);
@@ -88,6 +92,8 @@ class ConsumeLink : private AmqpConnectionHandler
     void Retry(const Request& request, const RpcReply& reply);
     void Complete(const Request& request, const RequestResult& result, const QueueCounts& counts = {});
     void After(std::chrono::milliseconds delay, std::function<void()> task);
+    void AfterEcho(std::function<void()> task);
+    void WatchEcho(const std::shared_ptr<bool>& heard);
     void OnConsumerLost(const std::string& queue, bool deleted, const std::string& why);
     void ConsumeAgain(const std::string& queue, bool rebind);
     bool IsStillInUse(TopologyRequest& request) const;
@@ -99,10 +105,12 @@ class ConsumeLink : private AmqpConnectionHandler
     LinkListener& m_listener;
     LinkState& m_state;
     std::function<void()> m_collect;
+    std::function<void()> m_onOpen = [] {};
 
     std::shared_ptr<AmqpConnection> m_connection;
     std::unique_ptr<RpcChannel> m_rpc;
     std::unique_ptr<Consumers> m_consumers;
+    std::unique_ptr<Echo> m_echo;
     /** Stands for the connection in what it has delivered. */
     std::shared_ptr<DeliverySource> m_deliveries;
     /** Tells a task that was meant for an earlier connection. */
