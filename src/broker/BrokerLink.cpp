@@ -150,6 +150,7 @@ void BrokerLink::Impl::Start()
         m_io, *m_source, m_state, [this](std::size_t bytes) { OnPublicationEnded(bytes); });
     m_publish->SetPreferredUrl([this] { return m_consume->UrlIndex(); });
     m_consume->SetCollector([this] { CollectSettlements(); });
+    m_consume->SetOnOpen([this] { m_publish->Hurry(); });
     asio::post(m_io, [this] { m_consume->Start(); });
     {
         const std::lock_guard lock(m_mutex);

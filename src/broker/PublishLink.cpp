@@ -131,6 +131,14 @@ void PublishLink::ConnectLater()
         });
 }
 
+void PublishLink::Hurry()
+{
+    if (m_connectTimer.cancel() > 0)
+    {
+        Connect();
+    }
+}
+
 void PublishLink::OnOpen()
 {
     m_failures = 0;

@@ -63,6 +63,8 @@ class PublishLink : private AmqpConnectionHandler
     void SetPreferredUrl(std::function<std::size_t()> preferredUrl) { m_preferredUrl = std::move(preferredUrl); }
     void Publish(OutgoingMessage message, PublishCompletion done, std::chrono::steady_clock::time_point deadline);
     bool IsIdle() const { return m_waiting.empty() && m_nacked.empty() && m_unconfirmed == 0; }
+    /** Connects now when it waits to try again: the broker is there. */
+    void Hurry();
     /** Leaves the current broker in order; the next connection goes to the preferred URL. */
     void Move();
     /** Calls back when nothing waits to be confirmed any more. */
