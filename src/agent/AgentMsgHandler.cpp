@@ -1,6 +1,7 @@
 #include "agent/AgentMsgHandler.h"
 
 #include "agent/ConfigurationHash.h"
+#include "agent/ConfigurationSize.h"
 #include "common/LockOrThrow.h"
 #include "logging/Log.h"
 
@@ -80,6 +81,7 @@ bool AgentMsgHandler::HandleSyncResponse(boost::shared_ptr<RmqMessage> msg)
 
 int AgentMsgHandler::ParseAppInitConfig(boost::shared_ptr<RmqMessage> msg, AppInitConfigMsg& config)
 {
+    CheckConfigurationSize(msg->GetBody()->bytes, msg->GetBodyLength());
     const int result = QelMsgHandler::ParseAppInitConfig(msg, config);
     const std::string& application = msg->GetAppName();
     const boost::shared_ptr<AppRegistryEntry> entry = EntryOf(application);

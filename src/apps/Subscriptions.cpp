@@ -10,6 +10,8 @@ namespace VtxQel
 namespace
 {
 
+constexpr std::size_t longestError = 1024;
+
 void AddOnce(std::vector<std::string>& names, const std::string& name)
 {
     if (std::find(names.begin(), names.end(), name) == names.end())
@@ -106,7 +108,8 @@ void Subscriptions::Abort(const std::string& application, const std::string& err
         EraseAllBut(subscriber, subscriber.current, {});
         EraseAllBut(subscriber, subscriber.coming, {});
         subscriber.current = {};
-        End(subscriber, ConfigurationState::failed, error);
+        // A name in it can be of any length, and applications take no message of any length.
+        End(subscriber, ConfigurationState::failed, error.substr(0, longestError));
     }
     Notify(SubscriptionChange::Kind::state, application, "");
 }

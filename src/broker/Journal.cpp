@@ -320,6 +320,8 @@ void Journal::Apply(const JournalChange& change)
     }
     const int status = sqlite3_step(statement);
     sqlite3_reset(statement);
+    // A name that the broker will refuse can have megabytes, and the statement would keep it.
+    sqlite3_clear_bindings(statement);
     if (status != SQLITE_DONE)
     {
         throw JournalError(m_database.get());

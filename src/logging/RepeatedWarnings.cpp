@@ -10,8 +10,9 @@ namespace VtxQel
 
 RepeatedWarnings::RepeatedWarnings(std::function<Clock::time_point()> now) : m_now(std::move(now)) {}
 
-void RepeatedWarnings::Write(const std::string& text)
+void RepeatedWarnings::Write(const std::string& all)
 {
+    const std::string text = all.substr(0, LONGEST_TEXT);
     std::uint64_t leftOut = 0;
     {
         const std::lock_guard lock(m_mutex);

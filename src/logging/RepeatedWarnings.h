@@ -21,12 +21,14 @@ class RepeatedWarnings
 
     explicit RepeatedWarnings(std::function<Clock::time_point()> now = Clock::now);
 
-    void Write(const std::string& text);
+    void Write(const std::string& all);
 
     /** So that no minute has more than two lines of the same text. */
     static constexpr std::chrono::seconds PAUSE{31};
     /** Texts remembered at most; of more than these in one pause the oldest are news again. */
     static constexpr std::size_t MOST_TEXTS = 64;
+    /** What is longer is cut off: a name that somebody sent can have megabytes. */
+    static constexpr std::size_t LONGEST_TEXT = 4096;
 
   private:
     struct Written

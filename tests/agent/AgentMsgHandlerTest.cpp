@@ -1,5 +1,6 @@
 #include "agent/AgentMsgHandler.h"
 
+#include "agent/ConfigurationSize.h"
 #include "apps/LocalAppRegistry.h"
 #include "common/MessageTypes.h"
 #include "common/QelException.h"
@@ -178,6 +179,20 @@ TEST_F(AgentMsgHandlerTest, ABodyThatDoesNotParseLeavesTheOldConfiguration)
     EXPECT_EQ(port.asked, Asked());
     EXPECT_EQ(ReceiversOf("normal", "a"), Asked{"web"});
     EXPECT_EQ(failed, Asked());
+}
+
+TEST_F(AgentMsgHandlerTest, ABodyOverTheLimitsLeavesTheOldConfiguration)
+{
+    ASSERT_TRUE(Configure("web", Config({{"news", 0}})));
+    AppInitConfigMsg many;
+    for (std::size_t i = 0; i <= MOST_CONFIGURATION_ENTRIES; ++i)
+    {
+        many.add_queue_name();
+    }
+    EXPECT_FALSE(Configure("web", many));
+    EXPECT_FALSE(Configure("web", Config({{std::string(MOST_CONFIGURATION_BYTES, 't'), 0}})));
+    EXPECT_EQ(TopicsOf("web"), Asked{"news"});
+    EXPECT_EQ(port.asked, Asked());
 }
 
 TEST_F(AgentMsgHandlerTest, AnUnknownApplicationIsRefused)

@@ -146,6 +146,13 @@ TEST_F(SubscriptionsTest, OldAndNewCountWhileAConfigurationIsCarriedOut)
     EXPECT_THAT(At("client", "new"), ElementsAre("one"));
 }
 
+TEST_F(SubscriptionsTest, AnErrorIsKeptToALengthThatApplicationsTake)
+{
+    m_subscriptions.BeginConfiguration("one");
+    m_subscriptions.Abort("one", std::string(30000000, 'e'));
+    EXPECT_EQ(m_subscriptions.Status("one").error, std::string(1024, 'e'));
+}
+
 TEST_F(SubscriptionsTest, AbortLeavesNothingOfTheApplication)
 {
     Configure("one", {{"old", "client"}});
