@@ -49,17 +49,21 @@ void TuneAllocator()
 
 void MemoryTrimmer::Start()
 {
+    m_smallest = ResidentBytes();
     m_timers.After(INTERVAL, [this] { Look(); });
 }
 
 void MemoryTrimmer::Look()
 {
     const std::size_t resident = ResidentBytes();
-    if (m_smallest < resident && resident - m_smallest > SLACK && Worked() - m_worked > WORK)
+    const bool worked = Worked() - m_worked > WORK;
+    // Once more when the work is over: the last of it is freed after a look, and that takes no time worth counting.
+    if (resident > m_smallest + SLACK && (worked || m_hadWorked))
     {
         ::malloc_trim(0);
-        m_worked = Worked();
     }
+    m_worked = Worked();
+    m_hadWorked = worked;
     m_smallest = std::min(m_smallest, resident);
     m_timers.After(INTERVAL, [this] { Look(); });
 }

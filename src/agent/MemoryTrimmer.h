@@ -22,7 +22,7 @@ void TuneAllocator();
  * agent is restarted. What is freed between blocks that live longer (a flood of small messages leaves such holes
  * behind) glibc keeps until it is asked.
  *
- * It looks now and then, on the scheduler's thread, and asks only when the process has been at work since the last time
+ * It looks now and then, on the scheduler's thread, and asks only when the process has been at work lately
  * and is larger than it has been: an idle agent is left alone. The scheduler outlives it or is stopped before.
  */
 class MemoryTrimmer
@@ -38,9 +38,10 @@ class MemoryTrimmer
 
     Scheduler& m_timers;
     /** The smallest that the process was. */
-    std::size_t m_smallest = SIZE_MAX;
-    /** What it had worked when memory was given back last. */
+    std::size_t m_smallest = 0;
+    /** What it had worked at the last look, and whether that was more than an idle agent does. */
     std::chrono::nanoseconds m_worked{0};
+    bool m_hadWorked = false;
 };
 
 } // namespace VtxQel
