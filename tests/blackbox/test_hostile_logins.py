@@ -9,7 +9,8 @@ import pytest
 from pika import spec
 
 from support.gauge import assert_log_is_ours, measured
-from support.mad_broker import PROPERTIES, MadBroker, method, nested_arrays, raw_method, send
+from support.hostile import nested_arrays
+from support.mad_broker import PROPERTIES, MadBroker, method, raw_method, send
 
 
 @pytest.fixture

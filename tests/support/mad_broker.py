@@ -57,27 +57,6 @@ async def send_body(connection, channel, size):
     await connection.flush()
 
 
-def nested_arrays(depth):
-    """An encoded table with an array in an array in an array: 5 bytes a level."""
-    value = b""
-    for _ in range(depth):
-        value = b"A" + struct.pack(">I", len(value)) + value
-    return b"\x01k" + value
-
-
-def nested_tables(depth):
-    """An encoded table in a table in a table: 6 bytes a level."""
-    table = b""
-    for _ in range(depth - 1):
-        table = b"\x00F" + struct.pack(">I", len(table)) + table
-    return table
-
-
-def headers(table):
-    """Encoded properties with nothing but headers."""
-    return struct.pack(">HI", 1 << 13, len(table)) + table
-
-
 class Connection:
     """One connection of an agent, on the broker's loop."""
 
