@@ -40,7 +40,9 @@ std::uint16_t Consumers::FreeChannel()
 {
     if (!m_freeChannels.empty())
     {
-        return m_freeChannels.extract(m_freeChannels.begin()).value();
+        const std::uint16_t number = m_freeChannels.extract(m_freeChannels.begin()).value();
+        m_closedByBroker.erase(number);
+        return number;
     }
     return m_nextChannel > m_connection.ChannelMax() || m_nextChannel == 0 ? std::uint16_t{0} : m_nextChannel++;
 }
@@ -192,6 +194,10 @@ void Consumers::Forget(std::uint16_t channel)
 
 void Consumers::OnMethod(std::uint16_t channel, const amqp_method_t& method)
 {
+    if (m_closedByBroker.count(channel) > 0)
+    {
+        return;
+    }
     DeliveryChannel& target = At(channel);
     const std::string queue = target.Queue();
     const auto event = target.OnMethod(method);
@@ -203,6 +209,10 @@ void Consumers::OnMethod(std::uint16_t channel, const amqp_method_t& method)
     if (target.GetState() == State::closed)
     {
         Forget(channel);
+        if (method.id == AMQP_CHANNEL_CLOSE_METHOD)
+        {
+            m_closedByBroker.insert(channel);
+        }
     }
     if (event != DeliveryChannel::Event::none)
     {
@@ -212,6 +222,10 @@ void Consumers::OnMethod(std::uint16_t channel, const amqp_method_t& method)
 
 void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
 {
+    if (m_closedByBroker.count(channel) > 0)
+    {
+        return;
+    }
     DeliveryChannel& target = At(channel);
     if (content.method != AMQP_BASIC_DELIVER_METHOD || !target.Accept(content.deliveryTag))
     {

@@ -81,6 +81,8 @@ class Consumers
     std::uint16_t m_nextChannel;
     const Context m_context;
     std::set<std::uint16_t> m_freeChannels;
+    /** Of these the ones that the broker has closed: what it had sent on them before may still come. */
+    std::set<std::uint16_t> m_closedByBroker;
     std::unordered_map<std::uint16_t, std::unique_ptr<DeliveryChannel>> m_channels;
     /** Those that consume or are about to. */
     std::map<std::string, DeliveryChannel*> m_byQueue;

@@ -248,6 +248,11 @@ bool PublishLink::Send(PublicationPtr& publication)
 
 void PublishLink::OnConfirm(std::uint64_t tag, bool multiple, bool ack)
 {
+    if (!m_ready && !m_reopening)
+    {
+        // Of the channel that the broker has closed: it was under way already.
+        return;
+    }
     if (tag >= m_firstTag + m_sent.size())
     {
         throw RmqConnectionException("received a confirm of something that was not published");
