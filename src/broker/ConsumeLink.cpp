@@ -259,7 +259,7 @@ void ConsumeLink::OnClosed(const std::string& why)
     m_restoration.Abandon();
     m_restored = Restored::no;
     std::erase_if(m_heldBack, [](const auto& held) { return held.second->restoring; });
-    m_consumerBackOff.clear();
+    m_recoveries.clear();
     m_recovering.clear();
     m_closingDrained = false;
     if (rpc)
@@ -878,7 +878,9 @@ void ConsumeLink::OnConsumerLost(const std::string& queue, bool deleted, const s
         m_restored = Restored::no;
         m_recovering.insert(queue);
         m_state.Update([](LinkStatus& status) { status.restored = false; });
-        After(m_consumerBackOff[queue].Next(), [this, queue, deleted] { ConsumeAgain(queue, deleted); });
+        Recovery& recovery = m_recoveries[queue];
+        recovery.backOff.Lasted(std::chrono::steady_clock::now() - recovery.at);
+        After(recovery.backOff.Next(), [this, queue, deleted] { ConsumeAgain(queue, deleted); });
     }
     m_listener.OnConsumerCancelled(queue);
 }
@@ -886,6 +888,7 @@ void ConsumeLink::OnConsumerLost(const std::string& queue, bool deleted, const s
 void ConsumeLink::ConsumeAgain(const std::string& queue, bool rebind)
 {
     m_recovering.erase(queue);
+    m_recoveries[queue].at = std::chrono::steady_clock::now();
     const auto found = m_consumed.find(queue);
     if (found != m_consumed.end())
     {

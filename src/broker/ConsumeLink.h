@@ -151,7 +151,13 @@ class ConsumeLink : private AmqpConnectionHandler
     bool m_pumping = false;
     /** The queues that are to be consumed, by name. */
     std::map<std::string, QueueSpec> m_consumed;
-    std::map<std::string, BackOff> m_consumerBackOff;
+    /** A queue whose consumer was lost, and when it was last consumed again. */
+    struct Recovery
+    {
+        BackOff backOff;
+        std::chrono::steady_clock::time_point at;
+    };
+    std::map<std::string, Recovery> m_recoveries;
     /** Queues whose consumer was lost and is not being made again yet. */
     std::set<std::string> m_recovering;
     bool m_closingDrained = false;
