@@ -61,7 +61,8 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
           [this](const std::string& queue, const std::string& routingKey, const std::string& appId)
           { return m_dispatcher->ApplicationFor(queue, routingKey, appId); },
           BrokerEvents{
-              [this] { OnDisconnected(); }, [this] { OnRestored(); }, [this] { return m_report.PingReply(); }})),
+              [this] { OnDisconnected(); }, [this] { m_applications.DropUnsent(); }, [this] { OnRestored(); },
+              [this] { return m_report.PingReply(); }})),
       m_budget(m_config.broker.prefetch, m_config.broker.maxHeldBytes / 2), m_parking(*m_client),
       m_applications(ApplicationContext{
           m_budget, m_parking, m_applicationTimers, SLOW_AFTER,

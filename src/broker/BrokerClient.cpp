@@ -205,7 +205,7 @@ void BrokerClient::OnDisconnected(const std::string& why)
 
 void BrokerClient::OnConsumerCancelled(const std::string&)
 {
-    // The link says so, declares the queue and consumes it again.
+    m_events.withdrawn();
 }
 
 void BrokerClient::OnDelivery(IncomingMessage&& message)

@@ -53,6 +53,8 @@ struct BrokerEvents
 {
     /** The connection is gone: what was delivered by it comes again. */
     std::function<void()> disconnected;
+    /** The broker ended a consumer: what came by it may come again. */
+    std::function<void()> withdrawn;
     /** Connected, consuming and every route restored. */
     std::function<void()> restored;
     /** The body of a ping's reply, as JSON; an empty body without it. */

@@ -135,7 +135,7 @@ struct DeliveryTag
 struct IncomingMessage
 {
     DeliveryTag tag;
-    /** The connection it came by. */
+    /** The channel it came by. */
     std::shared_ptr<const DeliverySource> source;
     std::string queue;
     std::string exchange;
@@ -209,7 +209,10 @@ class LinkListener
     virtual void OnRestoreFailed(const std::string& what, const RequestResult& result) = 0;
     /** The connection ended; every delivery tag is void. */
     virtual void OnDisconnected(const std::string& why) = 0;
-    /** The broker cancelled our consumer (its queue was deleted); it is declared and consumed again with back-off. */
+    /**
+     * The broker cancelled our consumer (its queue was deleted) or closed its channel (deliveries that are not settled
+     * come again); the queue is declared and consumed again with back-off.
+     */
     virtual void OnConsumerCancelled(const std::string& queue) = 0;
     /** A delivery; move from it. */
     virtual void OnDelivery(IncomingMessage&& message) = 0;

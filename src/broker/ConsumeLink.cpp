@@ -130,11 +130,10 @@ void ConsumeLink::OnOpen()
     QEL_LOG(vtx::LevelStatus, "Connected to the broker %s", m_source.Url(m_urlIndex).Printable().c_str());
     m_connection->PauseReading(m_paused);
     m_rpc = std::make_unique<RpcChannel>(*m_connection, RPC_CHANNEL);
-    m_deliveries = std::make_shared<DeliverySource>();
     m_consumers = std::make_unique<Consumers>(
         *m_connection, static_cast<std::uint16_t>(RPC_CHANNEL + 1),
         Consumers::Context{
-            m_listener, m_deliveries, m_generation, m_source.Settings().rejectUnreadable,
+            m_listener, m_generation, m_source.Settings().rejectUnreadable,
             [this](const std::string& queue, bool deleted, const std::string& why)
             { OnConsumerLost(queue, deleted, why); }});
     m_echo = std::make_unique<Echo>(*m_connection, m_connection->ChannelMax());
@@ -274,7 +273,6 @@ void ConsumeLink::OnClosed(const std::string& why)
             m_source.Warnings().Write("Connection to the broker " + url + " ended: " + why);
         }
         m_backOff.Lasted(std::chrono::steady_clock::now() - m_openedAt);
-        m_deliveries->End();
         m_listener.OnDisconnected(why);
     }
     else if (!m_stopping && !m_moving)

@@ -111,8 +111,6 @@ class ConsumeLink : private AmqpConnectionHandler
     std::unique_ptr<RpcChannel> m_rpc;
     std::unique_ptr<Consumers> m_consumers;
     std::unique_ptr<Echo> m_echo;
-    /** Stands for the connection in what it has delivered. */
-    std::shared_ptr<DeliverySource> m_deliveries;
     /** Tells a task that was meant for an earlier connection. */
     std::uint64_t m_connectionNumber = 0;
     std::uint64_t m_generation = 0;

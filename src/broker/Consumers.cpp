@@ -243,7 +243,7 @@ void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
     }
     IncomingMessage message;
     message.tag = tag;
-    message.source = m_context.source;
+    message.source = target.Source();
     message.queue = target.Queue();
     message.exchange = std::move(content.exchange);
     message.routingKey = std::move(content.routingKey);

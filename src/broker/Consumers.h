@@ -33,8 +33,6 @@ class Consumers
     struct Context
     {
         LinkListener& listener;
-        /** Stands for the connection in what it delivers. */
-        std::shared_ptr<const DeliverySource> source;
         /** Counts channels over all connections. */
         std::uint64_t& generation;
         /** See LinkSettings. */

@@ -131,6 +131,7 @@ void DeliveryChannel::Close()
     if (m_state != State::closing && m_state != State::closed)
     {
         m_state = State::closing;
+        m_source->End();
         m_connection.Send(
             m_channel, AMQP_CHANNEL_CLOSE_METHOD, amqp_channel_close_t{AMQP_REPLY_SUCCESS, ToAmqp("done"), 0, 0});
     }
@@ -190,6 +191,7 @@ DeliveryChannel::Event DeliveryChannel::OnMethod(const amqp_method_t& method)
 void DeliveryChannel::Fail(const std::string& why)
 {
     m_state = State::closed;
+    m_source->End();
     Tell(m_started, {false, 0, why, 0});
     // Whether cancelled, released or lost: the queue is not consumed any more, which is what was asked for.
     Tell(m_stopped, OK);

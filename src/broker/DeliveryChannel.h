@@ -2,12 +2,14 @@
 
 #include "broker/AmqpConnection.h"
 #include "broker/BrokerLink.h"
+#include "broker/DeliverySource.h"
 #include "broker/RpcChannel.h"
 #include "broker/UnsettledTags.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -46,6 +48,8 @@ class DeliveryChannel
         AmqpConnection& connection, std::uint16_t channel, std::uint64_t generation, const QueueSpec& queue);
 
     const std::string& Queue() const { return m_queue; }
+    /** Over when what came by the channel and is unsettled is with the broker again. */
+    std::shared_ptr<const DeliverySource> Source() const { return m_source; }
     std::uint64_t Generation() const { return m_generation; }
     State GetState() const { return m_state; }
     std::size_t Unsettled() const { return m_tags.Unsettled(); }
@@ -90,6 +94,7 @@ class DeliveryChannel
     std::string m_queue;
     std::string m_consumerTag;
     std::size_t m_prefetch;
+    const std::shared_ptr<DeliverySource> m_source = std::make_shared<DeliverySource>();
     State m_state = State::starting;
     UnsettledTags m_tags;
     std::vector<Done> m_started;

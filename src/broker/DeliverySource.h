@@ -6,8 +6,8 @@ namespace VtxQel
 {
 
 /**
- * DeliverySource stands for the connection that deliveries came by, for as long as anybody holds one of them. While it
- * is not over they can be settled; afterwards the broker delivers them again. Any thread.
+ * DeliverySource stands for the channel that deliveries came by, for as long as anybody holds one of them. While it is
+ * not over they can be settled; afterwards the broker delivers them again. Any thread.
  */
 class DeliverySource
 {

@@ -177,7 +177,7 @@ class SettlementTest : public testing::Test
         journal.emplace((folder / "journal").string());
         client = boost::make_shared<BrokerClient>(
             settings, registry, *journal, [](const std::string&, const std::string&, const std::string&) { return ""; },
-            BrokerEvents{[] {}, [this] { restored.Put(true); }});
+            BrokerEvents{[] {}, [] {}, [this] { restored.Put(true); }});
         client->Start();
         ASSERT_TRUE(restored.Take());
     }
