@@ -120,9 +120,10 @@ class Wishes : public LinkListener
         boost::asio::post(
             m_io, [this, what = message.routingKey.empty() ? ' ' : message.routingKey.front()] { Act(what); });
     }
-    void OnRefusedDelivery(const std::string&, const std::string& why) override
+    void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override
     {
         Require(!why.empty(), "a delivery is refused for a reason");
+        m_link->Settle(message.tag, SettleAs::reject);
     }
     void OnGaveUp(const std::string&) override {}
 

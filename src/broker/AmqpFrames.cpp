@@ -229,7 +229,8 @@ void AddHeader(AmqpContent& content, const RawFrame& frame, AmqpPool& pool, std:
             *content.properties = FromAmqp(*static_cast<const amqp_basic_properties_t*>(decoded));
         }
     }
-    if (content.refused.empty() && content.declaredSize > maxBody)
+    content.isOverLimit = content.declaredSize > maxBody;
+    if (content.refused.empty() && content.isOverLimit)
     {
         content.refused = "body of " + std::to_string(content.declaredSize) + " bytes is over the limit of " +
                           std::to_string(maxBody);
@@ -243,7 +244,7 @@ void AddBody(AmqpContent& content, std::string_view payload)
     {
         throw RmqConnectionException("received body bytes that were not declared");
     }
-    if (!content.refused.empty())
+    if (content.isOverLimit)
     {
         return;
     }

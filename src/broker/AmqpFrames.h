@@ -61,6 +61,8 @@ struct AmqpContent
     std::string routingKey;
     /** Why it must be refused: hostile headers, body over the limit; empty when it is complete. */
     std::string refused;
+    /** The body is counted and not kept. */
+    bool isOverLimit = false;
     boost::shared_ptr<RmqProperties> properties;
     std::string body;
 

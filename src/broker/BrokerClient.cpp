@@ -230,11 +230,20 @@ void BrokerClient::OnDelivery(IncomingMessage&& message)
     m_lanes.Push(std::move(delivery));
 }
 
-void BrokerClient::OnRefusedDelivery(const std::string& queue, const std::string& why)
+void BrokerClient::OnRefusedDelivery(IncomingMessage&& message, const std::string& why)
 {
     QEL_LOG(
-        vtx::LevelWarning, "a message of queue %s was refused before it was decoded: %s", queue.c_str(), why.c_str());
-    m_settlement.Counters().DeadLettered(DeadReason::unreadable);
+        vtx::LevelWarning, "a message of queue %s was refused before it was decoded: %s", message.queue.c_str(),
+        why.c_str());
+    if (m_settlement.HasDeadLetterExchange(message.queue))
+    {
+        // The broker keeps more of it than we have.
+        m_settlement.Counters().DeadLettered(DeadReason::unreadable);
+        m_link.Settle(message.tag, SettleAs::reject);
+        return;
+    }
+    boost::make_shared<BrokerMessage>(std::move(message), m_settlement, m_names)
+        ->RefuseSilently(DeadReason::unreadable, "could not be read: " + why);
 }
 
 void BrokerClient::OnGaveUp(const std::string& why)

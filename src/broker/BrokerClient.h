@@ -132,7 +132,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     void OnDisconnected(const std::string& why) override;
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
-    void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
+    void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
 
     RequestResult Bind(const Binding& binding) override;

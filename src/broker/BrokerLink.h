@@ -36,8 +36,6 @@ struct LinkSettings
     std::chrono::seconds heartbeat{10};
     /** Bodies above this many bytes are refused as they arrive. */
     std::size_t maxBodyBytes = 134217728;
-    /** Reject, without requeue, a delivery that cannot be decoded or is over a limit; else it stays unsettled. */
-    bool rejectUnreadable = true;
     /** How much may wait to be published or confirmed before Publish answers `overloaded`. */
     std::size_t maxUnconfirmed = 10000;
     std::size_t maxUnconfirmedBytes = 67108864;
@@ -216,8 +214,11 @@ class LinkListener
     virtual void OnConsumerCancelled(const std::string& queue) = 0;
     /** A delivery; move from it. */
     virtual void OnDelivery(IncomingMessage&& message) = 0;
-    /** A delivery that cannot be decoded or is over a limit; see LinkSettings::rejectUnreadable. */
-    virtual void OnRefusedDelivery(const std::string& queue, const std::string& why) = 0;
+    /**
+     * A delivery whose properties cannot be decoded, which it comes without, or whose body is over the limit, which it
+     * comes without as well. To be settled like any other.
+     */
+    virtual void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) = 0;
     /** LinkSettings::firstConnectDeadline passed. */
     virtual void OnGaveUp(const std::string& why) = 0;
     /**

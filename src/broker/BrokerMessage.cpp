@@ -27,12 +27,12 @@ const RmqValue* FindHeader(const RmqTable& headers, const std::string& name)
     return place == headers.end() ? nullptr : &place->second;
 }
 
-/** Removes the header and yields its text, empty when there is none. */
-std::string TakeText(RmqTable& headers, const std::string& name)
+/** Removes the header and yields its text; what is given when there is none. */
+std::string TakeText(RmqTable& headers, const std::string& name, const std::string& absent)
 {
     const RmqValue* found = FindHeader(headers, name);
     const auto* text = found == nullptr ? nullptr : std::get_if<std::string>(&found->value);
-    std::string taken = text == nullptr ? std::string() : *text;
+    std::string taken = text == nullptr ? absent : *text;
     std::erase_if(headers, [&name](const auto& header) { return header.first == name; });
     return taken;
 }
@@ -247,11 +247,11 @@ void BrokerMessage::Unpark()
     std::erase_if(
         headers, [](const auto& header)
         { return header.first == Header::TRIES || header.first == Header::TIME || header.first == DELIVERY_COUNT; });
-    m_incoming.exchange = TakeText(headers, Header::EXCHANGE);
-    m_incoming.routingKey = TakeText(headers, Header::ROUTING_KEY);
-    m_incoming.queue = TakeText(headers, Header::QUEUE);
-    properties.userId = TakeText(headers, Header::USER_ID);
-    properties.expiration = TakeText(headers, Header::EXPIRATION);
+    m_incoming.exchange = TakeText(headers, Header::EXCHANGE, m_incoming.exchange);
+    m_incoming.routingKey = TakeText(headers, Header::ROUTING_KEY, m_incoming.routingKey);
+    m_incoming.queue = TakeText(headers, Header::QUEUE, m_incoming.queue);
+    properties.userId = TakeText(headers, Header::USER_ID, "");
+    properties.expiration = TakeText(headers, Header::EXPIRATION, "");
     for (auto& header : headers)
     {
         if (header.first == Header::CC)

@@ -133,9 +133,9 @@ void ConsumeLink::OnOpen()
     m_consumers = std::make_unique<Consumers>(
         *m_connection, static_cast<std::uint16_t>(RPC_CHANNEL + 1),
         Consumers::Context{
-            m_listener, m_generation, m_source.Settings().rejectUnreadable,
-            [this](const std::string& queue, bool deleted, const std::string& why)
-            { OnConsumerLost(queue, deleted, why); }});
+            m_listener, m_generation, [this](const std::string& queue, bool deleted, const std::string& why) {
+                OnConsumerLost(queue, deleted, why);
+            }});
     m_echo = std::make_unique<Echo>(*m_connection, m_connection->ChannelMax());
     m_onOpen();
     DesiredTopology desired = m_listener.OnConnected();

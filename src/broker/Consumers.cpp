@@ -231,18 +231,8 @@ void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
     {
         return;
     }
-    const DeliveryTag tag{target.Generation(), content.deliveryTag};
-    if (!content.refused.empty())
-    {
-        if (m_context.rejectUnreadable)
-        {
-            Settle(tag, SettleAs::reject);
-        }
-        m_context.listener.OnRefusedDelivery(target.Queue(), content.refused);
-        return;
-    }
     IncomingMessage message;
-    message.tag = tag;
+    message.tag = {target.Generation(), content.deliveryTag};
     message.source = target.Source();
     message.queue = target.Queue();
     message.exchange = std::move(content.exchange);
@@ -250,7 +240,14 @@ void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
     message.redelivered = content.redelivered;
     message.properties = std::move(content.properties);
     message.body = std::move(content.body);
-    m_context.listener.OnDelivery(std::move(message));
+    if (content.refused.empty())
+    {
+        m_context.listener.OnDelivery(std::move(message));
+    }
+    else
+    {
+        m_context.listener.OnRefusedDelivery(std::move(message), content.refused);
+    }
 }
 
 void Consumers::Fail(const std::string& why)

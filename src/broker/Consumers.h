@@ -35,8 +35,6 @@ class Consumers
         LinkListener& listener;
         /** Counts channels over all connections. */
         std::uint64_t& generation;
-        /** See LinkSettings. */
-        bool rejectUnreadable = true;
         OnLost onLost;
     };
 

@@ -16,6 +16,8 @@ namespace
 constexpr auto FIRST_DELAY = std::chrono::milliseconds(500);
 constexpr auto ROOM_DELAY = std::chrono::milliseconds(250);
 constexpr std::uint32_t MOST_DOUBLINGS = 6;
+/** A reason may hold what outsiders wrote; a header has to fit into a frame. */
+constexpr std::size_t LONGEST_REASON = 1024;
 
 std::uint64_t SecondsSinceEpoch()
 {
@@ -72,8 +74,9 @@ RmqProperties CopiedProperties(const RmqProperties& original, const RmqTable& ad
 
 Settlement::Settlement(
     BrokerLink& link, const RmqInfo& info, Scheduler& worker, std::function<bool(const std::string& queue)> declare)
-    : m_link(link), m_deadLetterQueue(info.deadLetterQueue), m_parkingPrefix(info.clientQueue + ".parked."),
-      m_worker(worker), m_declare(std::move(declare))
+    : m_link(link), m_clientQueue(info.clientQueue), m_priorityQueue(info.priorityQueue),
+      m_deadLetterQueue(info.deadLetterQueue), m_parkingPrefix(info.clientQueue + ".parked."), m_worker(worker),
+      m_declare(std::move(declare))
 {
 }
 
@@ -93,7 +96,7 @@ void Settlement::DeadLetter(
 {
     message->Note(Outcome::dead);
     Copy copy{message, m_deadLetterQueue, Origin(message->Incoming(), tries), 0};
-    copy.headers.emplace_back(Header::REASON, RmqValue::String(reason));
+    copy.headers.emplace_back(Header::REASON, RmqValue::String(reason.substr(0, LONGEST_REASON)));
     copy.headers.emplace_back(Header::APPLICATION, RmqValue::String(application));
     Publish(std::move(copy));
 }
@@ -158,6 +161,11 @@ std::string Settlement::ParkedApplication(const std::string& queue) const
     return queue.starts_with(m_parkingPrefix) ? queue.substr(m_parkingPrefix.size()) : std::string();
 }
 
+bool Settlement::HasDeadLetterExchange(const std::string& queue) const
+{
+    return queue == m_clientQueue || queue == m_priorityQueue;
+}
+
 void Settlement::Hold(std::size_t bytes)
 {
     const std::size_t held = m_held += bytes;
@@ -184,7 +192,12 @@ void Settlement::Publish(Copy copy)
     }
     OutgoingMessage outgoing;
     outgoing.routingKey = copy.queue;
-    outgoing.properties = CopiedProperties(*copy.message->GetProperties(), copy.headers);
+    RmqProperties original = *copy.message->GetProperties();
+    if (copy.isBare)
+    {
+        original.headers.clear();
+    }
+    outgoing.properties = CopiedProperties(original, copy.headers);
     outgoing.body = copy.message->Incoming().body;
     outgoing.mandatory = true;
     m_link.Publish(
@@ -203,21 +216,48 @@ void Settlement::OnPublished(Copy copy, PublishResult result, const std::string&
     {
         return;
     }
-    if (result == PublishResult::refused)
+    if (result == PublishResult::refused && !copy.isBare)
+    {
+        OnRefused(std::move(copy), why);
+        return;
+    }
+    PublishLater(std::move(copy), result);
+}
+
+void Settlement::OnRefused(Copy copy, const std::string& why)
+{
+    BrokerMessage& message = *copy.message;
+    m_counters.DeadLettered(DeadReason::copyRefused);
+    if (message.GetParkedFor().empty() && HasDeadLetterExchange(message.GetQueue()))
     {
         const LogScope scope([&copy] { return copy.message->FieldsForLog(); });
         QEL_LOG(
             vtx::LevelWarning,
             "queue %s does not take a copy (%s); the message goes to its own queue's dead-letter "
             "exchange: %s",
-            copy.queue.c_str(), why.c_str(), copy.message->ToString().c_str());
+            copy.queue.c_str(), why.c_str(), message.ToString().c_str());
         // The share stays open, so that no ack follows when the other receivers are done.
-        m_counters.DeadLettered(DeadReason::copyRefused);
-        copy.message->Note(Outcome::rejected);
-        copy.message->CountSettled();
-        m_link.Settle(copy.message->Incoming().tag, SettleAs::reject);
+        message.Note(Outcome::rejected);
+        message.CountSettled();
+        m_link.Settle(message.Incoming().tag, SettleAs::reject);
         return;
     }
+    QEL_LOG(
+        vtx::LevelWarning, "queue %s does not take a copy (%s); the message is dead-lettered without its headers: %s",
+        copy.queue.c_str(), why.c_str(), message.ToString().c_str());
+    message.Note(Outcome::dead);
+    if (copy.queue != m_deadLetterQueue)
+    {
+        copy.headers.emplace_back(
+            Header::REASON, RmqValue::String(("could not be parked: " + why).substr(0, LONGEST_REASON)));
+        copy.queue = m_deadLetterQueue;
+    }
+    copy.isBare = true;
+    Publish(std::move(copy));
+}
+
+void Settlement::PublishLater(Copy copy, PublishResult result)
+{
     // Room comes with the next confirm; trouble of the broker's may last.
     const bool overloaded = result == PublishResult::overloaded;
     const auto delay = overloaded ? ROOM_DELAY : FIRST_DELAY * (1U << std::min(copy.attempt++, MOST_DOUBLINGS));

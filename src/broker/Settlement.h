@@ -37,9 +37,11 @@ constexpr const char* CC = "x-qel-cc";
  * Settlement decides what the broker is told of each delivery, in one place.
  *
  * Taken by everybody: ack. Dead or parked for a receiver: a copy goes to the dead-letter or the parking queue, and that
- * receiver's share is settled when the broker has confirmed the copy; it is tried again until then. A copy that the
- * broker refuses for good is left to the queue's own dead-letter exchange by a reject. Nothing is told of a delivery
- * whose connection is gone: the broker delivers it again.
+ * receiver's share is settled when the broker has confirmed the copy; it is tried again until then. When a copy is
+ * refused for good (with the headers that we add it may not fit into a frame), the message is left to its queue's own
+ * dead-letter exchange by a reject; a queue that has none would lose it so, and a copy without the message's headers
+ * goes to the dead-letter queue instead. Nothing is told of a delivery whose connection is gone: the broker delivers it
+ * again.
  *
  * Every operation may be called from any thread; none blocks.
  */
@@ -71,6 +73,9 @@ class Settlement
     /** The application whose parking queue this is, or an empty string. */
     std::string ParkedApplication(const std::string& queue) const;
 
+    /** Whether the broker keeps what is rejected from this queue: one of the agent's own, not an application's. */
+    bool HasDeadLetterExchange(const std::string& queue) const;
+
     /** The broker may be another one: parking queues are declared again before they are published to. */
     void ForgetParkingQueues();
 
@@ -91,6 +96,8 @@ class Settlement
         std::string queue;
         RmqTable headers;
         std::uint32_t attempt = 0;
+        /** Without the message's own headers. */
+        bool isBare = false;
     };
     struct Parking
     {
@@ -102,9 +109,13 @@ class Settlement
     void OncePresent(const std::string& parkingQueue, std::function<void()> publish);
     void Publish(Copy copy);
     void OnPublished(Copy copy, PublishResult result, const std::string& why);
+    void OnRefused(Copy copy, const std::string& why);
+    void PublishLater(Copy copy, PublishResult result);
     void DeclareParking(const std::string& queue);
 
     BrokerLink& m_link;
+    const std::string m_clientQueue;
+    const std::string m_priorityQueue;
     const std::string m_deadLetterQueue;
     const std::string m_parkingPrefix;
     Scheduler& m_worker;

@@ -100,12 +100,13 @@ TEST_F(AmqpFramesContent, MemoryGrowsWithWhatCameAndNotWithWhatWasSaid)
     EXPECT_EQ(m_content.body.capacity(), MOST) << "one growth to the end";
 }
 
-TEST_F(AmqpFramesContent, HeadersThatWereCutAreRefusedAndTheBodyPassedOver)
+TEST_F(AmqpFramesContent, HeadersThatWereCutAreRefusedAndTheBodyIsKept)
 {
     AddHeader(Header(3, ""), true);
     EXPECT_EQ(m_content.refused, "headers larger than a frame");
     AddBody(m_content, "abc");
     EXPECT_TRUE(IsComplete(m_content));
+    EXPECT_EQ(m_content.body, "abc");
 }
 
 TEST_F(AmqpFramesContent, PropertiesThatEndEarlyAreRefused)

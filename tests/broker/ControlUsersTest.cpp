@@ -32,7 +32,7 @@ class SilentListener : public LinkListener
     void OnDisconnected(const std::string&) override {}
     void OnConsumerCancelled(const std::string&) override {}
     void OnDelivery(IncomingMessage&&) override {}
-    void OnRefusedDelivery(const std::string&, const std::string&) override {}
+    void OnRefusedDelivery(IncomingMessage&&, const std::string&) override {}
     void OnGaveUp(const std::string&) override {}
 };
 

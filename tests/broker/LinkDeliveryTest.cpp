@@ -182,7 +182,11 @@ TEST_F(LinkDelivery, ABodyOverTheLimitIsRefusedAndTheNextMessageArrives)
     TestLink publisher;
     publisher.Send(m_queue, std::string(300001, 'x'));
     publisher.Send(m_queue, std::string(300000, 'y'));
-    EXPECT_THAT(Listener().WaitForRefused().value_or(""), HasSubstr("over the limit"));
+    const auto refused = Listener().WaitForRefused();
+    ASSERT_TRUE(refused);
+    EXPECT_THAT(refused->second, HasSubstr("over the limit"));
+    EXPECT_EQ(refused->first.body, "");
+    (*m_link)->Settle(refused->first.tag, SettleAs::reject);
     ASSERT_TRUE(Listener().WaitForDeliveries(1));
     EXPECT_EQ(Listener().Delivery(0).body[0], 'y');
     EXPECT_TRUE(Eventually([&] { return publisher.Count(m_dead) == 1; }));
@@ -193,7 +197,11 @@ TEST_F(LinkDelivery, HostileHeadersAreRefusedAndTheNextMessageArrives)
     Connect();
     RawClient(NodeUrl()).PublishNested(m_queue, 15000);
     m_link->Send(m_queue, "harmless");
-    EXPECT_EQ(Listener().WaitForRefused().value_or(""), m_queue + ": headers nested too deeply");
+    const auto refused = Listener().WaitForRefused();
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->second, "headers nested too deeply");
+    EXPECT_EQ(refused->first.queue, m_queue);
+    (*m_link)->Settle(refused->first.tag, SettleAs::reject);
     ASSERT_TRUE(Listener().WaitForDeliveries(1));
     EXPECT_EQ(Listener().Delivery(0).body, "harmless");
     EXPECT_EQ((*m_link)->Status().reconnects, 0U);

@@ -137,9 +137,9 @@ void RecordingListener::OnDelivery(IncomingMessage&& message)
     Note([&] { m_deliveries.push_back(std::move(message)); });
 }
 
-void RecordingListener::OnRefusedDelivery(const std::string& queue, const std::string& why)
+void RecordingListener::OnRefusedDelivery(IncomingMessage&& message, const std::string& why)
 {
-    Note([&] { m_refused.push_back(queue + ": " + why); });
+    Note([&] { m_refused.push_back({std::move(message), why}); });
 }
 
 void RecordingListener::OnGaveUp(const std::string& why)
@@ -183,7 +183,7 @@ std::optional<std::string> RecordingListener::WaitForCancelled()
     return WaitForNth(m_cancelled, 1);
 }
 
-std::optional<std::string> RecordingListener::WaitForRefused()
+std::optional<std::pair<IncomingMessage, std::string>> RecordingListener::WaitForRefused()
 {
     return WaitForNth(m_refused, 1);
 }

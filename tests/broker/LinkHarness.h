@@ -45,7 +45,7 @@ class RecordingListener : public LinkListener
     void OnDisconnected(const std::string& why) override;
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
-    void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
+    void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
     void OnLoginRefused(const std::string& why) override;
 
@@ -56,7 +56,7 @@ class RecordingListener : public LinkListener
     bool WaitForDeliveries(std::size_t count);
     std::optional<std::string> WaitForDisconnect(std::size_t count);
     std::optional<std::string> WaitForCancelled();
-    std::optional<std::string> WaitForRefused();
+    std::optional<std::pair<IncomingMessage, std::string>> WaitForRefused();
     std::optional<std::string> WaitForGaveUp();
     /** Waits for a refusal of the login whose reason holds this text. */
     bool WaitForLoginRefused(const std::string& text);
@@ -95,7 +95,7 @@ class RecordingListener : public LinkListener
     std::vector<std::string> m_disconnects;
     std::vector<std::string> m_cancelled;
     std::vector<IncomingMessage> m_deliveries;
-    std::vector<std::string> m_refused;
+    std::vector<std::pair<IncomingMessage, std::string>> m_refused;
     std::vector<std::string> m_gaveUp;
     std::vector<std::string> m_loginRefused;
 };

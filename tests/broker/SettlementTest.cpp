@@ -1,4 +1,5 @@
 #include "broker/BrokerClient.h"
+#include "broker/RawClient.h"
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -118,7 +119,7 @@ class Outsider : private LinkListener
     void OnDisconnected(const std::string&) override {}
     void OnConsumerCancelled(const std::string&) override {}
     void OnDelivery(IncomingMessage&& message) override { m_deliveries.Put(std::move(message)); }
-    void OnRefusedDelivery(const std::string&, const std::string&) override {}
+    void OnRefusedDelivery(IncomingMessage&&, const std::string&) override {}
     void OnGaveUp(const std::string&) override {}
 
     Inbox<IncomingMessage> m_deliveries;
@@ -320,6 +321,59 @@ TEST_F(SettlementTest, ARefusedMessageIsDeadLetteredAsTakenByNobody)
     ASSERT_TRUE(letter);
     EXPECT_EQ(letter->body, "homeless");
     EXPECT_EQ(HeaderOf(*letter, Header::REASON), "no application takes the message");
+}
+
+TEST_F(SettlementTest, AnApplicationsMessageThatCannotBeReadIsDeadLetteredWithWhatIsLeftOfIt)
+{
+    Begin([](const boost::shared_ptr<Delivery>&) { return true; });
+    const std::string queue = settings.names.clientQueue + ".jobs";
+    ASSERT_TRUE(client->DeclareQueue(queue));
+    RawClient(url).PublishNested(queue, 15000);
+    const auto letter = outsider.Get(Plain(settings.names.deadLetterQueue));
+    ASSERT_TRUE(letter);
+    EXPECT_EQ(letter->body, "deep");
+    EXPECT_EQ(HeaderOf(*letter, Header::REASON), "could not be read: headers nested too deeply");
+    EXPECT_EQ(HeaderOf(*letter, Header::QUEUE), queue);
+    End();
+    outsider.Publish(queue, "second");
+    EXPECT_EQ(outsider.Get(Plain(queue))->body, "second");
+}
+
+TEST_F(SettlementTest, WhatFitsIntoNoCopyLeavesAnApplicationsQueueWithoutItsHeaders)
+{
+    Begin([](const boost::shared_ptr<Delivery>&) { return false; });
+    const std::string queue = settings.names.clientQueue + ".jobs";
+    ASSERT_TRUE(client->DeclareQueue(queue));
+    RmqProperties properties;
+    properties.type = "order";
+    properties.headers = {{"long", RmqValue::String(std::string(130900, 'h'))}};
+    outsider.Publish(queue, "first", properties);
+    const auto letter = outsider.Get(Plain(settings.names.deadLetterQueue));
+    ASSERT_TRUE(letter);
+    EXPECT_EQ(letter->body, "first");
+    EXPECT_EQ(letter->properties->type, "order");
+    EXPECT_EQ(HeaderOf(*letter, "long"), "absent");
+    EXPECT_EQ(HeaderOf(*letter, Header::REASON), "no application takes the message");
+    EXPECT_EQ(HeaderOf(*letter, Header::QUEUE), queue);
+}
+
+TEST_F(SettlementTest, WhatFitsIntoNoParkingQueueIsDeadLettered)
+{
+    Begin(
+        [](const boost::shared_ptr<Delivery>& message)
+        {
+            message->Expect("web")->Park(0);
+            return true;
+        });
+    const std::string queue = settings.names.clientQueue + ".jobs";
+    ASSERT_TRUE(client->DeclareQueue(queue));
+    RmqProperties properties;
+    properties.headers = {{"long", RmqValue::String(std::string(130900, 'h'))}};
+    outsider.Publish(queue, "first", properties);
+    const auto letter = outsider.Get(Plain(settings.names.deadLetterQueue));
+    ASSERT_TRUE(letter);
+    EXPECT_EQ(letter->body, "first");
+    EXPECT_EQ(HeaderOf(*letter, Header::REASON).substr(0, 21), "could not be parked: ");
 }
 
 TEST_F(SettlementTest, AMessageWhoseHandlingThrowsIsDeadLetteredAfterFiveTries)

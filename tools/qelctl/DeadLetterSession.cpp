@@ -28,8 +28,6 @@ constexpr std::chrono::milliseconds closeBudget{1000};
 LinkSettings Settings(const GlobalOptions& options, const std::string& purpose)
 {
     LinkSettings settings = options.ToLinkSettings(purpose);
-    // A rejected dead letter would be gone.
-    settings.rejectUnreadable = false;
     settings.maxBodyBytes = greatestBody;
     return settings;
 }
@@ -250,8 +248,9 @@ void DeadLetterSession::OnDelivery(IncomingMessage&& message)
     Push(std::move(message), {});
 }
 
-void DeadLetterSession::OnRefusedDelivery(const std::string&, const std::string& why)
+void DeadLetterSession::OnRefusedDelivery(IncomingMessage&&, const std::string& why)
 {
+    // Not settled: a rejected dead letter would be gone.
     Push({}, why);
 }
 

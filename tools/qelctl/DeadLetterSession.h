@@ -82,7 +82,7 @@ class DeadLetterSession : private LinkListener
     void OnDisconnected(const std::string& why) override;
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
-    void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
+    void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
     void OnLoginRefused(const std::string& why) override;
 

@@ -183,10 +183,11 @@ void ManagementSession::OnDelivery(IncomingMessage&& message)
     m_changed.notify_all();
 }
 
-void ManagementSession::OnRefusedDelivery(const std::string& queue, const std::string& why)
+void ManagementSession::OnRefusedDelivery(IncomingMessage&& message, const std::string& why)
 {
+    m_link.Settle(message.tag, SettleAs::reject);
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_lastTrouble = "a message on " + queue + " could not be read: " + why;
+    m_lastTrouble = "a message on " + message.queue + " could not be read: " + why;
 }
 
 void ManagementSession::OnGaveUp(const std::string& why)

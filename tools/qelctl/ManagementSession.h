@@ -68,7 +68,7 @@ class ManagementSession : private LinkListener
     void OnDisconnected(const std::string& why) override;
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
-    void OnRefusedDelivery(const std::string& queue, const std::string& why) override;
+    void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;
     void OnGaveUp(const std::string& why) override;
     void OnLoginRefused(const std::string& why) override;
 
