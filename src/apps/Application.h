@@ -191,6 +191,7 @@ class Application : public boost::enable_shared_from_this<Application>
     void BecomeAbsent();
     void GiveBackParked();
     void SendMarker();
+    void PublishMarker();
     void MarkerSent(std::uint64_t marker, bool sent);
 
     void Pump(Effects& effects);
@@ -244,7 +245,8 @@ class Application : public boost::enable_shared_from_this<Application>
 
     std::uint64_t m_marker;
     bool m_parkedSinceMarker = false;
-    /** When the marker that could not be sent is sent again. */
+    bool m_markerSent = false;
+    /** When the marker that could not be sent, or has not come back, is sent again. */
     std::optional<TimePoint> m_markerRetryAt;
     Timers::Clock::duration m_markerDelay;
     /** When messages that wait for an absent application's return are parked. */

@@ -15,6 +15,8 @@ namespace
 
 constexpr std::chrono::seconds firstMarkerDelay{1};
 constexpr std::chrono::seconds longestMarkerDelay{30};
+/** A marker gets lost with its queue, or goes to another agent that is served while this one is not. */
+constexpr std::chrono::seconds markerPatience{30};
 
 /** Markers of earlier processes may still be in the parking queue: numbers start where nobody else has been. */
 std::uint64_t FirstMarker()
@@ -182,11 +184,17 @@ void Application::GiveBackParked()
 void Application::SendMarker()
 {
     m_parkedSinceMarker = false;
+    ++m_marker;
+    PublishMarker();
+}
+
+void Application::PublishMarker()
+{
     m_markerRetryAt.reset();
-    const std::uint64_t marker = ++m_marker;
+    m_markerSent = false;
     m_context.parking.SendMarker(
-        m_name, marker,
-        [weak = weak_from_this(), marker](bool sent)
+        m_name, m_marker,
+        [weak = weak_from_this(), marker = m_marker](bool sent)
         {
             if (const auto self = weak.lock())
             {
@@ -203,13 +211,9 @@ void Application::MarkerSent(std::uint64_t marker, bool sent)
     {
         return;
     }
-    if (sent)
-    {
-        m_markerDelay = firstMarkerDelay;
-        return;
-    }
-    m_markerRetryAt = m_context.timers.Now() + m_markerDelay;
-    m_markerDelay = std::min<Timers::Clock::duration>(m_markerDelay * 2, longestMarkerDelay);
+    m_markerSent = sent;
+    m_markerRetryAt = m_context.timers.Now() + (sent ? markerPatience : m_markerDelay);
+    m_markerDelay = sent ? firstMarkerDelay : std::min<Timers::Clock::duration>(m_markerDelay * 2, longestMarkerDelay);
     ArmFor(*m_markerRetryAt);
 }
 
@@ -328,7 +332,12 @@ void Application::CheckSlow(TimePoint now)
 
 void Application::ResendMarker(TimePoint now)
 {
-    if (m_markerRetryAt && *m_markerRetryAt <= now)
+    if (m_markerRetryAt && *m_markerRetryAt <= now && m_markerSent)
+    {
+        // The same once more: while there is much before it, it may just not have come yet.
+        PublishMarker();
+    }
+    else if (m_markerRetryAt && *m_markerRetryAt <= now)
     {
         SendMarker();
     }

@@ -40,7 +40,7 @@ BrokerClient::BrokerClient(
       m_topology(*this, journal, *m_info), m_link(m_settings.link, *this),
       m_settlement(
           m_link, *m_info, m_worker,
-          [this](const std::string& queue) { return DeclareParking(PlainQueue(queue, 0)).answer == Answer::ok; }),
+          [this](const std::string& queue) { return DeclareParking(CopiesQueue(queue)).answer == Answer::ok; }),
       m_lanes(std::move(registry), m_info, m_timers),
       m_controlUsers(
           m_settings.controlUsers,
@@ -148,7 +148,7 @@ void BrokerClient::ReconcileParking(const std::string& application)
         {
             return;
         }
-        queue = PlainQueue(m_settlement.ParkingQueue(application), wanted->second);
+        queue = SingleConsumerQueue(m_settlement.ParkingQueue(application), wanted->second);
     }
     const RequestResult result = DeclareParking(queue);
     if (result.answer != Answer::ok)
@@ -173,7 +173,7 @@ DesiredTopology BrokerClient::OnConnected()
     const std::lock_guard lock(m_parkingMutex);
     for (const auto& [application, prefetch] : m_parking)
     {
-        desired.applicationQueues.push_back(PlainQueue(m_settlement.ParkingQueue(application), prefetch));
+        desired.applicationQueues.push_back(SingleConsumerQueue(m_settlement.ParkingQueue(application), prefetch));
     }
     return desired;
 }
@@ -278,15 +278,26 @@ RequestResult BrokerClient::DeclareParking(const QueueSpec& queue)
 
 QueueSpec BrokerClient::OwnQueue(const std::string& name) const
 {
-    QueueSpec queue = PlainQueue(name, m_settings.prefetch);
-    // Of two agents on one queue by mistake, or during a move, only one is served.
-    queue.arguments.emplace_back("x-single-active-consumer", RmqValue::Boolean(true));
+    QueueSpec queue = SingleConsumerQueue(name, m_settings.prefetch);
     queue.arguments.emplace_back("x-dead-letter-exchange", RmqValue::String(""));
     queue.arguments.emplace_back("x-dead-letter-routing-key", RmqValue::String(m_info->deadLetterQueue));
     if (m_settings.queueType == "quorum")
     {
         queue.arguments.emplace_back("x-delivery-limit", RmqValue::Integer(DELIVERY_LIMIT));
     }
+    return queue;
+}
+
+QueueSpec BrokerClient::CopiesQueue(const std::string& name) const
+{
+    return name == m_info->deadLetterQueue ? PlainQueue(name, 0) : SingleConsumerQueue(name, 0);
+}
+
+QueueSpec BrokerClient::SingleConsumerQueue(const std::string& name, std::uint16_t prefetch) const
+{
+    QueueSpec queue = PlainQueue(name, prefetch);
+    // Of two agents on one queue by mistake, or during a move, only one is served.
+    queue.arguments.emplace_back("x-single-active-consumer", RmqValue::Boolean(true));
     return queue;
 }
 

@@ -143,6 +143,9 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     RequestResult DeclareParking(const QueueSpec& queue);
     QueueSpec OwnQueue(const std::string& name) const;
     QueueSpec PlainQueue(const std::string& name, std::uint16_t prefetch) const;
+    /** A queue that copies are published to: the dead-letter queue or a parking queue. */
+    QueueSpec CopiesQueue(const std::string& name) const;
+    QueueSpec SingleConsumerQueue(const std::string& name, std::uint16_t prefetch) const;
     void ReconcileParking(const std::string& application);
     void OnHeld(std::size_t bytes);
     LoopProbeActions ProbeActions();

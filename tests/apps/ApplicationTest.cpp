@@ -521,6 +521,22 @@ TEST_F(SlowApplicationTest, AMarkerThatCannotBeSentIsSentAgainWithGrowingDelay)
     EXPECT_EQ(Flow(), ApplicationFlow::live);
 }
 
+TEST_F(SlowApplicationTest, AMarkerThatDoesNotComeBackIsSentOnceMoreAndEitherCounts)
+{
+    const std::uint64_t first = m_parking.LastMarker();
+    m_parking.CompleteLastMarker(true);
+    m_timers.Step(milliseconds(29999));
+    EXPECT_THAT(m_parking.Take(), IsEmpty());
+    m_timers.Step(milliseconds(1));
+    EXPECT_THAT(m_parking.Take(), ElementsAre("marker app"));
+    EXPECT_EQ(m_parking.LastMarker(), first);
+    m_parking.CompleteLastMarker(true);
+    m_application->MarkerReturned(first);
+    EXPECT_EQ(Flow(), ApplicationFlow::live);
+    m_application->MarkerReturned(first);
+    EXPECT_EQ(Flow(), ApplicationFlow::live) << "the other one changes nothing";
+}
+
 TEST_F(ApplicationTest, NothingIsHandedOutWhileStoppingButVerdictsCount)
 {
     const auto id = AttachLive(1);
