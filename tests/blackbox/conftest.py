@@ -104,6 +104,19 @@ def world(session_folder, node):
 
 
 @pytest.fixture(scope="module")
+def battered_node(session_folder):
+    """A node for the tests of a file, which do it harm and leave it running and in order."""
+    with RabbitNode(session_folder / "battered") as started:
+        yield started
+
+
+@pytest.fixture
+def battered_world(session_folder, battered_node):
+    """A world on such a node."""
+    yield from _world(session_folder, battered_node)
+
+
+@pytest.fixture(scope="module")
 def network():
     """Moves the tests of a file into a private network."""
     with PrivateNetwork() as made:

@@ -5,6 +5,10 @@ import collections
 import struct
 import threading
 
+import pika
+
+from support.proxy import TcpProxy
+
 FRAME_HEADER = struct.Struct(">BHI")
 METHOD = struct.Struct(">HH")
 FRAME_OVERHEAD = FRAME_HEADER.size + 1
@@ -38,30 +42,14 @@ class Strike:
         return f"{self.how} {self.step}"
 
 
-class AmqpProxy:
-    """Listens on a free loopback port, `port`, for as long as the context lives; runs in a thread of its own.
-
-    `requests` counts the agent's topology requests by name.
-    """
+class AmqpProxy(TcpProxy):
+    """Forwards whole frames, counts the agent's topology requests by name (`requests`), and strikes when it is armed."""
 
     def __init__(self, broker_port):
-        self.port = None
+        super().__init__(broker_port, "amqp-proxy")
         self.requests = collections.Counter()
-        self._broker_port = broker_port
         self._strike = None
-        self._loop = asyncio.new_event_loop()
-        self._thread = threading.Thread(target=self._run, name="amqp-proxy", daemon=True)
-        self._listening = threading.Event()
-
-    def __enter__(self):
-        self._thread.start()
-        if not self._listening.wait(10):
-            raise RuntimeError("the proxy does not listen")
-        return self
-
-    def __exit__(self, *_):
-        self._loop.call_soon_threadsafe(self._loop.stop)
-        self._thread.join(10)
+        self._connections = []
 
     def arm(self, strike):
         """From now on the requests are counted for this strike; at most one is armed."""
@@ -70,31 +58,34 @@ class AmqpProxy:
     def disarm(self):
         self._strike = None
 
-    def _run(self):
-        asyncio.set_event_loop(self._loop)
-        server = self._loop.run_until_complete(asyncio.start_server(self._serve, "127.0.0.1", 0))
-        self.port = server.sockets[0].getsockname()[1]
-        self._listening.set()
-        self._loop.run_forever()
-        server.close()
-        for task in asyncio.all_tasks(self._loop):
-            task.cancel()
-        self._loop.run_until_complete(self._loop.shutdown_asyncgens())
-        self._loop.close()
+    def inject(self, direction, connection, channel, method):
+        """Sends a method (of pika.spec) between two frames of others.
 
-    async def _serve(self, agent_reader, agent_writer):
-        try:
-            broker_reader, broker_writer = await asyncio.open_connection("127.0.0.1", self._broker_port)
-        except OSError:
-            agent_writer.transport.abort()
-            return
+        direction   "to_agent" or "to_broker": who receives it as the other side's
+        connection  0 is the oldest that there is, 1 the next
+        """
+        frame = pika.frame.Method(channel, method).marshal()
+        written = threading.Event()
+
+        def write():
+            self._connections[connection][direction].write(frame)
+            written.set()
+
+        self._loop.call_soon_threadsafe(write)
+        if not written.wait(10):
+            raise RuntimeError(f"no connection {connection} to send {method} by")
+
+    async def _serve(self, agent_reader, agent_writer, broker_reader, broker_writer):
+        writers = {"to_agent": agent_writer, "to_broker": broker_writer}
+        self._connections.append(writers)
         pumps = [asyncio.create_task(self._pump(agent_reader, broker_writer, PROTOCOL_HEADER_BYTES, self._on_request)),
                  asyncio.create_task(self._pump(broker_reader, agent_writer, 0, self._on_answer))]
-        await asyncio.wait(pumps, return_when=asyncio.FIRST_COMPLETED)
-        for pump in pumps:
-            pump.cancel()
-        for writer in (agent_writer, broker_writer):
-            writer.transport.abort()
+        try:
+            await asyncio.wait(pumps, return_when=asyncio.FIRST_COMPLETED)
+        finally:
+            self._connections.remove(writers)
+            for pump in pumps:
+                pump.cancel()
 
     async def _pump(self, reader, writer, skip, inspect):
         """Forwards whole frames until the connection ends or a strike hits."""

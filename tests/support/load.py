@@ -51,7 +51,8 @@ class Upstream(threading.Thread):
             message_id = str(self.published).encode()
             self.published += 1
             try:
-                self.application.publish("", self._queue, b"upstream", patience=60.0, message_id=message_id)
+                self.application.publish("", self._queue, b"upstream", patience=60.0, message_id=message_id,
+                                         delivery_mode=2)
                 self.confirmed.append(message_id.decode())
             except grpc.RpcError as error:
                 if error.code() not in self.EXCUSED:

@@ -24,6 +24,14 @@ def programs_folder():
     return pathlib.Path(found[-1])
 
 
+def _erlang(value):
+    """A number, text or bytes as Erlang writes it."""
+    if isinstance(value, int):
+        return str(value)
+    octets = value.encode() if isinstance(value, str) else value
+    return f"<<{','.join(map(str, octets))}>>"
+
+
 class RabbitNode:
     """One RabbitMQ node that lives in `folder` and ends with us.
 
@@ -138,6 +146,13 @@ class RabbitNode:
         """Ends the node as a crash of the machine would: SIGKILL."""
         self._end(signal.SIGKILL, 30.0)
 
+    def write_down(self):
+        """Makes the node write down which quorum queues there are, which it does about once a second by itself.
+
+        One that was made just before a crash comes out of it without a leader, for good; no client can help that.
+        """
+        self.ctl("eval", "[dets:sync(Table) || Table <- dets:all()].")
+
     def restart(self):
         """Stops in order and starts again, same ports, same data."""
         self.stop()
@@ -161,6 +176,12 @@ class RabbitNode:
         return subprocess.run(
             list(map(str, self._placed([self.programs / program, "-n", self.name, *arguments]))),
             env=self._environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+
+    def publish(self, exchange, routing_key, *bodies, vhost="/", **properties):
+        """Publishes persistent messages inside of the node, for when it takes none from outside (an alarm)."""
+        listed = ",".join(f"{{{name},{_erlang(value)}}}" for name, value in {"delivery_mode": 2, **properties}.items())
+        self.ctl("eval", f"[rabbit_basic:publish(rabbit_misc:r({_erlang(vhost)},exchange,{_erlang(exchange)}),"
+                         f"{_erlang(routing_key)},[{listed}],Body) || Body <- [{','.join(map(_erlang, bodies))}]].")
 
     def write_ctl_script(self, path):
         """Writes a program that runs rabbitmqctl for this node, for callers that are not Python. Returns its path."""
