@@ -212,6 +212,7 @@ std::string AttachSession::Take(const proto::AttachRequest& request)
         return TakeVerdicts(request.verdicts());
     case proto::AttachRequest::kWindow:
         return TakeWindow(request.window());
+    case proto::AttachRequest::kDetach:
     case proto::AttachRequest::KIND_NOT_SET:
         break;
     }

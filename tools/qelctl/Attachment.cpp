@@ -77,8 +77,9 @@ void Attachment::Take(const v1::AttachResponse& response)
             TakeDelivery(delivery);
         }
         break;
+    case v1::AttachResponse::kBroker:
     case v1::AttachResponse::KIND_NOT_SET:
-        // A newer agent says something that we do not know; the rest of the stream is not touched by it.
+        // Of no concern here, or something that only a newer agent says.
         break;
     }
 }
