@@ -15,7 +15,6 @@
 #include <array>
 #include <cctype>
 #include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -66,14 +65,17 @@ std::string Shown(const vtx::LogLine& line)
     return Printable(text.substr(0, LONGEST_TEXT)) + "... (" + std::to_string(text.size()) + " bytes)";
 }
 
+constexpr std::string_view PLAIN_MARKS = "._-:/@+#*";
+
 /** Quoted when somebody could take it for more than one value. */
 std::string Quoted(const std::string& value)
 {
     const bool isPlain = !value.empty() && std::all_of(
                                                value.begin(), value.end(),
-                                               [](char letter) {
+                                               [](char letter)
+                                               {
                                                    return std::isalnum(static_cast<unsigned char>(letter)) != 0 ||
-                                                          std::strchr("._-:/@+#*", letter) != nullptr;
+                                                          PLAIN_MARKS.find(letter) != std::string_view::npos;
                                                });
     return isPlain ? value : nlohmann::json(Printable(value)).dump();
 }

@@ -114,6 +114,9 @@ TEST_F(LogOutput, BesideTheTextStandsTheMessageThatALineIsAbout)
     EXPECT_EQ(
         Written("journal", about({"a b\" delivery-tag=9]: \n", "web", 4})),
         "<4>warning qel [application=web message-id=\"a b\\\" delivery-tag=9]: \\\\x0a\" delivery-tag=4]: hello\n");
+    EXPECT_EQ(
+        Written("journal", about({std::string("a\0b", 3), "web", 4})),
+        "<4>warning qel [application=web message-id=\"a\\\\x00b\" delivery-tag=4]: hello\n");
     const auto json = nlohmann::json::parse(Written("json", about({"order\xFF", "web", 4})));
     EXPECT_EQ(json["messageId"], "order\\xff");
     EXPECT_EQ(json["application"], "web");

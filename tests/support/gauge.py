@@ -17,7 +17,8 @@ TOLERANCE = 8 * MIB
 PATIENCE = 30.0
 
 OUR_LINE = re.compile(r"\d{4}-\d\d-\d\dT[0-9:.]+[+-]\d\d:\d\d "
-                      r"(fatal|error|status|warning|notice|detail|debug) qel( errorCode:\w+)?: [^\x00-\x1f\x7f-\x9f]*")
+                      r"(fatal|error|status|warning|notice|detail|debug) qel( errorCode:\w+)?"
+                      r"( \[[^\x00-\x1f\x7f-\x9f]*\])?: [^\x00-\x1f\x7f-\x9f]*")
 
 
 def resident(pid):
