@@ -33,7 +33,7 @@ bool RepeatedLines::Admit(const vtx::LogLine& line, std::vector<vtx::LogLine>& d
     {
         return true;
     }
-    const Key key(line.level, line.subcomponent, line.tag, line.text);
+    const Key key(line.level, line.subcomponent, line.tag, line.text.substr(0, MOST_TEXT));
     Seen& seen = m_lines.try_emplace(key, Seen{now, 0}).first->second;
     if (++seen.count <= MOST_ALIKE)
     {

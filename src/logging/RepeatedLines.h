@@ -17,8 +17,9 @@ namespace VtxQel
 
 /**
  * RepeatedLines keeps errors and warnings that come over and over from filling the disk: of those that are alike in
- * level, tag and text the first few of half a minute pass, the others are counted, and the count is told afterwards
- * with the next line of any kind. Lines of other levels pass: they were asked for one by one. Any thread.
+ * level, tag and the beginning of their texts the first few of half a minute pass, the others are counted, and the
+ * count is told afterwards with the next line of any kind. Lines of other levels pass: they were asked for one by one.
+ * Any thread.
  */
 class RepeatedLines
 {
@@ -35,6 +36,8 @@ class RepeatedLines
     static constexpr std::uint64_t MOST_ALIKE = 10;
     /** Lines remembered at most; of more than these in one pause the oldest are news again. */
     static constexpr std::size_t MOST_LINES = 64;
+    /** What of a text is compared and remembered: others may have written it, at any length. */
+    static constexpr std::size_t MOST_TEXT = 4096;
 
   private:
     using Key = std::tuple<int, std::string, std::string, std::string>;

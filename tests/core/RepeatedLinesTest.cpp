@@ -77,6 +77,18 @@ TEST_F(RepeatedLinesTest, WhatIsNoTroublePassesAlways)
     }
 }
 
+TEST_F(RepeatedLinesTest, OfALongTextTheBeginningIsRemembered)
+{
+    const std::string beginning(RepeatedLines::MOST_TEXT, 'x');
+    for (std::uint64_t index = 0; index < RepeatedLines::MOST_ALIKE; ++index)
+    {
+        Pass(1, beginning + std::to_string(index));
+    }
+    EXPECT_THAT(Warned(beginning + "another end"), IsEmpty());
+    m_now += RepeatedLines::PAUSE;
+    EXPECT_THAT(Warned("news"), ElementsAre(beginning + " (1 more times since the last such line)", "news"));
+}
+
 TEST_F(RepeatedLinesTest, TheOldestOfTooManyMakesRoomAndItsCountIsTold)
 {
     Pass(RepeatedLines::MOST_ALIKE, "oldest");
