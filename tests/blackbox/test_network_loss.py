@@ -55,7 +55,7 @@ def test_little_room_and_a_backlog(distant_world, distant_host):
     plane.configure(agent, "alpha", topics=topics)
     alpha.wait_for_state("APPLIED", topics)
     assert agent.stop() == 0
-    bodies = [f"{number:04}".encode() * 1000 for number in range(125)]
+    bodies = [f"{number:04}".encode() * 1000 for number in range(60)]
     for body in bodies:
         plane.publish(agent.exchange, topics[0], body)
     plane.close()
@@ -72,7 +72,7 @@ def test_little_room_and_a_backlog(distant_world, distant_host):
     took = time.monotonic() - began
     agent.wait_for_log("qel-agent is ready", start=before)
     plane = distant_world.plane()
-    figures.note("256 kbit/s and a backlog of 0.5 MB, heartbeat 2 s",
+    figures.note("256 kbit/s and a backlog of 0.24 MB, heartbeat 2 s",
                  f"everything after {took:.1f} s, connections lost "
                  f"{len(agent.log_lines(LOST))}, duplicates {successor.pending()}")
     assert plane.count(agent.dead_letter_queue) == 0
