@@ -71,6 +71,7 @@ void ReadPassword(StrictToml& toml, AgentConfig& config)
         toml.Fail("broker.password_file", "names " + file + ", which cannot be read or is empty");
         return;
     }
+    config.passwordFile = file;
     WarnIfPublic(file, config);
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "agent/ConfigurationRequests.h"
-#include "broker/BrokerClient.h"
+#include "broker/BrokerSettings.h"
 
 #include <chrono>
 #include <stdexcept>
@@ -25,6 +25,8 @@ struct AgentConfig
     std::string logFormat;
     /** Where the admin endpoint listens beside its socket; nowhere when empty. */
     std::string adminListen;
+    /** Where the password was read; empty when there is none, or it stands in a URL. */
+    std::string passwordFile;
     /** What is allowed but probably not meant, as lines for people. */
     std::vector<std::string> warnings;
 };

@@ -3,8 +3,6 @@
 #include "agent/LogOutput.h"
 #include "agent/MemoryTrimmer.h"
 #include "apps/DropIns.h"
-#include "apps/PeerAccess.h"
-#include "common/QelException.h"
 #include "logging/Log.h"
 
 #include <CLI/CLI.hpp>
@@ -37,22 +35,6 @@ Everything Load(const std::string& file)
     Everything everything{LoadAgentConfig(file), {}};
     everything.applications = LoadDropIns(everything.config.applicationsDirectory);
     return everything;
-}
-
-/** Who may attach is looked up when the sockets are made; a name that this host does not know is most likely a typo. */
-void CheckOwners(DropIns& dropIns)
-{
-    for (const ApplicationSettings& application : dropIns.applications)
-    {
-        try
-        {
-            OwnerOf(application);
-        }
-        catch (const QelException& error)
-        {
-            dropIns.problems.push_back(application.name + ".toml: " + error.what());
-        }
-    }
 }
 
 int Check(const std::string& file)

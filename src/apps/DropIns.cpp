@@ -1,7 +1,9 @@
 #include "apps/DropIns.h"
 
+#include "apps/PeerAccess.h"
 #include "apps/StrictToml.h"
 #include "common/Printable.h"
+#include "common/QelException.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -89,6 +91,21 @@ DropIns LoadDropIns(const std::string& folder)
         Load(file, dropIns);
     }
     return dropIns;
+}
+
+void CheckOwners(DropIns& dropIns)
+{
+    for (const ApplicationSettings& application : dropIns.applications)
+    {
+        try
+        {
+            OwnerOf(application);
+        }
+        catch (const QelException& error)
+        {
+            dropIns.problems.push_back(application.name + ".toml: " + error.what());
+        }
+    }
 }
 
 } // namespace VtxQel

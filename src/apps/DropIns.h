@@ -23,4 +23,10 @@ struct DropIns
  */
 DropIns LoadDropIns(const std::string& folder);
 
+/**
+ * Adds a problem for each application whose user or group this host does not know. Who may attach is looked up when the
+ * sockets are made; a name that is not known is most likely a mistake.
+ */
+void CheckOwners(DropIns& dropIns);
+
 } // namespace VtxQel

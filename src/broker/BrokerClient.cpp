@@ -1,5 +1,6 @@
 #include "broker/BrokerClient.h"
 
+#include "broker/AgentQueues.h"
 #include "common/MessageTypes.h"
 #include "logging/Log.h"
 
@@ -20,13 +21,6 @@ constexpr std::chrono::seconds REQUEST_BUDGET{30};
 constexpr std::chrono::seconds PING_REPLY_BUDGET{5};
 constexpr std::chrono::seconds PARKING_RETRY{1};
 
-/**
- * How often the broker delivers one message before it dead-letters it by itself: a message that ends the process each
- * time must not do so for ever. A lost connection counts as well, for everything that was sent ahead on it, and a bad
- * network loses many: it takes more than half an hour to lose so many with the waits between them.
- */
-constexpr std::int64_t DELIVERY_LIMIT = 200;
-
 /** RabbitMQ's direct reply-to: delivered to the requester itself, and reported as unroutable when mandatory. */
 constexpr const char* DIRECT_REPLY_TO = "amq.rabbitmq.reply-to";
 
@@ -40,7 +34,8 @@ BrokerClient::BrokerClient(
       m_topology(*this, journal, *m_info), m_link(m_settings.link, *this),
       m_settlement(
           m_link, *m_info, m_worker,
-          [this](const std::string& queue) { return DeclareParking(CopiesQueue(queue)).answer == Answer::ok; }),
+          [this](const std::string& queue)
+          { return DeclareParking(CopiesQueue(m_settings, queue)).answer == Answer::ok; }),
       m_lanes(std::move(registry), m_info, m_timers),
       m_controlUsers(
           m_settings.controlUsers,
@@ -148,7 +143,7 @@ void BrokerClient::ReconcileParking(const std::string& application)
         {
             return;
         }
-        queue = SingleConsumerQueue(m_settlement.ParkingQueue(application), wanted->second);
+        queue = SingleConsumerQueue(m_settings, m_settlement.ParkingQueue(application), wanted->second);
     }
     const RequestResult result = DeclareParking(queue);
     if (result.answer != Answer::ok)
@@ -164,16 +159,18 @@ DesiredTopology BrokerClient::OnConnected()
     DesiredTopology desired;
     desired.exchanges = {{m_info->exchange, m_info->exchangeType, m_settings.exchangePassive}};
     desired.ownQueues = {
-        PlainQueue(m_info->deadLetterQueue, 0), OwnQueue(m_info->clientQueue), OwnQueue(m_info->priorityQueue)};
+        PlainQueue(m_settings, m_info->deadLetterQueue, 0), OwnQueue(m_settings, m_info->clientQueue),
+        OwnQueue(m_settings, m_info->priorityQueue)};
     desired.bindings = m_topology.Bindings();
     for (const std::string& queue : m_topology.Queues())
     {
-        desired.applicationQueues.push_back(PlainQueue(queue, m_settings.prefetch));
+        desired.applicationQueues.push_back(PlainQueue(m_settings, queue, m_settings.prefetch));
     }
     const std::lock_guard lock(m_parkingMutex);
     for (const auto& [application, prefetch] : m_parking)
     {
-        desired.applicationQueues.push_back(SingleConsumerQueue(m_settlement.ParkingQueue(application), prefetch));
+        desired.applicationQueues.push_back(
+            SingleConsumerQueue(m_settings, m_settlement.ParkingQueue(application), prefetch));
     }
     return desired;
 }
@@ -263,7 +260,8 @@ RequestResult BrokerClient::Unbind(const Binding& binding)
 
 RequestResult BrokerClient::Consume(const std::string& queue)
 {
-    return WhileReading([&] { return m_link.DeclareQueue(PlainQueue(queue, m_settings.prefetch), REQUEST_BUDGET); });
+    return WhileReading(
+        [&] { return m_link.DeclareQueue(PlainQueue(m_settings, queue, m_settings.prefetch), REQUEST_BUDGET); });
 }
 
 RequestResult BrokerClient::StopConsuming(const std::string& queue)
@@ -274,40 +272,6 @@ RequestResult BrokerClient::StopConsuming(const std::string& queue)
 RequestResult BrokerClient::DeclareParking(const QueueSpec& queue)
 {
     return WhileReading([&] { return m_link.DeclareQueue(queue, REQUEST_BUDGET); });
-}
-
-QueueSpec BrokerClient::OwnQueue(const std::string& name) const
-{
-    QueueSpec queue = SingleConsumerQueue(name, m_settings.prefetch);
-    queue.arguments.emplace_back("x-dead-letter-exchange", RmqValue::String(""));
-    queue.arguments.emplace_back("x-dead-letter-routing-key", RmqValue::String(m_info->deadLetterQueue));
-    if (m_settings.queueType == "quorum")
-    {
-        queue.arguments.emplace_back("x-delivery-limit", RmqValue::Integer(DELIVERY_LIMIT));
-    }
-    return queue;
-}
-
-QueueSpec BrokerClient::CopiesQueue(const std::string& name) const
-{
-    return name == m_info->deadLetterQueue ? PlainQueue(name, 0) : SingleConsumerQueue(name, 0);
-}
-
-QueueSpec BrokerClient::SingleConsumerQueue(const std::string& name, std::uint16_t prefetch) const
-{
-    QueueSpec queue = PlainQueue(name, prefetch);
-    // Of two agents on one queue by mistake, or during a move, only one is served.
-    queue.arguments.emplace_back("x-single-active-consumer", RmqValue::Boolean(true));
-    return queue;
-}
-
-QueueSpec BrokerClient::PlainQueue(const std::string& name, std::uint16_t prefetch) const
-{
-    QueueSpec queue;
-    queue.name = name;
-    queue.prefetch = prefetch;
-    queue.arguments = {{"x-queue-type", RmqValue::String(m_settings.queueType)}};
-    return queue;
 }
 
 void BrokerClient::OnHeld(std::size_t bytes)
@@ -361,7 +325,7 @@ void BrokerClient::ConsumeClientQueueAgain()
     QEL_LOG(vtx::LevelStatus, "consuming queue %s anew", m_info->clientQueue.c_str());
     StopConsuming(m_info->clientQueue);
     const RequestResult result =
-        WhileReading([&] { return m_link.DeclareQueue(OwnQueue(m_info->clientQueue), REQUEST_BUDGET); });
+        WhileReading([&] { return m_link.DeclareQueue(OwnQueue(m_settings, m_info->clientQueue), REQUEST_BUDGET); });
     if (result.answer != Answer::ok)
     {
         QEL_LOG(

@@ -2,6 +2,7 @@
 
 #include "broker/BrokerLink.h"
 #include "broker/BrokerMessage.h"
+#include "broker/BrokerSettings.h"
 #include "broker/ControlUsers.h"
 #include "broker/Journal.h"
 #include "broker/Lanes.h"
@@ -29,24 +30,6 @@
 
 namespace VtxQel
 {
-
-/** What the broker client is told once. */
-struct BrokerSettings
-{
-    LinkSettings link;
-    RmqInfo names;
-    /** Only check that the exchange exists, do not declare it. */
-    bool exchangePassive = false;
-    /** "quorum" or "classic": the type of every queue that the agent declares. */
-    std::string queueType = "quorum";
-    /** Unsettled messages that the broker may send ahead, for each queue. */
-    std::uint16_t prefetch = 1000;
-    /** While more bytes than this are held, nothing more is read from the broker. */
-    std::size_t maxHeldBytes = 67108864;
-    /** The broker users whose control messages are obeyed; everybody's when empty. */
-    std::vector<std::string> controlUsers;
-    LoopProbeSettings loopProbe;
-};
 
 /** What the client tells and asks the agent. The first two are called on the link's thread; none may block. */
 struct BrokerEvents
@@ -141,11 +124,6 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     RequestResult StopConsuming(const std::string& queue) override;
 
     RequestResult DeclareParking(const QueueSpec& queue);
-    QueueSpec OwnQueue(const std::string& name) const;
-    QueueSpec PlainQueue(const std::string& name, std::uint16_t prefetch) const;
-    /** A queue that copies are published to: the dead-letter queue or a parking queue. */
-    QueueSpec CopiesQueue(const std::string& name) const;
-    QueueSpec SingleConsumerQueue(const std::string& name, std::uint16_t prefetch) const;
     void ReconcileParking(const std::string& application);
     void OnHeld(std::size_t bytes);
     LoopProbeActions ProbeActions();

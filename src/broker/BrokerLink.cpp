@@ -430,6 +430,13 @@ RequestResult BrokerLink::Unbind(const Binding& binding, std::chrono::millisecon
     return m_impl->Call(Request(Kind::unbind, binding), deadline);
 }
 
+RequestResult BrokerLink::DeclareExchange(const ExchangeSpec& exchange, std::chrono::milliseconds deadline)
+{
+    const auto request = Request(Kind::declareExchange, std::string());
+    request->exchange = exchange;
+    return m_impl->Call(request, deadline);
+}
+
 RequestResult BrokerLink::DeclareQueue(const QueueSpec& queue, std::chrono::milliseconds deadline)
 {
     const auto request = Request(Kind::declareQueue, queue.name);

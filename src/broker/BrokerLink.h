@@ -263,6 +263,7 @@ class BrokerLink : public Publisher
     /** Topology requests. `deadline` counts from the call and spans reconnects: idempotent requests are repeated. */
     RequestResult Bind(const Binding& binding, std::chrono::milliseconds deadline);
     RequestResult Unbind(const Binding& binding, std::chrono::milliseconds deadline);
+    RequestResult DeclareExchange(const ExchangeSpec& exchange, std::chrono::milliseconds deadline);
     /** Declares the queue and, when its prefetch is not 0, consumes from it; ok when both are. */
     RequestResult DeclareQueue(const QueueSpec& queue, std::chrono::milliseconds deadline);
     /** Stops consuming from the queue; ok also when it was not consumed. What is unsettled stays to be settled. */

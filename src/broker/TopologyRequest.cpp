@@ -110,7 +110,7 @@ Outcome Classify(Kind kind, const RpcReply& reply)
 std::optional<RequestResult> AnswerWithoutBroker(const TopologyRequest& request)
 {
     const Binding& binding = request.binding;
-    if (CanBeSent(request.queue.name) && CanBeSent(binding.queue) && CanBeSent(binding.exchange) &&
+    if (CanBeSent(request.exchange.name) && CanBeSent(request.queue.name) && CanBeSent(binding.queue) && CanBeSent(binding.exchange) &&
         CanBeSent(binding.topic))
     {
         return std::nullopt;
