@@ -4,6 +4,7 @@ import json
 import os
 import subprocess
 
+from support.admin import Admin
 from support.paths import ROOT, program
 from support.plane import CONFIGURATION, PING
 from support.schema import configuration
@@ -131,6 +132,105 @@ def test_health(lonely_world):
     assert "not ready" in qelctl(agent, "health", status=1)
     agent.stop()
     assert "no agent answers" in qelctl(agent, "health", status=NO_AGENT)
+
+
+def doctor(agent, *options, status=0):
+    """What doctor finds, as {check: [line]}."""
+    done = subprocess.run([program("qelctl"), "doctor", "--config", agent.config_file, "--json", *options],
+                          capture_output=True, text=True, timeout=120, check=False)
+    assert done.returncode == status, done.stdout + done.stderr
+    found = {}
+    for line in map(json.loads, done.stdout.splitlines()):
+        assert (line["result"] == "OK") == (line["cure"] == "") or line["check"] == "configuration", line
+        found.setdefault(line["check"], []).append(line)
+    return found
+
+
+def results(found, check):
+    return {line["result"] for line in found[check]}
+
+
+def test_doctor_finds_nothing_wrong_with_a_sound_agent(world, tmp_path):
+    secret = tmp_path / "password"
+    secret.write_text("guest\n", encoding="ascii")
+    secret.chmod(0o600)
+    agent = world.agent({"broker": {"user": "guest", "password_file": secret}},
+                        urls=world.url.replace("guest:guest@", ""))
+    Admin(agent).wait_until_ready()
+    found = doctor(agent)
+    assert set(found) == {"configuration", "agent", "files", "directories", "sockets", "disk", "clock", "name",
+                          "connection", "login", "exchange", "queues", "rights"}
+    # Whether somebody keeps the clock and how much room there is are matters of the machine.
+    assert {line["result"] for check in set(found) - {"clock", "disk"} for line in found[check]} == {"OK"}
+    assert len(found["queues"]) == 3 and len(found["rights"]) == 2 and len(found["sockets"]) == 3
+    text = subprocess.run([program("qelctl"), "doctor", "--config", agent.config_file], capture_output=True, text=True,
+                          timeout=60, check=True).stdout
+    assert all(line.split()[0] in ("OK", "WARN", "FAIL") for line in text.splitlines())
+
+
+def test_doctor_without_an_agent_leaves_the_broker_as_it_was(world):
+    agent = world.agent(start=False)
+    found = doctor(agent)
+    assert results(found, "agent") == {"WARN"}
+    assert "sockets" not in found
+    assert {"is not there yet" in line["text"] for check in ("exchange", "queues") for line in found[check]} == {True}
+    assert agent.client_queue not in world.node.list_queues()
+
+
+def test_doctor_finds_what_is_wrong_on_the_host(world, tmp_path):
+    url, user = world.broker_user()
+    secret = tmp_path / "password"
+    secret.write_text("wrong\n", encoding="ascii")
+    secret.chmod(0o666)
+    agent = world.agent({"broker": {"user": user, "password_file": secret},
+                         "management": {"routing_key": f"plane.{user}"}},
+                        urls=[url, "amqp://nowhere.invalid:5672", "amqp://127.0.0.1:1"], start=False)
+    agent.runtime_directory.rmdir()
+    (agent.folder / "state").chmod(0o777)
+    found = doctor(agent, status=1)
+    assert [line["text"] for line in found["configuration"] if str(secret) in line["text"]]
+    assert any("everybody may write" in line["text"] for line in found["files"])
+    assert results(found, "directories") == {"FAIL", "WARN"}
+    [name] = [line for line in found["name"] if line["result"] == "FAIL"]
+    assert "nowhere.invalid has no address" in name["text"]
+    [connection] = [line for line in found["connection"] if line["result"] == "FAIL"]
+    assert "127.0.0.1 (Connection refused)" in connection["text"]
+    [login] = found["login"]
+    assert login["result"] == "FAIL" and "ACCESS_REFUSED" in login["text"] and "wrong" not in login["text"]
+
+    right = tmp_path / "right"
+    right.write_text("secret\n", encoding="ascii")
+    found = doctor(agent, "--password-file", right, status=1)
+    assert results(found, "login") == {"OK"}
+    [management] = found["management"]
+    assert management["result"] == "FAIL" and "NOT_FOUND" in management["text"]
+
+    (agent.folder / "state").rmdir()
+    agent.config_file.write_text("[agent]\nid = 5\n", encoding="ascii")
+    [found] = [line for line in doctor(agent, status=1)["configuration"] if "must be a text" in line["text"]]
+    assert f"{agent.config_file}:2:" in found["text"]
+
+
+def test_doctor_finds_what_is_wrong_on_the_broker(world):
+    url, user = world.broker_user()
+    agent, plane = world.agent(urls=url, start=False), world.plane()
+    plane.channel.exchange_declare(agent.exchange, "direct", durable=True)
+    plane.declare_queue(agent.client_queue, **{"x-queue-type": "classic"})
+    plane.declare_queue(agent.dead_letter_queue, **{"x-queue-type": "quorum"})
+    plane.publish("", agent.dead_letter_queue, b"nobody's")
+    found = doctor(agent, status=1)
+    [exchange] = found["exchange"]
+    assert exchange["result"] == "FAIL" and "PRECONDITION_FAILED" in exchange["text"]
+    [queue] = [line for line in found["queues"] if line["result"] == "FAIL"]
+    assert agent.client_queue in queue["text"] and "inequivalent arg" in queue["text"]
+    [dead] = [line for line in found["queues"] if line["result"] == "WARN"]
+    assert "1 message that nobody took" in dead["text"] and "dead-letters list" in dead["cure"]
+    assert plane.count(agent.dead_letter_queue) == 1
+
+    world.node.ctl("set_permissions", user, "^$", "^$", ".*")
+    found = doctor(agent, status=1)
+    assert {line["result"] for check in ("exchange", "rights") for line in found[check]} == {"FAIL"}
+    assert all("ACCESS_REFUSED" in line["text"] for line in found["rights"])
 
 
 def test_log_level(world):

@@ -286,6 +286,24 @@ def test_qelctl_names_files_that_cannot_be_used(world, pki):
     assert "--key-file" in alone.stderr
 
 
+def test_doctor_looks_at_the_certificates(world, pki, tmp_path):
+    holder = Holder(world, pki, "holder-doctor", start=False)
+    command = [program("qelctl"), "doctor", "--json", "--config", holder.agent.config_file]
+    refused = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
+    found = list(map(json.loads, refused.stdout.splitlines()))
+    assert refused.returncode == 1
+    [login] = [line for line in found if line["result"] == "FAIL"]
+    assert login["check"] == "login", "the broker knows no user of this name yet"
+    assert len([line for line in found if line["check"] == "TLS" and "is good until" in line["text"]]) == 3
+
+    add_user(world.node, "holder-doctor")
+    subprocess.run(command, capture_output=True, timeout=60, check=True)
+    replace(holder.ca, Authority(tmp_path / "other").file)
+    strange = subprocess.run([*command, "--timeout", "3"], capture_output=True, text=True, timeout=60, check=False)
+    [tls] = [line for line in map(json.loads, strange.stdout.splitlines()) if line["result"] == "FAIL"]
+    assert tls["check"] == "TLS" and "certificate" in tls["text"]
+
+
 def test_the_documented_example_works(lonely_world, tmp_path):
     text = (ROOT / "docs" / "configuration.md").read_text(encoding="utf-8")
     section = text[text.index("### TLS"):]

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <string>
+#include <utility>
 
 namespace CLI
 {
@@ -27,6 +28,9 @@ class AdminClient
     /** The status qelctl ends with when no agent answers. */
     static constexpr int NO_AGENT = 3;
 
+    /** @param runtimeDirectory the agent's */
+    explicit AdminClient(std::string runtimeDirectory = "/run/qel") : m_runtimeDirectory(std::move(runtimeDirectory)) {}
+
     /** Adds --runtime-directory to a verb; it lands in this object, which must outlive the command line. */
     void Register(CLI::App& verb);
 
@@ -42,7 +46,7 @@ class AdminClient
   private:
     std::string Socket() const { return m_runtimeDirectory + "/admin.sock"; }
 
-    std::string m_runtimeDirectory = "/run/qel";
+    std::string m_runtimeDirectory;
 };
 
 /** Text for a query: whatever has a meaning in URLs is escaped. */

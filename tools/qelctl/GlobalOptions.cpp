@@ -85,6 +85,16 @@ std::chrono::milliseconds GlobalOptions::Timeout() const
     return std::chrono::milliseconds(static_cast<std::int64_t>(timeoutSeconds * 1000));
 }
 
+std::optional<std::string> GlobalOptions::Password() const
+{
+    if (!passwordFile.empty())
+    {
+        return ReadPassword(passwordFile);
+    }
+    const char* const password = std::getenv("QEL_BROKER_PASSWORD");
+    return password == nullptr ? std::nullopt : std::optional<std::string>(password);
+}
+
 std::string GlobalOptions::User() const
 {
     if (brokerUrl.empty())
@@ -110,15 +120,7 @@ LinkSettings GlobalOptions::ToLinkSettings(const std::string& purpose) const
     CheckTls(tls);
     LinkSettings settings;
     settings.urls = {brokerUrl};
-    const char* password = std::getenv("QEL_BROKER_PASSWORD");
-    if (!passwordFile.empty())
-    {
-        settings.password = ReadPassword(passwordFile);
-    }
-    else if (password != nullptr)
-    {
-        settings.password = password;
-    }
+    settings.password = Password().value_or("");
     settings.tls = tls;
     settings.connectionName = "qelctl " + purpose + " (" + std::to_string(getpid()) + ")";
     settings.firstConnectDeadline = Timeout();

@@ -3,6 +3,7 @@
 #include "broker/BrokerLink.h"
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 namespace CLI
@@ -28,6 +29,9 @@ struct GlobalOptions
 
     /** Adds the options to the command line; they land in this object, which must outlive it. */
     void Register(CLI::App& root);
+
+    /** The password that file or environment give. @throws Failure when the file cannot be read. */
+    std::optional<std::string> Password() const;
 
     /** How long one step with the broker or the agent may take. */
     std::chrono::milliseconds Timeout() const;

@@ -3,6 +3,7 @@
 #include "ConfigureCommand.h"
 #include "DeadLettersCommand.h"
 #include "DiagnosticsCommand.h"
+#include "DoctorCommand.h"
 #include "ExplainCommand.h"
 #include "Failure.h"
 #include "HealthCommand.h"
@@ -74,6 +75,7 @@ int main(int argc, char** argv)
     commands.push_back(std::make_unique<RoutesCommand>());
     commands.push_back(std::make_unique<ExplainCommand>());
     commands.push_back(std::make_unique<HealthCommand>());
+    commands.push_back(std::make_unique<DoctorCommand>());
     commands.push_back(std::make_unique<LogLevelCommand>());
     commands.push_back(std::make_unique<DiagnosticsCommand>());
     commands.push_back(std::make_unique<PingCommand>());
