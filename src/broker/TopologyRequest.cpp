@@ -110,8 +110,8 @@ Outcome Classify(Kind kind, const RpcReply& reply)
 std::optional<RequestResult> AnswerWithoutBroker(const TopologyRequest& request)
 {
     const Binding& binding = request.binding;
-    if (CanBeSent(request.exchange.name) && CanBeSent(request.queue.name) && CanBeSent(binding.queue) && CanBeSent(binding.exchange) &&
-        CanBeSent(binding.topic))
+    if (CanBeSent(request.exchange.name) && CanBeSent(request.queue.name) && CanBeSent(binding.queue) &&
+        CanBeSent(binding.exchange) && CanBeSent(binding.topic))
     {
         return std::nullopt;
     }
