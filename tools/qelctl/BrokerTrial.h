@@ -47,7 +47,7 @@ class BrokerTrial : private LinkListener
     void OnDisconnected(const std::string&) override {}
     void OnConsumerCancelled(const std::string&) override {}
     void OnDelivery(IncomingMessage&&) override {}
-    void OnRefusedDelivery(const std::string&, const std::string&) override {}
+    void OnRefusedDelivery(IncomingMessage&&, const std::string&) override {}
     void OnGaveUp(const std::string& why) override { End(Login::failed, why); }
     void OnLoginRefused(const std::string& why) override { End(Login::refused, why); }
 
