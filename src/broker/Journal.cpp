@@ -16,6 +16,8 @@ namespace
 
 /** "qelj": tells our files from other SQLite databases. */
 constexpr int APPLICATION_ID = 0x71656c6a;
+/** What the schema below is called; to be counted up with it. */
+constexpr int NEWEST_VERSION = 1;
 
 const char* const SCHEMA = "PRAGMA journal_mode=WAL;"
                            "BEGIN IMMEDIATE;"
@@ -154,17 +156,26 @@ void Journal::Open()
     m_eraseLeaving = Prepare("DELETE FROM route WHERE kind = 2 AND name = ?1 AND queue = ?2 AND state = 2");
 }
 
-bool Journal::Check()
+int Journal::Ask(const char* pragma)
 {
-    const Statement identity = Prepare("PRAGMA application_id");
-    if (sqlite3_step(identity.get()) != SQLITE_ROW)
+    const Statement statement = Prepare(pragma);
+    if (sqlite3_step(statement.get()) != SQLITE_ROW)
     {
         throw JournalError(m_database.get());
     }
-    const int found = sqlite3_column_int(identity.get(), 0);
+    return sqlite3_column_int(statement.get(), 0);
+}
+
+bool Journal::Check()
+{
+    const int found = Ask("PRAGMA application_id");
     if (found != 0 && found != APPLICATION_ID)
     {
         throw JournalError("it is not a journal of qel", true);
+    }
+    if (Ask("PRAGMA user_version") > NEWEST_VERSION)
+    {
+        throw JournalError("a newer version of qel-agent has written it", true);
     }
     const Statement check = Prepare("PRAGMA quick_check(1)");
     if (sqlite3_step(check.get()) != SQLITE_ROW)

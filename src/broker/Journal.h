@@ -100,6 +100,8 @@ class Journal
     void Open();
     /** Whether the file is sound, by exception. @return whether it is empty yet. */
     bool Check();
+    /** The number that a pragma answers. */
+    int Ask(const char* pragma);
     Statement Prepare(const char* sql);
     void Execute(const char* sql);
     void Apply(const JournalChange& change);

@@ -3,6 +3,7 @@
 #include "fakes/LogCapture.h"
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <algorithm>
 #include <csignal>
@@ -209,6 +210,19 @@ TEST_F(JournalTest, AFileThatIsNotOursIsSetAside)
     Journal journal(file);
     EXPECT_FALSE(journal.IsDegraded());
     EXPECT_TRUE(std::filesystem::exists(file + ".corrupt"));
+}
+
+TEST_F(JournalTest, WhatANewerVersionWroteIsSetAside)
+{
+    EXPECT_TRUE(Journal(file).Write({{topic}}));
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw, "PRAGMA user_version=2", nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(raw);
+    const Fakes::LogCapture log(vtx::LevelWarning);
+    EXPECT_EQ(Journal(file).Load(), std::vector<RouteRecord>());
+    EXPECT_TRUE(std::filesystem::exists(file + ".corrupt"));
+    EXPECT_EQ(Count(log.Lines(), "a newer version of qel-agent has written it"), 1);
 }
 
 TEST_F(JournalTest, AFileThatCannotBeOpenedIsNotSetAside)
