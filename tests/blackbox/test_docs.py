@@ -24,6 +24,17 @@ def test_every_line_of_the_log_is_explained():
     assert explained_lines() == log_lines()
 
 
+def test_the_runbook_has_every_tag_and_every_alert():
+    runbook = (ROOT / "docs/operate.md").read_text(encoding="utf-8")
+    tags = {tag for tag, _ in explained_lines() if tag.isupper() or ":" in tag}
+    assert "WATCHDOG" in tags
+    assert [tag for tag in sorted(tags) if f"`{tag}`" not in runbook] == []
+    alerts = (ROOT / "docs/metrics.md").read_text(encoding="utf-8").split("## What is worth an alert")[1]
+    metrics = set(re.findall(r"\bqel_\w+", alerts))
+    assert "qel_ready" in metrics
+    assert [metric for metric in sorted(metrics) if f"`{metric}`" not in runbook] == []
+
+
 def test_links_between_pages_lead_somewhere():
     pages = [ROOT / "README.md", ROOT / "CONTRIBUTING.md", *(ROOT / "docs").glob("*.md")]
     links = [(page, target) for page in pages
