@@ -17,7 +17,7 @@ BackOff::Milliseconds BackOff::Next()
 
 void BackOff::Lasted(std::chrono::steady_clock::duration time)
 {
-    if (time >= std::min(10 * m_limit, HEALTHY))
+    if (time >= HEALTHY)
     {
         m_limit = FIRST;
         m_waits = 0;

@@ -24,15 +24,15 @@ class BackOff
     /** The wait before the next attempt. */
     Milliseconds Next();
     /**
-     * The attempt succeeded and lasted this long. When that is a minute, or ten times what there could have been to
-     * wait for it, the next wait is a first one.
+     * The attempt succeeded and lasted this long. When that is long enough, the next wait is a first one: the trouble
+     * that made the waits grow is over, and one that comes a minute later has to find another node soon.
      */
     void Lasted(std::chrono::steady_clock::duration time);
 
     static constexpr Milliseconds SHORTEST{500};
     static constexpr Milliseconds FIRST{1500};
     static constexpr Milliseconds LONGEST{30000};
-    static constexpr Milliseconds HEALTHY{60000};
+    static constexpr Milliseconds HEALTHY{15000};
 
   private:
     std::size_t m_addresses;
