@@ -61,12 +61,16 @@ def wait_until_silence_is_noticed(agent):
     return time.monotonic() - began
 
 
-def test_the_broker_hangs_under_load(battered_world):
-    agent = battered_world.agent(OPTIONS)
+# Two agents, one of them with nothing to do. Noticed after 5 to 7 s, that is 1.5 to 2 heartbeats and the pauses of a busy
+# machine; messages again 0.7 s after the end.
+def test_the_broker_hangs_under_load_and_idle(battered_world):
+    agent, idle = battered_world.agent(OPTIONS), battered_world.agent(OPTIONS)
     with Load(battered_world, agent, "alpha", rate=200) as load:
         with stopped(battered_world.node.pid):
             noticed = wait_until_silence_is_noticed(agent)
+            wait_until_silence_is_noticed(idle)
         back = time.monotonic()
+        battered_world.plane().ping(idle, patience=60)
         load.wait_for_flow()
         flowing = time.monotonic() - back
         result = load.finish()
