@@ -144,7 +144,7 @@ class Wishes : public LinkListener
             m_requests->Submit(*m_link, Requests::Kind::releaseQueue, "jobs");
             break;
         case 'm':
-            m_link->MoveTo(1 - m_link->UrlIndex());
+            m_link->GoTo(1 - m_link->UrlIndex());
             break;
         case 'p':
             m_link->PauseReading(true);

@@ -70,6 +70,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     AmqpConnection(boost::asio::io_context& io, AmqpConnectionOptions options, AmqpConnectionHandler& handler);
 
     void Open();
+    /** Tells another handler from now on, or nobody. */
+    void SetHandler(AmqpConnectionHandler* handler) { m_handler = handler; }
     bool IsOpen() const { return m_state == State::open; }
     /** The heartbeat agreed on; 0 is none. */
     std::chrono::seconds Heartbeat() const { return m_heartbeat; }

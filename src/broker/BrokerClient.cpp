@@ -113,8 +113,15 @@ bool BrokerClient::SendPingReply(
         return false;
     }
     auto answered = std::make_shared<std::promise<PublishResult>>();
-    m_link.Publish(
-        std::move(reply), [answered](PublishResult result, const std::string&) { answered->set_value(result); });
+    auto done = [answered](PublishResult result, const std::string&) { answered->set_value(result); };
+    if (const BrokerMessage* ping = Lanes::InHand())
+    {
+        m_link.PublishBack(ping->Incoming(), std::move(reply), std::move(done));
+    }
+    else
+    {
+        m_link.Publish(std::move(reply), std::move(done));
+    }
     return answered->get_future().get() == PublishResult::confirmed;
 }
 
@@ -198,6 +205,21 @@ void BrokerClient::OnDisconnected(const std::string& why)
     m_refusedItems.clear();
     m_unrestored = 0;
     m_events.disconnected();
+}
+
+void BrokerClient::OnMoved()
+{
+    m_probe.Pause();
+    m_refusedItems.clear();
+    m_unrestored = 0;
+}
+
+void BrokerClient::OnLeft(std::size_t unsettled)
+{
+    if (unsettled > 0)
+    {
+        m_events.withdrawn();
+    }
 }
 
 void BrokerClient::OnConsumerCancelled(const std::string&)

@@ -36,7 +36,7 @@ struct BrokerEvents
 {
     /** The connection is gone: what was delivered by it comes again. */
     std::function<void()> disconnected;
-    /** The broker ended a consumer: what came by it may come again. */
+    /** The broker ended a consumer, or a connection that a move had left: what came by it may come again. */
     std::function<void()> withdrawn;
     /** Connected, consuming and every route restored. */
     std::function<void()> restored;
@@ -78,7 +78,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     Topology& Routes() { return m_topology; }
     Publisher& Publishing() { return m_link; }
     Settlement& Settling() { return m_settlement; }
-    /** Connects to the URL of this index instead of the present one. */
+    /** Moves to the URL of this index, or stays when that cannot be. */
     void MoveTo(std::size_t urlIndex) { m_link.MoveTo(urlIndex); }
     void ReloadTls(const TlsFiles& files) { m_link.ReloadTls(files); }
     LinkStatus Status() const { return m_link.Status(); }
@@ -113,6 +113,8 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     void OnRestored() override;
     void OnRestoreFailed(const std::string& what, const RequestResult& result) override;
     void OnDisconnected(const std::string& why) override;
+    void OnMoved() override;
+    void OnLeft(std::size_t unsettled) override;
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
     void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;

@@ -2,6 +2,7 @@
 
 #include "broker/ConnectionSource.h"
 #include "broker/ConsumeLink.h"
+#include "broker/FrontEndMove.h"
 #include "broker/LinkState.h"
 #include "broker/PublishLink.h"
 #include "broker/TopologyRequest.h"
@@ -18,6 +19,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 #include <pthread.h>
@@ -73,11 +75,12 @@ class BrokerLink::Impl
     RequestResult Call(
         const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, QueueCounts* counts = nullptr);
     void Settle(const DeliveryTag& tag, SettleAs as);
-    void Publish(OutgoingMessage message, PublishCompletion done);
+    /** The delivery that is answered, if it is an answer. */
+    using Origin = std::optional<DeliveryTag>;
+    void Publish(const Origin& origin, OutgoingMessage message, PublishCompletion done);
     /** Runs the task on the I/O thread; when that is not there, not at all: false. */
     bool Post(std::function<void()> task);
-    void MoveTo(std::size_t urlIndex);
-
+    FrontEndMove& Moving() { return *m_move; }
     ConsumeLink& Consuming() { return *m_consume; }
     ConnectionSource& Source() { return *m_source; }
     LinkStatus Status() const { return m_state.Get(); }
@@ -98,6 +101,7 @@ class BrokerLink::Impl
     };
     struct NewPublication
     {
+        Origin origin;
         OutgoingMessage message;
         PublishCompletion done;
         Clock::time_point deadline;
@@ -125,6 +129,7 @@ class BrokerLink::Impl
     std::unique_ptr<ConnectionSource> m_source;
     std::unique_ptr<ConsumeLink> m_consume;
     std::unique_ptr<PublishLink> m_publish;
+    std::unique_ptr<FrontEndMove> m_move;
     boost::thread m_thread;
     int m_openLinks = 2;
     bool m_closing = false;
@@ -151,6 +156,9 @@ void BrokerLink::Impl::Start()
     m_publish->SetPreferredUrl([this] { return m_consume->UrlIndex(); });
     m_consume->SetCollector([this] { CollectSettlements(); });
     m_consume->SetOnOpen([this] { m_publish->Hurry(); });
+    m_move = std::make_unique<FrontEndMove>(
+        m_io, *m_source, m_listener, m_state,
+        FrontEndMove::Links{*m_consume, *m_publish, [this](std::size_t bytes) { OnPublicationEnded(bytes); }});
     asio::post(m_io, [this] { m_consume->Start(); });
     {
         const std::lock_guard lock(m_mutex);
@@ -289,7 +297,7 @@ void BrokerLink::Impl::OnPublicationEnded(std::size_t bytes)
     m_unconfirmedBytes.fetch_sub(bytes);
 }
 
-void BrokerLink::Impl::Publish(OutgoingMessage message, PublishCompletion done)
+void BrokerLink::Impl::Publish(const Origin& origin, OutgoingMessage message, PublishCompletion done)
 {
     const bool overloaded = !HasRoom(PublishLink::SizeOf(message));
     const auto deadline = Clock::now() + message.deadline;
@@ -301,7 +309,7 @@ void BrokerLink::Impl::Publish(OutgoingMessage message, PublishCompletion done)
         const std::lock_guard lock(m_mutex);
         if (m_running)
         {
-            m_publications.push_back({std::move(message), std::move(done), deadline, overloaded});
+            m_publications.push_back({origin, std::move(message), std::move(done), deadline, overloaded});
             if (m_publications.size() == 1)
             {
                 asio::post(m_io, [this] { DrainPublications(); });
@@ -332,19 +340,9 @@ void BrokerLink::Impl::DrainPublications()
         }
         else
         {
-            m_publish->Publish(std::move(each.message), std::move(each.done), each.deadline);
+            m_move->PublisherFor(each.origin).Publish(std::move(each.message), std::move(each.done), each.deadline);
         }
     }
-}
-
-void BrokerLink::Impl::MoveTo(std::size_t urlIndex)
-{
-    Post(
-        [this, urlIndex]
-        {
-            m_consume->MoveTo(urlIndex);
-            m_publish->Move();
-        });
 }
 
 void BrokerLink::Impl::Stop(Milliseconds budget)
@@ -360,6 +358,7 @@ void BrokerLink::Impl::Stop(Milliseconds budget)
 /** Waits for what is on its way at most for the budget, then closes both connections. */
 void BrokerLink::Impl::Close(Milliseconds budget)
 {
+    m_move->Stop();
     m_consume->FlushSettlements();
     DrainPublications();
     CloseAfter(budget);
@@ -386,6 +385,7 @@ void BrokerLink::Impl::CloseBoth()
         return;
     }
     DrainPublications();
+    m_move->Close();
     const auto closed = [this]
     {
         if (--m_openLinks == 0)
@@ -412,7 +412,12 @@ void BrokerLink::Start()
 
 void BrokerLink::StopConsuming()
 {
-    m_impl->Post([this] { m_impl->Consuming().StopConsuming(); });
+    m_impl->Post(
+        [this]
+        {
+            m_impl->Consuming().StopConsuming();
+            m_impl->Moving().Stop();
+        });
 }
 
 void BrokerLink::Stop(std::chrono::milliseconds budget)
@@ -467,7 +472,12 @@ void BrokerLink::Settle(const DeliveryTag& tag, SettleAs as)
 
 void BrokerLink::Publish(OutgoingMessage message, PublishCompletion completion)
 {
-    m_impl->Publish(std::move(message), std::move(completion));
+    m_impl->Publish(std::nullopt, std::move(message), std::move(completion));
+}
+
+void BrokerLink::PublishBack(const IncomingMessage& to, OutgoingMessage message, PublishCompletion completion)
+{
+    m_impl->Publish(to.tag, std::move(message), std::move(completion));
 }
 
 void BrokerLink::PauseReading(bool paused)
@@ -477,7 +487,7 @@ void BrokerLink::PauseReading(bool paused)
 
 void BrokerLink::MoveTo(std::size_t urlIndex)
 {
-    m_impl->MoveTo(urlIndex);
+    m_impl->Post([this, urlIndex] { m_impl->Moving().Begin(urlIndex); });
 }
 
 void BrokerLink::ReloadTls(const TlsFiles& files)

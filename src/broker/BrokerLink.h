@@ -51,6 +51,8 @@ struct LinkSettings
      * is tried for a first and a second time.
      */
     std::chrono::milliseconds ownQueuePatience{2500};
+    /** How long the connection that was left in a move may live for its deliveries to be settled. */
+    std::chrono::milliseconds drainPatience{20000};
 };
 
 /** An exchange to declare. */
@@ -178,6 +180,10 @@ struct LinkStatus
     std::array<std::uint64_t, END_CAUSE_COUNT> reconnectsBy{};
     std::uint64_t reconnects = 0;
     std::string lastError;
+    /** Moves to another front end that were asked for and carried out or given up, and why the last one was. */
+    std::uint64_t moves = 0;
+    std::uint64_t failedMoves = 0;
+    std::string lastMoveError;
     /** Of TLS connections: when what they use expires. */
     CertificateExpiry certificates;
 };
@@ -191,8 +197,8 @@ class LinkListener
     virtual ~LinkListener() = default;
 
     /**
-     * What has to exist, asked for on every connection that was just opened, and again when somebody deleted a queue
-     * of ours, whose bindings went with it.
+     * What has to exist, asked for on every connection that was just opened, now and then while a move is prepared, and
+     * when somebody deleted a queue of ours, whose bindings went with it.
      */
     virtual DesiredTopology OnConnected() = 0;
     /**
@@ -205,8 +211,15 @@ class LinkListener
      * that the broker refuses.
      */
     virtual void OnRestoreFailed(const std::string& what, const RequestResult& result) = 0;
-    /** The connection ended; every delivery tag is void. */
+    /** The connection ended; everything that came by it comes again. */
     virtual void OnDisconnected(const std::string& why) = 0;
+    /**
+     * From now on we are connected to another front end, as somebody asked with MoveTo(). OnRestored() follows when it
+     * is consumed from; what the one before had delivered can still be settled.
+     */
+    virtual void OnMoved() {}
+    /** The connection to the front end before is closed. @param unsettled deliveries of it that come again there */
+    virtual void OnLeft(std::size_t /*unsettled*/) {}
     /**
      * The broker cancelled our consumer (its queue was deleted) or closed its channel (deliveries that are not settled
      * come again); the queue is declared and consumed again with back-off.
@@ -233,8 +246,8 @@ class LinkListener
  *
  * It owns one I/O thread and two AMQP connections: one consumes, settles and carries topology requests, the other is
  * opened at the first publish and publishes with confirms (a broker alarm stops the reading of a connection that has
- * published, so they must not be one). A lost connection is made again, with full-jitter back-off, for ever, and the
- * listener's desired topology restored on it.
+ * published, so they must not be one). During a move there are some to both front ends. A lost connection is made
+ * again, with full-jitter back-off, for ever, and the listener's desired topology restored on it.
  *
  * Every operation may be called from any thread; the synchronous requests from any but the I/O thread. Requests made
  * while disconnected wait for the connection within their deadline.
@@ -280,11 +293,17 @@ class BrokerLink : public Publisher
     void Settle(const DeliveryTag& tag, SettleAs as);
 
     void Publish(OutgoingMessage message, PublishCompletion completion) override;
+    /** Publishes where the delivery came from, which is the front end before during the end of a move. */
+    void PublishBack(const IncomingMessage& to, OutgoingMessage message, PublishCompletion completion);
 
     /** Stops (or goes on) reading deliveries from the socket: the bound on memory when too many bytes are held. */
     void PauseReading(bool paused);
 
-    /** Leaves the current broker and connects to the URL of this index instead. Does not wait. */
+    /**
+     * Moves to the URL of this index, make before break: connects and makes everything there, then stops consuming
+     * here, consumes there, and closes the connection here when its deliveries are settled. When that cannot be done,
+     * everything stays as it was. One move at a time; another one is not begun meanwhile. Does not wait.
+     */
     void MoveTo(std::size_t urlIndex);
 
     /** Leaves the connection for a new one, because of what is said. Does not wait. */

@@ -17,7 +17,7 @@ using Milliseconds = std::chrono::milliseconds;
 namespace
 {
 
-constexpr std::uint16_t RPC_CHANNEL = 1;
+constexpr std::uint16_t RPC_CHANNEL = MoveTrial::RPC_CHANNEL;
 constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
@@ -27,8 +27,7 @@ constexpr unsigned MOST_RENEWALS = 2;
 constexpr Milliseconds OWED{1000};
 /** How often to look during the patience with a broker that is silent. */
 constexpr int SILENT_LOOKS = 5;
-/** In this time a quorum queue has worked off the acknowledgements that it got. */
-constexpr Milliseconds WORKED_OFF{1000};
+constexpr Milliseconds WORKED_OFF = LeavingConnection::WORKED_OFF;
 
 Milliseconds Doubled(Milliseconds first, unsigned times, Milliseconds cap)
 {
@@ -128,17 +127,32 @@ void ConsumeLink::OnOpen()
         });
     m_everOpen = true;
     QEL_LOG(vtx::LevelStatus, "Connected to the broker %s", m_source.Url(m_urlIndex).Printable().c_str());
-    m_connection->PauseReading(m_paused);
     m_rpc = std::make_unique<RpcChannel>(*m_connection, RPC_CHANNEL);
+    MakeConsumers();
+    m_onOpen();
+    Restore(m_listener.OnConnected());
+}
+
+void ConsumeLink::MakeConsumers()
+{
     m_consumers = std::make_unique<Consumers>(
         *m_connection, static_cast<std::uint16_t>(RPC_CHANNEL + 1),
         Consumers::Context{
-            m_listener, m_generation, [this](const std::string& queue, bool deleted, const std::string& why) {
-                OnConsumerLost(queue, deleted, why);
+            m_listener, m_generation,
+            [this, connection = m_connection.get()](const std::string& queue, bool deleted, const std::string& why)
+            {
+                // The connection that was left has none to lose.
+                if (connection == m_connection.get())
+                {
+                    OnConsumerLost(queue, deleted, why);
+                }
             }});
     m_echo = std::make_unique<Echo>(*m_connection, m_connection->ChannelMax());
-    m_onOpen();
-    DesiredTopology desired = m_listener.OnConnected();
+}
+
+void ConsumeLink::Restore(DesiredTopology desired)
+{
+    m_connection->PauseReading(m_paused);
     m_restoration.Begin(desired);
     m_base = DesiredTopology{std::move(desired.exchanges), std::move(desired.ownQueues), {}, {}};
     WatchRestoration();
@@ -240,7 +254,6 @@ void ConsumeLink::OnClosed(const std::string& why)
     const auto rpc = std::exchange(m_rpc, nullptr);
     const auto consumers = std::exchange(m_consumers, nullptr);
     const auto echo = std::exchange(m_echo, nullptr);
-    ++m_connectionNumber;
     m_lastError = why;
     m_state.Update(
         [&](LinkStatus& status)
@@ -255,12 +268,7 @@ void ConsumeLink::OnClosed(const std::string& why)
         rpc->Fail(why);
         consumers->Fail(why);
     }
-    m_restoration.Abandon();
-    m_restored = Restored::no;
-    std::erase_if(m_heldBack, [](const auto& held) { return held.second->restoring; });
-    m_recoveries.clear();
-    m_recovering.clear();
-    m_closingDrained = false;
+    ForgetRestoration();
     if (rpc)
     {
         const std::string url = m_source.Url(m_urlIndex).Printable();
@@ -294,16 +302,34 @@ void ConsumeLink::OnClosed(const std::string& why)
     {
         Connect();
     }
-    else
+    else if (!ReturnOrGoOn())
     {
-        m_urlIndex = (m_urlIndex + 1) % m_source.UrlCount();
-        ConnectLater();
+        ConnectElsewhere();
     }
 }
 
-void ConsumeLink::MoveTo(std::size_t urlIndex)
+void ConsumeLink::ConnectElsewhere()
 {
-    if (m_stopping || m_gaveUp || urlIndex >= m_source.UrlCount())
+    m_urlIndex = (m_urlIndex + 1) % m_source.UrlCount();
+    ConnectLater();
+}
+
+/** What was being made on the connection is to be made anew on the next one. */
+void ConsumeLink::ForgetRestoration()
+{
+    ++m_connectionNumber;
+    m_restoration.Abandon();
+    m_restored = Restored::no;
+    std::erase_if(m_heldBack, [](const auto& held) { return held.second->restoring; });
+    m_recoveries.clear();
+    m_recovering.clear();
+    m_closingDrained = false;
+    m_lacking.clear();
+}
+
+void ConsumeLink::GoTo(std::size_t urlIndex)
+{
+    if (m_stopping || m_gaveUp)
     {
         return;
     }
@@ -328,6 +354,11 @@ void ConsumeLink::Stop(std::function<void()> stopped)
     m_connectTimer.cancel();
     m_firstDeadline.cancel();
     m_silent.Stop();
+    if (m_leaving)
+    {
+        m_leaving->Flush();
+        m_leaving->Close();
+    }
     for (const Request& request : std::set<Request>(m_requests))
     {
         Complete(request, {Answer::unanswered, 0, "the connection to the broker is being closed"});
@@ -364,15 +395,25 @@ void ConsumeLink::Abort()
 
 void ConsumeLink::Settle(const DeliveryTag& tag, SettleAs as)
 {
-    if (m_consumers)
+    const bool ours = m_consumers && m_consumers->Settle(tag, as);
+    if (!ours && m_leaving)
     {
-        m_consumers->Settle(tag, as);
+        m_leaving->Settle(tag, as);
     }
+}
+
+bool ConsumeLink::IsStarving() const
+{
+    return (m_consumers && m_consumers->IsStarving()) || (m_leaving && m_leaving->IsStarving());
 }
 
 void ConsumeLink::FlushSettlements()
 {
     m_collect();
+    if (m_leaving)
+    {
+        m_leaving->Flush();
+    }
     if (m_consumers)
     {
         m_consumers->Flush();
@@ -403,14 +444,15 @@ void ConsumeLink::StopConsuming()
     m_consumed.clear();
     if (m_consumers)
     {
-        m_consumers->CancelAll();
+        m_consumers->CancelAll([] {});
     }
 }
 
 void ConsumeLink::PauseReading(bool paused)
 {
     m_paused = paused;
-    if (m_rpc)
+    // While quiescing what the broker answers is waited for.
+    if (m_rpc && m_move != Move::quiescing)
     {
         m_connection->PauseReading(paused);
     }
@@ -452,7 +494,7 @@ void ConsumeLink::Submit(Request request)
         });
     request->timer = std::move(timer);
     m_requests.insert(request);
-    if (request->kind == Kind::cancelQueue || request->kind == Kind::releaseQueue)
+    if ((request->kind == Kind::cancelQueue || request->kind == Kind::releaseQueue) && m_move != Move::quiescing)
     {
         StopQueue(request);
         return;
@@ -473,7 +515,7 @@ void ConsumeLink::Complete(const Request& request, const RequestResult& result, 
 
 void ConsumeLink::Pump()
 {
-    if (m_pumping || !m_rpc)
+    if (m_pumping || !m_rpc || m_move == Move::quiescing)
     {
         return;
     }
@@ -516,9 +558,8 @@ void ConsumeLink::CheckRestored()
     }
     m_restored = now;
     m_state.Update([&](LinkStatus& status) { status.restored = now == Restored::wholly; });
-    QEL_LOG(
-        vtx::LevelStatus, "Queues and bindings on the broker are in place%s",
-        now == Restored::wholly ? "" : " but for applications' queues that it cannot provide yet");
+    const std::string but = now == Restored::wholly ? "" : " but for applications' queues that it cannot provide yet";
+    QEL_LOG(vtx::LevelStatus, "Queues and bindings on the broker are in place%s", (but + PauseText()).c_str());
     m_listener.OnRestored();
 }
 
@@ -533,10 +574,17 @@ void ConsumeLink::Execute(const Request& request)
     case Kind::releaseQueue:
         StopQueue(request);
         return;
+    case Kind::bind:
+        m_unboundWhileMoving.erase(request->binding);
+        break;
     case Kind::unbind:
         if (!m_restoration.IsComplete())
         {
             m_restoration.GiveUp(request->binding);
+        }
+        if (m_move != Move::none)
+        {
+            m_unboundWhileMoving.insert(request->binding);
         }
         break;
     default:
@@ -560,9 +608,15 @@ void ConsumeLink::DeclareQueue(const Request& request)
             if (!reply.ok || request->queue.prefetch == 0 || !m_consuming || !wanted)
             {
                 OnReply(request, reply);
-                return;
             }
-            Consume(request);
+            else if (m_move == Move::quiescing)
+            {
+                PutOff(request);
+            }
+            else
+            {
+                Consume(request);
+            }
         }));
 }
 
@@ -713,7 +767,13 @@ void ConsumeLink::StopQueue(const Request& request)
     }
     else
     {
-        m_consumers->Release(queue, done);
+        // Told when both have given everything back.
+        const std::shared_ptr<void> last(nullptr, [done](void*) { done({}); });
+        m_consumers->Release(queue, [last](const RpcReply&) {});
+        if (m_leaving)
+        {
+            m_leaving->Release(queue, [last](const RpcReply&) {});
+        }
     }
 }
 
@@ -790,6 +850,10 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
     ++m_restoreReplies;
     if (outcome == Outcome::ok)
     {
+        if (!m_lacking.empty())
+        {
+            m_lacking.erase(request->ToString());
+        }
         m_restoration.Finished();
         if (const auto done = std::exchange(request->done, nullptr))
         {
@@ -800,6 +864,7 @@ void ConsumeLink::OnRestoreReply(const Request& request, const RpcReply& reply, 
     }
     const bool refused = outcome == Outcome::refused;
     const bool base = request->kind == Kind::declareExchange || m_restoration.IsOwnQueue(request->queue.name);
+    m_lacking.insert(request->ToString());
     m_listener.OnRestoreFailed(
         request->ToString(), {refused ? Answer::refused : Answer::unanswered, reply.code, reply.text});
     if (refused && !base)

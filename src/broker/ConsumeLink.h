@@ -6,7 +6,9 @@
 #include "broker/ConnectionSource.h"
 #include "broker/Consumers.h"
 #include "broker/Echo.h"
+#include "broker/LeavingConnection.h"
 #include "broker/LinkState.h"
+#include "broker/MoveTrial.h"
 #include "broker/Restoration.h"
 #include "broker/RpcChannel.h"
 #include "broker/SilentQueues.h"
@@ -20,6 +22,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -28,7 +31,8 @@ namespace VtxQel
 
 /**
  * ConsumeLink keeps the consuming connection: it connects again whenever it is lost, restores the desired topology, and
- * carries out requests, across connections if need be. Lives on the I/O thread.
+ * carries out requests, across connections if need be. In a move it goes over to a connection that somebody else has
+ * prepared, and lets the one before settle what it had delivered. Lives on the I/O thread.
  */
 class ConsumeLink : private AmqpConnectionHandler
 {
@@ -48,11 +52,38 @@ class ConsumeLink : private AmqpConnectionHandler
     void Settle(const DeliveryTag& tag, SettleAs as);
     void FlushSettlements();
     /** Whether the broker sends no more until settlements are flushed. */
-    bool IsStarving() const { return m_consumers && m_consumers->IsStarving(); }
+    bool IsStarving() const;
     void StopConsuming();
     void PauseReading(bool paused);
-    void MoveTo(std::size_t urlIndex);
+    /** Leaves the connection, if any, and connects to the URL of this index. */
+    void GoTo(std::size_t urlIndex);
     std::size_t UrlIndex() const { return m_urlIndex; }
+
+    /** What a move that is under way has to be told. */
+    struct MoveEvents
+    {
+        /** The connection is lost and will be made again: the move is off. */
+        std::function<void()> lost;
+        /** The connection that a move had made is lost, and the one that it had left is in use again. */
+        std::function<void()> returned;
+        /** The connection that a move had left is closed. */
+        std::function<void()> left;
+    };
+    void SetMoveEvents(MoveEvents events) { m_moveEvents = std::move(events); }
+    /** Whether the own queues are consumed or about to be, so that something would be lost by going away at once. */
+    bool IsServing() const { return m_rpc && m_restoration.IsBaseReady(); }
+    /** What the broker refuses or cannot provide for the time being: TopologyRequest::ToString(). */
+    const std::set<std::string>& Lacking() const { return m_lacking; }
+    /** Moving begins: another connection is being prepared. */
+    void BeginMove();
+    /** Stops consuming and holds requests back. @param quiet told when nothing comes any more */
+    void Quiesce(std::function<void()> quiet);
+    /** The move is off: goes on as before. */
+    void CancelMove();
+    /** Goes over to a connection where everything but the consumers is in place; the present one is drained. */
+    void SwitchTo(std::size_t urlIndex, MoveTrial::Result& made);
+    /** The connection that the last move has left, until it is drained. */
+    const LeavingConnection* Leaving() const { return m_leaving.get(); }
 
     /** Makes no more connections, answers every request, and closes the connection in order. */
     void Stop(std::function<void()> stopped);
@@ -72,6 +103,17 @@ class ConsumeLink : private AmqpConnectionHandler
 
     void Connect();
     void ConnectLater();
+    void ConnectElsewhere();
+    void MakeConsumers();
+    void Restore(DesiredTopology desired);
+    void ForgetRestoration();
+    bool ReturnOrGoOn();
+    void Leave();
+    void OnLeft(std::size_t unsettled);
+    void Quiet();
+    void PutOff(const Request& request);
+    void UnbindAgain();
+    std::string PauseText();
     void WatchRestoration();
     void WatchBase(int silentLooks);
     void GiveUp();
@@ -131,6 +173,21 @@ class ConsumeLink : private AmqpConnectionHandler
     bool m_paused = false;
     std::function<void()> m_stopped;
 
+    enum class Move
+    {
+        none,
+        preparing,
+        quiescing
+    };
+    Move m_move = Move::none;
+    MoveEvents m_moveEvents;
+    std::function<void()> m_quiet;
+    /** Since when nothing is consumed because of a move. */
+    std::optional<std::chrono::steady_clock::time_point> m_quiescedAt;
+    /** What the other front end may have been given already. */
+    std::set<Binding> m_unboundWhileMoving;
+    std::shared_ptr<LeavingConnection> m_leaving;
+
     DesiredTopology m_base;
     Restoration m_restoration;
     /** What the listener was told. */
@@ -159,6 +216,8 @@ class ConsumeLink : private AmqpConnectionHandler
     /** Queues whose consumer was lost and is not being made again yet. */
     std::set<std::string> m_recovering;
     bool m_closingDrained = false;
+    /** What could not be restored on this connection. */
+    std::set<std::string> m_lacking;
     SilentQueues m_silent;
     /** What waits for the broker to answer for a silent queue. */
     std::multimap<std::string, Request> m_heldBack;

@@ -60,11 +60,13 @@ void Consumers::Cancel(const std::string& queue, Done done)
     channel.Cancel(std::move(done));
 }
 
-void Consumers::CancelAll()
+void Consumers::CancelAll(std::function<void()> done)
 {
+    // Told when the last one is cancelled.
+    const std::shared_ptr<void> last(nullptr, [done = std::move(done)](void*) { done(); });
     while (!m_byQueue.empty())
     {
-        Cancel(std::string(m_byQueue.begin()->first), [](const RpcReply&) {});
+        Cancel(std::string(m_byQueue.begin()->first), [last](const RpcReply&) {});
     }
 }
 
@@ -106,19 +108,20 @@ void Consumers::Release(const std::string& queue, Done done)
     }
 }
 
-void Consumers::Settle(const DeliveryTag& tag, SettleAs as)
+bool Consumers::Settle(const DeliveryTag& tag, SettleAs as)
 {
     if (m_lastSettled == nullptr || m_lastSettled->Generation() != tag.generation)
     {
         const auto found = m_byGeneration.find(tag.generation);
         if (found == m_byGeneration.end())
         {
-            return;
+            return false;
         }
         m_lastSettled = found->second;
         m_toFlush.insert(m_lastSettled);
     }
     m_lastSettled->Settle(tag.tag, as);
+    return true;
 }
 
 bool Consumers::IsStarving() const
@@ -247,6 +250,32 @@ void Consumers::OnContent(std::uint16_t channel, AmqpContent&& content)
     else
     {
         m_context.listener.OnRefusedDelivery(std::move(message), content.refused);
+    }
+}
+
+void Consumers::EndDeliveries()
+{
+    for (const auto& [number, channel] : m_channels)
+    {
+        channel->EndDeliveries();
+    }
+}
+
+std::size_t Consumers::Unsettled() const
+{
+    std::size_t unsettled = 0;
+    for (const auto& [number, channel] : m_channels)
+    {
+        unsettled += channel->Unsettled();
+    }
+    return unsettled;
+}
+
+void Consumers::ForgetStarts(const std::string& why)
+{
+    for (const auto& [number, channel] : m_channels)
+    {
+        channel->ForgetStart(why);
     }
 }
 

@@ -45,11 +45,13 @@ class Consumers
     void Start(const QueueSpec& queue, Done done);
     void Cancel(const std::string& queue, Done done);
     void Release(const std::string& queue, Done done);
-    void CancelAll();
+    /** @param done told when nothing is delivered any more */
+    void CancelAll(std::function<void()> done);
     /** The queues whose consumption the broker has not answered yet. */
     std::vector<std::string> Starting() const;
 
-    void Settle(const DeliveryTag& tag, SettleAs as);
+    /** @return whether the channel that delivered it is one of these */
+    bool Settle(const DeliveryTag& tag, SettleAs as);
     /** Whether a channel waits for its settlements to be sent. */
     bool IsStarving() const;
     /** Sends all settlements. */
@@ -64,6 +66,14 @@ class Consumers
     /** @throws RmqConnectionException for a channel that is not known */
     void OnMethod(std::uint16_t channel, const amqp_method_t& method);
     void OnContent(std::uint16_t channel, AmqpContent&& content);
+    /** Whether one of these channels has delivered it. */
+    bool HasDelivered(const DeliveryTag& tag) const { return m_byGeneration.count(tag.generation) > 0; }
+    /** What is unsettled is as good as with the broker. */
+    void EndDeliveries();
+    /** How many deliveries have not been settled. */
+    std::size_t Unsettled() const;
+    /** Whoever waits for a consumer to start hears that it does not. */
+    void ForgetStarts(const std::string& why);
     /** The connection ended. */
     void Fail(const std::string& why);
 

@@ -50,12 +50,15 @@ class DeliveryChannel
     const std::string& Queue() const { return m_queue; }
     /** Over when what came by the channel and is unsettled is with the broker again. */
     std::shared_ptr<const DeliverySource> Source() const { return m_source; }
+    void EndDeliveries() { m_source->End(); }
     std::uint64_t Generation() const { return m_generation; }
     State GetState() const { return m_state; }
     std::size_t Unsettled() const { return m_tags.Unsettled(); }
 
     /** Adds somebody who wants to hear how the start went; at once when it is over. */
     void WhenStarted(Done done);
+    /** Whoever waits for the start hears that there is none. */
+    void ForgetStart(const std::string& why) { Tell(m_started, {false, 0, why, 0}); }
     void Cancel(Done done);
     void Release(Done done);
 

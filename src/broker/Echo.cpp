@@ -17,6 +17,12 @@ void Echo::Ask(std::function<void()> heard)
     }
 }
 
+void Echo::Forget()
+{
+    m_asked.clear();
+    m_waiting.clear();
+}
+
 void Echo::Open()
 {
     m_busy = true;

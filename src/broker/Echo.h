@@ -25,6 +25,8 @@ class Echo
     std::uint16_t Channel() const { return m_channel; }
     /** Calls back when the echo of a question that is asked now, or later, has come. May then end the connection. */
     void Ask(std::function<void()> heard);
+    /** Nobody is called back any more; what comes is still taken. */
+    void Forget();
     /** @throws RmqConnectionException for what nobody asked for */
     void OnMethod(const amqp_method_t& method);
 

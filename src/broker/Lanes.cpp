@@ -28,6 +28,9 @@ std::chrono::seconds DelayAfter(std::uint32_t failures)
     return std::min(LONGEST_DELAY, std::chrono::seconds(1U << std::min(failures - 1, 6U)));
 }
 
+/** The message that this thread is handling. */
+thread_local const BrokerMessage* inHand = nullptr;
+
 /** What a dead letter says of a message that its handler refused. */
 std::string RefusalOf(const BrokerMessage& message)
 {
@@ -142,7 +145,9 @@ void Lanes::Run(Lane& lane, bool keepOrder)
         while (!batch.empty() && !lane.stopping)
         {
             lock.unlock();
+            inHand = batch.front().get();
             Handle(lane, batch.front(), keepOrder);
+            inHand = nullptr;
             batch.pop_front();
             lane.progress.Step();
             lock.lock();
@@ -182,6 +187,11 @@ void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, 
         }
         lane.progress.Rest(false);
     }
+}
+
+const BrokerMessage* Lanes::InHand()
+{
+    return inHand;
 }
 
 bool Lanes::Try(const boost::shared_ptr<BrokerMessage>& message, std::string& error)

@@ -54,6 +54,9 @@ class Lanes
     /** The route of a message from this queue; its key is one of the arguments, or the client queue's name. */
     ServingRoute RouteOf(const std::string& routingKey, const std::string& queue) const;
 
+    /** The message that the calling thread is handling; nothing when it is not a lane's. */
+    static const BrokerMessage* InHand();
+
     /** How many messages wait in the lane. */
     std::size_t Waiting(LaneKind kind) const;
     /** Whether the lane gets on, for a watchdog: a message is a step, and so is each of the broker's answers. */

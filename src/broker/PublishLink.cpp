@@ -59,7 +59,7 @@ void PublishLink::Publish(OutgoingMessage message, PublishCompletion done, Clock
     {
         m_waiting.push_back(std::move(publication));
         StartTick();
-        if (!m_connection && m_failures == 0 && m_openedAt == Clock::time_point{})
+        if (!m_connection && m_failures == 0 && !IsInUse())
         {
             m_openedAt = Clock::now();
             Connect();
@@ -202,7 +202,7 @@ void PublishLink::OnMethod(std::uint16_t channel, const amqp_method_t& method)
 
 void PublishLink::Pump()
 {
-    while (m_ready && !m_drainingSince && !m_blocked && !m_waiting.empty() && m_connection &&
+    while (m_ready && !m_quiescing && !m_drainingSince && !m_blocked && !m_waiting.empty() && m_connection &&
            m_connection->Backlog() < BACKLOG)
     {
         const bool suspect = m_waiting.front()->suspect;
@@ -403,6 +403,7 @@ void PublishLink::OnTurnEnd()
 {
     Pump();
     CheckIdle();
+    CheckQuiet();
 }
 
 void PublishLink::OnWritten()
@@ -415,11 +416,7 @@ void PublishLink::OnClosed(const std::string& why)
     const auto connection = std::exchange(m_connection, nullptr);
     const bool wasOpen = connection && connection->ChannelMax() > 0;
     m_lastError = why;
-    TakeBack(false);
-    m_reopening = false;
-    m_drainingSince.reset();
-    m_blocked = false;
-    m_state.Update([](LinkStatus& status) { status.blocked = false; });
+    ForgetChannel();
     const std::string url = m_source.Url(m_urlIndex).Printable();
     if (m_stopping)
     {
@@ -447,9 +444,65 @@ void PublishLink::OnClosed(const std::string& why)
     ConnectLater();
 }
 
+/** The channel is gone with its connection: what was on its way waits for the next one. */
+void PublishLink::ForgetChannel()
+{
+    TakeBack(false);
+    m_reopening = false;
+    m_drainingSince.reset();
+    m_blocked = false;
+    m_state.Update([](LinkStatus& status) { status.blocked = false; });
+    CheckQuiet();
+}
+
+void PublishLink::Quiesce(std::function<void()> quiet)
+{
+    m_quiescing = true;
+    m_quiet = std::move(quiet);
+    CheckQuiet();
+}
+
+void PublishLink::CheckQuiet()
+{
+    if (m_quiet && m_unconfirmed == 0)
+    {
+        std::exchange(m_quiet, nullptr)();
+    }
+}
+
+void PublishLink::GoOn()
+{
+    m_quiescing = false;
+    m_quiet = nullptr;
+    Pump();
+}
+
+void PublishLink::SwitchTo(std::size_t urlIndex, std::shared_ptr<AmqpConnection> connection)
+{
+    m_quiescing = false;
+    m_quiet = nullptr;
+    m_moving = false;
+    if (!connection)
+    {
+        Move();
+        return;
+    }
+    m_connectTimer.cancel();
+    if (m_connection)
+    {
+        m_connection->SetHandler(nullptr);
+        m_connection->Close();
+    }
+    ForgetChannel();
+    m_urlIndex = urlIndex;
+    m_connection = std::move(connection);
+    m_connection->SetHandler(this);
+    OnOpen();
+}
+
 void PublishLink::Move()
 {
-    if (m_stopping || m_openedAt == Clock::time_point{})
+    if (m_stopping || !IsInUse())
     {
         return;
     }

@@ -65,8 +65,19 @@ class PublishLink : private AmqpConnectionHandler
     bool IsIdle() const { return m_waiting.empty() && m_nacked.empty() && m_unconfirmed == 0; }
     /** Connects now when it waits to try again: the broker is there. */
     void Hurry();
+    /** Whether there is a connection or was one. */
+    bool IsInUse() const { return m_openedAt != std::chrono::steady_clock::time_point{}; }
     /** Leaves the current broker in order; the next connection goes to the preferred URL. */
     void Move();
+    /** Sends nothing more. @param quiet told when nothing is on its way any more */
+    void Quiesce(std::function<void()> quiet);
+    /** Goes on sending. */
+    void GoOn();
+    /**
+     * Goes on with this connection, which is open, or with one of its own when it is none. What the present one has not
+     * confirmed is sent again.
+     */
+    void SwitchTo(std::size_t urlIndex, std::shared_ptr<AmqpConnection> connection);
     /** Calls back when nothing waits to be confirmed any more. */
     void WhenIdle(std::function<void()> idle);
     /** Ends everything that waits as timed out, makes no more connections, closes in order. */
@@ -114,6 +125,8 @@ class PublishLink : private AmqpConnectionHandler
     template <typename Visit>
     void ForEach(Visit visit);
     void CheckIdle();
+    void CheckQuiet();
+    void ForgetChannel();
 
     ConnectionSource& m_source;
     LinkState& m_state;
@@ -129,6 +142,8 @@ class PublishLink : private AmqpConnectionHandler
     std::size_t m_failures = 0;
     std::string m_lastError;
     bool m_moving = false;
+    bool m_quiescing = false;
+    std::function<void()> m_quiet;
     bool m_stopping = false;
     std::function<void()> m_stopped;
     std::function<void()> m_idle;

@@ -4,6 +4,7 @@
 
 #include <iterator>
 #include <utility>
+#include <vector>
 
 namespace VtxQel
 {
@@ -87,8 +88,28 @@ void RpcChannel::OnClose(const amqp_channel_close_t& close)
     }
     const Rpc refused = std::move(sent.front());
     sent.pop_front();
+    std::erase_if(sent, [](const Rpc& rpc) { return !rpc.send; });
     m_waiting.insert(m_waiting.begin(), std::make_move_iterator(sent.begin()), std::make_move_iterator(sent.end()));
     refused.done(reply);
+}
+
+void RpcChannel::Forget(const std::string& why)
+{
+    std::deque<Rpc> waiting = std::exchange(m_waiting, {});
+    std::vector<decltype(Rpc::done)> all;
+    for (Rpc& rpc : m_sent)
+    {
+        all.push_back(std::exchange(rpc.done, [](const RpcReply&) {}));
+        rpc.send = nullptr;
+    }
+    for (Rpc& rpc : waiting)
+    {
+        all.push_back(std::move(rpc.done));
+    }
+    for (const auto& done : all)
+    {
+        done({false, 0, why, 0});
+    }
 }
 
 void RpcChannel::Fail(const std::string& why)

@@ -50,6 +50,8 @@ class RpcChannel
     void OnMethod(const amqp_method_t& method);
     /** The connection ended: everything pending is answered so. */
     void Fail(const std::string& why);
+    /** Everything pending is answered so, and what the broker answers to it later is ignored. */
+    void Forget(const std::string& why);
 
     static constexpr std::size_t WINDOW = 256;
 

@@ -136,23 +136,4 @@ TEST(LinkConnect, TheBrokersToolsShowWhoWeAre)
     EXPECT_THAT(connections, HasSubstr("{\"consumer_cancel_notify\",true}"));
 }
 
-TEST(LinkConnect, MoveToConnectsThereAndRestores)
-{
-    LinkSettings settings = NodeSettings();
-    settings.urls = {NodeUrl(), NodeUrl("amqp", "guest:guest", "%2f")};
-    DesiredTopology desired;
-    desired.ownQueues = {Queue(Unique("move"), 10)};
-    TestLink link(desired, settings);
-    link.Send(desired.ownQueues[0].name, "before");
-    ASSERT_TRUE(link.Listener().WaitForDeliveries(1));
-    link->Settle(link.Listener().Delivery(0).tag, SettleAs::ack);
-
-    link->MoveTo(1);
-    ASSERT_TRUE(link.Listener().WaitForRestored(2));
-    EXPECT_EQ(link->Status().urlIndex, 1U);
-    link.Send(desired.ownQueues[0].name, "after");
-    ASSERT_TRUE(link.Listener().WaitForDeliveries(2));
-    EXPECT_EQ(link.Listener().Delivery(1).body, "after") << "what was acknowledged before the move came again";
-}
-
 } // namespace VtxQel

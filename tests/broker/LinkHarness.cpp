@@ -127,6 +127,16 @@ void RecordingListener::OnDisconnected(const std::string& why)
     Note([&] { m_disconnects.push_back(why); });
 }
 
+void RecordingListener::OnMoved()
+{
+    Note([this] { ++m_moved; });
+}
+
+void RecordingListener::OnLeft(std::size_t unsettled)
+{
+    Note([&] { m_left.push_back(unsettled); });
+}
+
 void RecordingListener::OnConsumerCancelled(const std::string& queue)
 {
     Note([&] { m_cancelled.push_back(queue); });
@@ -176,6 +186,16 @@ bool RecordingListener::WaitForDeliveries(std::size_t count)
 std::optional<std::string> RecordingListener::WaitForDisconnect(std::size_t count)
 {
     return WaitForNth(m_disconnects, count);
+}
+
+bool RecordingListener::WaitForMoved(std::size_t count)
+{
+    return WaitFor([&] { return m_moved >= count; });
+}
+
+std::optional<std::size_t> RecordingListener::WaitForLeft(std::size_t count)
+{
+    return WaitForNth(m_left, count);
 }
 
 std::optional<std::string> RecordingListener::WaitForCancelled()
@@ -231,6 +251,12 @@ std::size_t RecordingListener::RestoredCount() const
 {
     const std::lock_guard lock(m_mutex);
     return m_restored;
+}
+
+std::size_t RecordingListener::DisconnectCount() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_disconnects.size();
 }
 
 TestLink::TestLink(DesiredTopology desired, LinkSettings settings) : m_link(std::move(settings), m_listener)

@@ -43,6 +43,8 @@ class RecordingListener : public LinkListener
     void OnRestored() override;
     void OnRestoreFailed(const std::string& what, const RequestResult& result) override;
     void OnDisconnected(const std::string& why) override;
+    void OnMoved() override;
+    void OnLeft(std::size_t unsettled) override;
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
     void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;
@@ -55,6 +57,9 @@ class RecordingListener : public LinkListener
     bool WaitForRestored(std::size_t count);
     bool WaitForDeliveries(std::size_t count);
     std::optional<std::string> WaitForDisconnect(std::size_t count);
+    bool WaitForMoved(std::size_t count);
+    /** How many deliveries were given back when the connection that was left was closed. */
+    std::optional<std::size_t> WaitForLeft(std::size_t count);
     std::optional<std::string> WaitForCancelled();
     std::optional<std::pair<IncomingMessage, std::string>> WaitForRefused();
     std::optional<std::string> WaitForGaveUp();
@@ -66,6 +71,7 @@ class RecordingListener : public LinkListener
     IncomingMessage Delivery(std::size_t index) const;
     std::size_t DeliveryCount() const;
     std::size_t RestoredCount() const;
+    std::size_t DisconnectCount() const;
 
   private:
     bool WaitFor(const std::function<bool()>& condition) const;
@@ -93,6 +99,8 @@ class RecordingListener : public LinkListener
     std::size_t m_restored = 0;
     std::vector<std::pair<std::string, RequestResult>> m_restoreFailed;
     std::vector<std::string> m_disconnects;
+    std::size_t m_moved = 0;
+    std::vector<std::size_t> m_left;
     std::vector<std::string> m_cancelled;
     std::vector<IncomingMessage> m_deliveries;
     std::vector<std::pair<IncomingMessage, std::string>> m_refused;

@@ -102,7 +102,7 @@ TEST_F(LinkTls, ReloadedFilesCountForTheNextConnection)
     TestLink link({}, Settings("localhost", front, {used, "", ""}));
     std::filesystem::copy_file(empty, used, std::filesystem::copy_options::overwrite_existing);
     link->ReloadTls({used, "", ""});
-    link->MoveTo(0);
+    link->Reconnect("a test wants it");
     EXPECT_TRUE(Eventually([&] { return link->Status().lastError.find("not in the CA file") != std::string::npos; }))
         << link->Status().lastError;
     std::filesystem::copy_file(m_authority, used, std::filesystem::copy_options::overwrite_existing);
