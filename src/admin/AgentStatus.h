@@ -33,6 +33,9 @@ struct ConnectionFigures
     std::size_t unrestored = 0;
     std::string lastError;
     Counts reconnects;
+    /** To another front end: moved, failed. */
+    Counts moves;
+    std::string lastMoveError;
 };
 
 struct LoopProbeFigures

@@ -129,6 +129,8 @@ void AddConnection(Families& all, const ConnectionFigures& connection)
     all.Gauge("broker_unrestored_routes", "Routes that the broker refused to restore.", connection.unrestored);
     all.BeginCounter("broker_reconnects_total", "Connections made again, by what ended the one before.");
     all.AddEach({}, "cause", connection.reconnects);
+    all.BeginCounter("broker_moves_total", "Moves to another front end that were asked for, by their result.");
+    all.AddEach({}, "result", connection.moves);
 }
 
 void AddLoopProbe(Families& all, const LoopProbeFigures& probe)

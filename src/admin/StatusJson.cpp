@@ -79,7 +79,9 @@ Json ToJson(const ConnectionFigures& connection)
         {"heldBytes", connection.heldBytes},
         {"unrestored", connection.unrestored},
         {"lastError", connection.lastError},
-        {"reconnects", ToJson(connection.reconnects)}};
+        {"reconnects", ToJson(connection.reconnects)},
+        {"moves", ToJson(connection.moves)},
+        {"lastMoveError", connection.lastMoveError}};
 }
 
 Json ToJson(const LoopProbeFigures& probe)

@@ -163,6 +163,8 @@ ConnectionFigures AgentReport::Connection(const LinkStatus& link) const
     figures.unrestored = m_sources.client.Unrestored();
     figures.lastError = link.lastError;
     figures.reconnects = Named(CAUSES, link.reconnectsBy);
+    figures.moves = {{"moved", link.moves}, {"failed", link.failedMoves}};
+    figures.lastMoveError = link.lastMoveError;
     return figures;
 }
 
