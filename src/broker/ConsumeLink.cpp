@@ -625,9 +625,10 @@ void ConsumeLink::Consume(const Request& request)
     const QueueSpec& queue = request->queue;
     m_consumed[queue.name] = queue;
     m_consumers->Start(queue, [this, request](const RpcReply& started) { OnReply(request, started); });
-    if (!m_restoration.IsOwnQueue(queue.name))
+    const std::uint64_t generation = m_consumers->StartingAs(queue.name);
+    if (generation != 0 && !m_restoration.IsOwnQueue(queue.name))
     {
-        WatchConsumer(queue.name);
+        WatchConsumer(queue.name, generation);
     }
 }
 
@@ -635,29 +636,33 @@ void ConsumeLink::Consume(const Request& request)
  * A queue for which the broker does not answer costs the connection sooner or later: better now, and once. The next
  * connection leaves it to the trials.
  */
-void ConsumeLink::WatchConsumer(const std::string& queue)
+void ConsumeLink::WatchConsumer(const std::string& queue, std::uint64_t generation)
 {
     After(
         m_source.Settings().queuePatience,
-        [this, queue]
+        [this, queue, generation]
         {
-            if (m_paused)
+            // It may have been cancelled meanwhile and be starting anew.
+            if (m_consumers->StartingAs(queue) != generation)
             {
-                WatchConsumer(queue);
                 return;
             }
-            AfterEcho([this, queue] { LeaveSilent(queue); });
+            if (m_paused)
+            {
+                WatchConsumer(queue, generation);
+                return;
+            }
+            AfterEcho([this, queue, generation] { LeaveSilent(queue, generation); });
         });
 }
 
-void ConsumeLink::LeaveSilent(const std::string& queue)
+void ConsumeLink::LeaveSilent(const std::string& queue, std::uint64_t generation)
 {
-    const std::vector<std::string> starting = m_consumers->Starting();
-    if (std::find(starting.begin(), starting.end(), queue) == starting.end())
+    if (m_consumers->StartingAs(queue) != generation)
     {
         return;
     }
-    for (const std::string& silent : starting)
+    for (const std::string& silent : m_consumers->Starting())
     {
         if (!m_restoration.IsOwnQueue(silent))
         {

@@ -122,8 +122,8 @@ class ConsumeLink : private AmqpConnectionHandler
     void Execute(const Request& request);
     void DeclareQueue(const Request& request);
     void Consume(const Request& request);
-    void WatchConsumer(const std::string& queue);
-    void LeaveSilent(const std::string& queue);
+    void WatchConsumer(const std::string& queue, std::uint64_t generation);
+    void LeaveSilent(const std::string& queue, std::uint64_t generation);
     void HoldBack(const Request& request);
     void TakeUp(const std::string& queue);
     void GiveUpWaiting(const std::string& queue);

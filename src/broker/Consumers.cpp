@@ -83,6 +83,13 @@ std::vector<std::string> Consumers::Starting() const
     return queues;
 }
 
+std::uint64_t Consumers::StartingAs(const std::string& queue) const
+{
+    const auto found = m_byQueue.find(queue);
+    const bool starting = found != m_byQueue.end() && found->second->GetState() == State::starting;
+    return starting ? found->second->Generation() : 0;
+}
+
 void Consumers::Release(const std::string& queue, Done done)
 {
     Flush();

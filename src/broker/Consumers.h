@@ -49,6 +49,8 @@ class Consumers
     void CancelAll(std::function<void()> done);
     /** The queues whose consumption the broker has not answered yet. */
     std::vector<std::string> Starting() const;
+    /** The generation of the queue's channel as long as the broker has not answered for it, else 0. */
+    std::uint64_t StartingAs(const std::string& queue) const;
 
     /** @return whether the channel that delivered it is one of these */
     bool Settle(const DeliveryTag& tag, SettleAs as);

@@ -198,7 +198,7 @@ TEST_F(LinkMove, WhatIsChangedMeanwhileIsThereAfterwards)
     for (std::size_t i = 1; i <= MOVES; ++i)
     {
         MoveTo(i % 2 == 1 ? ELSEWHERE : HERE);
-        ASSERT_TRUE(Listener().WaitForLeft(i));
+        EXPECT_TRUE(Listener().WaitForLeft(i)) << Listener().DisconnectCount() << " connections were lost";
     }
     stopping = true;
     const std::vector<Binding> wanted = changes.get();
