@@ -333,7 +333,7 @@ TEST_F(ApplicationTest, HeadersCountAsBytes)
     AttachLive(1);
     Offer({.body = "x"});
     RmqProperties manyHeaders;
-    manyHeaders.headers.resize(budgetBytes);
+    manyHeaders.headers.resize(budgetBytes, {"", RmqValue{}});
     Offer({.body = "y", .properties = manyHeaders});
     EXPECT_THAT(m_log.Take(), ElementsAre("y park"));
     EXPECT_EQ(m_budget.Held().bytes, 1U);
