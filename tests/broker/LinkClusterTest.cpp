@@ -1,8 +1,10 @@
 #include "broker/LinkHarness.h"
+#include "broker/NumberedLoad.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <future>
 #include <memory>
 #include <vector>
@@ -102,6 +104,38 @@ TEST_F(LinkCluster, AConsumerThatDiedWithItsQueuesHomeIsMadeAgain)
     ASSERT_TRUE(link.Listener().WaitForRestored(2));
     link.Send(m_queue.name, "again");
     EXPECT_TRUE(link.Listener().WaitForDeliveries(1));
+}
+
+/** The gap is a figure: printed, not asserted. */
+TEST_F(LinkCluster, MovesBetweenItsNodesLoseNothing)
+{
+    QueueSpec queue = Queue(Unique("quorum"), 1000);
+    queue.arguments = {
+        {"x-queue-type", RmqValue::String("quorum")}, {"x-single-active-consumer", RmqValue::Boolean(true)}};
+    m_desired.ownQueues = {queue};
+    LinkSettings settings = NodeSettings();
+    settings.urls = {NodeUrl(), OtherNodeUrl()};
+    SettlingListener listener;
+    listener.SetDesired(m_desired);
+    BrokerLink link(settings, listener);
+    listener.SettleWith(link);
+    link.Start();
+    ASSERT_TRUE(listener.WaitForRestored(1));
+    NumberedLoad load(NodeUrl(), queue.name, 500);
+    for (std::size_t move = 1; move <= 2; ++move)
+    {
+        ASSERT_TRUE(Eventually([&] { return listener.Count() > 200 * move; }));
+        link.MoveTo(move % 2);
+        ASSERT_TRUE(listener.WaitForRestored(move + 1));
+        ASSERT_EQ(link.Status().urlIndex, move % 2);
+        ASSERT_TRUE(listener.WaitForLeft(move));
+    }
+    const std::size_t published = load.Stop();
+    ASSERT_TRUE(listener.WaitForAll(published));
+    const Arrivals arrivals = listener.Judge(published);
+    std::printf("2 moves between nodes under 500 messages/s: %s\n", arrivals.ToString().c_str());
+    EXPECT_EQ(arrivals.lost, 0U);
+    EXPECT_EQ(listener.DisconnectCount(), 0U);
 }
 
 } // namespace VtxQel

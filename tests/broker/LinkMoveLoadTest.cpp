@@ -109,7 +109,7 @@ TEST_P(LinkMoveLoad, EveryPublicationIsConfirmedOnce)
             }
             return published;
         });
-    for (std::size_t i = 1; i <= 3; ++i)
+    for (std::size_t i = 1; i <= 2; ++i)
     {
         MoveTo(i % 2 == 1 ? SAME : HERE);
         ASSERT_EQ(Listener().WaitForLeft(i), 0U);
@@ -117,7 +117,7 @@ TEST_P(LinkMoveLoad, EveryPublicationIsConfirmedOnce)
     stopping = true;
     const std::uint32_t published = publishing.get();
     EXPECT_EQ(m_link->Count(queue.name), published);
-    std::printf("%s: %u publications during 3 moves, none lost, none twice\n", GetParam(), published);
+    std::printf("%s: %u publications during 2 moves, none lost, none twice\n", GetParam(), published);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -118,4 +118,17 @@ TEST_F(LinkSilentQueue, ThatIsCancelledIsForgotten)
     EXPECT_TRUE(IsDelivered(m_silent, "wanted again"));
 }
 
+TEST_F(LinkSilentQueue, IsNotOneThatIsConsumedAnewAgainAndAgain)
+{
+    const QueueSpec queue = Queue(Unique("restless"), 10);
+    // Longer than it takes to find a queue silent.
+    const auto end = std::chrono::steady_clock::now() + 2 * m_settings.queuePatience;
+    while (std::chrono::steady_clock::now() < end)
+    {
+        ASSERT_EQ((*m_link)->DeclareQueue(queue, DEADLINE).answer, Answer::ok);
+        ASSERT_EQ((*m_link)->CancelQueue(queue.name, DEADLINE).answer, Answer::ok);
+    }
+    EXPECT_EQ(Listener().DisconnectCount(), 0U);
+}
+
 } // namespace VtxQel
