@@ -1,12 +1,14 @@
 #include "agent/Agent.h"
 
 #include "agent/ServiceNotifier.h"
+#include "agent/SettingsText.h"
 #include "common/QelException.h"
 #include "logging/Log.h"
 
 #include <boost/make_shared.hpp>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <utility>
 
@@ -29,6 +31,16 @@ constexpr std::chrono::seconds LONGEST_ORPHAN_DELAY{300};
 
 /** The route type of the agent's own queues: a clean-up neither unbinds nor cancels them. */
 constexpr int OWN_ROUTE = 0;
+
+/** What a reload takes over. */
+constexpr std::array<const char*, 6> RELOADED_KEYS{"applications.directory", "broker.password_file",
+                                                   "broker.tls.ca_file",     "broker.tls.certificate_file",
+                                                   "broker.tls.key_file",    "log.level"};
+
+bool Contains(const std::vector<std::string>& names, const std::string& name)
+{
+    return std::find(names.begin(), names.end(), name) != names.end();
+}
 
 std::string FileIn(const std::string& directory, const char* name)
 {
@@ -125,6 +137,8 @@ void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSetti
     ServiceNotifier::Reloading();
     vtx::Logger::logLevel = config.logLevel;
     m_client->ReloadTls(config.broker.link.tls);
+    m_client->UsePassword(config.broker.link.password);
+    NameWhatNeedsRestart(config);
     const std::set<std::string> names = NamesOf(applications);
     m_appRegistry->Reload({names.begin(), names.end()});
     m_applications.Reload(applications);
@@ -139,6 +153,11 @@ void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSetti
             m_chores.Post(
                 [this, name]
                 {
+                    if (m_appRegistry->Lookup(name))
+                    {
+                        // A later reload has brought it back.
+                        return;
+                    }
                     m_handler->Forget(name);
                     RemoveOrphans(FIRST_ORPHAN_DELAY);
                 });
@@ -148,6 +167,25 @@ void Agent::Reload(const AgentConfig& config, const std::vector<ApplicationSetti
     QEL_LOG(
         vtx::LevelStatus, "configuration read again: log level %d, %zu applications", config.logLevel, names.size());
     ServiceNotifier::Ready();
+}
+
+void Agent::NameWhatNeedsRestart(const AgentConfig& config) const
+{
+    std::vector<std::string> changed = ChangedKeys(m_config.settings, config.settings);
+    if (config.broker.link.urls != m_config.broker.link.urls && !Contains(changed, "broker.urls"))
+    {
+        // The passwords, which are masked.
+        changed.emplace_back("broker.urls");
+    }
+    for (const std::string& key : changed)
+    {
+        if (std::find(RELOADED_KEYS.begin(), RELOADED_KEYS.end(), key) == RELOADED_KEYS.end())
+        {
+            QEL_LOG(
+                vtx::LevelWarning, "%s has changed in the configuration, which counts from the next start only",
+                key.c_str());
+        }
+    }
 }
 
 void Agent::Stop()

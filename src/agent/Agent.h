@@ -55,12 +55,16 @@ class Agent
 
     /** Opens the applications' sockets and starts connecting. @throws QelException when that cannot be. */
     void Start();
-    /** Takes over the log level, the applications and the certificates of a configuration read again. */
+    /**
+     * Takes over the log level, the applications, the password and the certificates of a configuration read again, and
+     * says of every other key that has changed that it needs a restart.
+     */
     void Reload(const AgentConfig& config, const std::vector<ApplicationSettings>& applications);
     /** Finishes what is in hand within 5 s and leaves the rest to the broker. Idempotent. */
     void Stop();
 
   private:
+    void NameWhatNeedsRestart(const AgentConfig& config) const;
     void AddOwnRoutes();
     void ServeAdmin();
     void OnRestored();

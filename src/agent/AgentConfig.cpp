@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <system_error>
 #include <utility>
 
@@ -45,6 +46,49 @@ std::string PasswordFile(StrictToml& toml)
         file = std::filesystem::exists(credential) ? credential.string() : std::string();
     }
     return file;
+}
+
+/** The text with the password of each URL in it replaced; the text is that of a list, where no quote is part of a URL.
+ */
+std::string Masked(const std::string& urls)
+{
+    static const std::regex password("(://[^:@/\"]*:)[^@/\"]*@");
+    return std::regex_replace(urls, password, "$1***@");
+}
+
+void WarnIfWritable(const std::string& file, AgentConfig& config)
+{
+    std::error_code failed;
+    const std::filesystem::perms permissions = std::filesystem::status(file, failed).permissions();
+    if (!failed && (permissions & std::filesystem::perms::others_write) != std::filesystem::perms::none)
+    {
+        config.warnings.push_back(Printable(file) + " can be changed by everybody: chmod o-w it");
+    }
+}
+
+/** What is allowed, but makes another key count for nothing or takes a safety away. */
+void WarnOfEmptyWords(AgentConfig& config)
+{
+    const std::vector<std::string>& urls = config.broker.link.urls;
+    const auto isTls = [](const std::string& url) { return url.starts_with("amqps:"); };
+    if (!(config.broker.link.tls == TlsFiles()) && std::none_of(urls.begin(), urls.end(), isTls))
+    {
+        config.warnings.emplace_back("broker.tls counts for nothing: none of broker.urls is amqps://");
+    }
+    if (!config.management.exchange.empty() && config.management.routingKey.empty())
+    {
+        config.warnings.emplace_back("management.exchange counts for nothing without management.routing_key");
+    }
+    if (config.broker.loopProbe.interval.count() == 0)
+    {
+        config.warnings.emplace_back(
+            "broker.loop_probe_seconds is 0: that nothing comes by a connection that lives is not noticed");
+    }
+    constexpr int errors = 2;
+    if (config.logLevel < errors)
+    {
+        config.warnings.emplace_back("log.level leaves out errors: use at least 2");
+    }
 }
 
 void WarnIfPublic(const std::string& secret, AgentConfig& config)
@@ -249,6 +293,16 @@ AgentConfig LoadAgentConfig(const std::string& file)
     if (!problems.empty())
     {
         throw ConfigError(problems);
+    }
+    WarnIfWritable(file, config);
+    WarnOfEmptyWords(config);
+    config.settings = toml.Settings();
+    for (Setting& setting : config.settings)
+    {
+        if (setting.key == "broker.urls" && setting.value)
+        {
+            setting.value = Masked(*setting.value);
+        }
     }
     return config;
 }

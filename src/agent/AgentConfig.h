@@ -1,6 +1,7 @@
 #pragma once
 
 #include "agent/ConfigurationRequests.h"
+#include "apps/Setting.h"
 #include "broker/BrokerSettings.h"
 
 #include <chrono>
@@ -25,6 +26,8 @@ struct AgentConfig
     std::string logFormat;
     /** Where the admin endpoint listens beside its socket; nowhere when empty. */
     std::string adminListen;
+    /** Every key of the file, in the order of the documentation; passwords in URLs are masked. */
+    std::vector<Setting> settings;
     /** Where the password was read; empty when there is none, or it stands in a URL. */
     std::string passwordFile;
     /** What is allowed but probably not meant, as lines for people. */

@@ -2,7 +2,9 @@
 #include "agent/AgentConfig.h"
 #include "agent/LogOutput.h"
 #include "agent/MemoryTrimmer.h"
+#include "agent/SettingsText.h"
 #include "apps/DropIns.h"
+#include "common/Printable.h"
 #include "logging/Log.h"
 
 #include <CLI/CLI.hpp>
@@ -30,11 +32,46 @@ struct Everything
     DropIns applications;
 };
 
+/** An instance that may have more without a verdict than the broker sends ahead never does. */
+void WarnOfWindows(Everything& everything)
+{
+    for (const ApplicationSettings& application : everything.applications.applications)
+    {
+        if (application.window > everything.config.broker.prefetch)
+        {
+            everything.config.warnings.push_back(
+                "the window of " + application.name + " (" + std::to_string(application.window) +
+                ") is more than broker.prefetch (" + std::to_string(everything.config.broker.prefetch) +
+                "), which is the most that can be on its way");
+        }
+    }
+}
+
 Everything Load(const std::string& file)
 {
     Everything everything{LoadAgentConfig(file), {}};
     everything.applications = LoadDropIns(everything.config.applicationsDirectory);
+    WarnOfWindows(everything);
     return everything;
+}
+
+int Show(const std::string& file, const std::string& application, bool effective)
+{
+    const Everything everything = Load(file);
+    if (application.empty())
+    {
+        std::printf("%s", SettingsText(everything.config.settings, effective).c_str());
+        return 0;
+    }
+    const auto settings = everything.applications.settings.find(application);
+    if (settings == everything.applications.settings.end())
+    {
+        throw ConfigError(
+            everything.config.applicationsDirectory + " has no sound drop-in of an application " +
+            Printable(application) + ": qel-agent check says what is wrong");
+    }
+    std::printf("%s", SettingsText(settings->second, effective).c_str());
+    return 0;
 }
 
 int Check(const std::string& file)
@@ -94,7 +131,8 @@ void Reload(Agent& agent, const std::string& file)
 {
     try
     {
-        const Everything everything = Load(file);
+        Everything everything = Load(file);
+        CheckOwners(everything.applications);
         if (!everything.applications.problems.empty())
         {
             throw ConfigError(everything.applications.problems.front());
@@ -143,8 +181,15 @@ int main(int argc, char** argv)
     std::string file = "/etc/qel/qel.toml";
     CLI::App* run = app.add_subcommand("run", "Run the agent until SIGTERM");
     CLI::App* check = app.add_subcommand("check", "Say what is wrong with the configuration and end");
+    CLI::App* config = app.add_subcommand("config", "Look at the configuration");
+    config->require_subcommand(1);
+    CLI::App* show = config->add_subcommand("show", "Print the configuration without secrets and end");
+    bool effective = false;
+    std::string application;
+    show->add_flag("--effective", effective, "Also the keys that the file leaves at their defaults");
+    show->add_option("--application", application, "That of the drop-in of this application")->type_name("APP");
     CLI::App* version = app.add_subcommand("version", "Print the version and end");
-    for (CLI::App* command : {run, check})
+    for (CLI::App* command : {run, check, show})
     {
         command->add_option("--config", file, "The configuration file")->capture_default_str();
     }
@@ -155,6 +200,10 @@ int main(int argc, char** argv)
         {
             std::printf("qel-agent %s\n", QEL_VERSION);
             return 0;
+        }
+        if (show->parsed())
+        {
+            return Show(file, application, effective);
         }
         return check->parsed() ? Check(file) : Run(file);
     }

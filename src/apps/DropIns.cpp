@@ -67,6 +67,7 @@ void Load(const std::filesystem::path& file, DropIns& dropIns)
     if (problems.empty())
     {
         dropIns.applications.push_back(settings);
+        dropIns.settings[settings.name] = toml.Settings();
     }
     dropIns.problems.insert(dropIns.problems.end(), problems.begin(), problems.end());
 }

@@ -1,7 +1,9 @@
 #pragma once
 
 #include "apps/ApplicationSettings.h"
+#include "apps/Setting.h"
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,8 @@ struct DropIns
 {
     /** The applications of the files that are sound, by name. */
     std::vector<ApplicationSettings> applications;
+    /** Every key of each application, by its name. */
+    std::map<std::string, std::vector<Setting>> settings;
     /** A line for everything that is wrong, naming file, line and column. */
     std::vector<std::string> problems;
 };

@@ -10,6 +10,7 @@
 #include <fstream>
 #include <optional>
 #include <set>
+#include <sstream>
 #include <system_error>
 
 namespace VtxQel
@@ -24,6 +25,29 @@ namespace
  * fits here.
  */
 constexpr std::size_t LARGEST_FILE = 32768;
+
+/** The value as TOML writes it, on one line. */
+std::string Written(const toml::node& value)
+{
+    std::ostringstream text;
+    text << toml::toml_formatter(value, toml::format_flags::none);
+    return text.str();
+}
+
+std::string Written(const std::string& text)
+{
+    return Written(toml::value<std::string>(text));
+}
+
+std::string Written(const std::vector<std::string>& texts)
+{
+    std::string list;
+    for (const std::string& text : texts)
+    {
+        list += (list.empty() ? "" : ", ") + Written(text);
+    }
+    return "[" + list + "]";
+}
 
 } // namespace
 
@@ -55,9 +79,26 @@ class StrictToml::Document
         Report((node == nullptr ? m_file + ": " : At(node->source())) + key + " " + text);
     }
 
+    /** What was answered to a question. */
+    void Note(const std::string& key, std::optional<std::string> value)
+    {
+        const bool given = m_table.at_path(key).node() != nullptr;
+        const auto same = [&key](const Setting& setting) { return setting.key == key; };
+        const auto noted = std::find_if(m_settings.begin(), m_settings.end(), same);
+        if (noted == m_settings.end())
+        {
+            m_settings.push_back({key, std::move(value), given});
+        }
+        else
+        {
+            noted->value = std::move(value);
+        }
+    }
+
     void ReportUnknown() { Unknown(m_table, ""); }
 
     std::vector<std::string> m_problems;
+    std::vector<Setting> m_settings;
 
   private:
     /** The file's content, unless that cannot be used. */
@@ -132,69 +173,76 @@ StrictToml::~StrictToml() = default;
 std::string StrictToml::String(const std::string& key, const std::string& absent)
 {
     const toml::node* node = m_document->Find(key);
-    if (node == nullptr)
+    std::string text = absent;
+    if (node != nullptr)
     {
-        return absent;
+        const std::optional<std::string> given = node->value_exact<std::string>();
+        if (!given)
+        {
+            m_document->Fail(node, key, "must be a text in quotes");
+        }
+        text = given.value_or(absent);
     }
-    const std::optional<std::string> text = node->value_exact<std::string>();
-    if (!text)
-    {
-        m_document->Fail(node, key, "must be a text in quotes");
-    }
-    return text.value_or(absent);
+    m_document->Note(key, Written(text));
+    return text;
 }
 
 std::int64_t StrictToml::Integer(const std::string& key, std::int64_t absent, Range range)
 {
     const toml::node* node = m_document->Find(key);
-    if (node == nullptr)
+    std::int64_t number = absent;
+    if (node != nullptr)
     {
-        return absent;
+        const std::optional<std::int64_t> given = node->value_exact<std::int64_t>();
+        if (!given || *given < range.least || *given > range.most)
+        {
+            m_document->Fail(
+                node, key,
+                "must be a whole number from " + std::to_string(range.least) + " to " + std::to_string(range.most));
+        }
+        else
+        {
+            number = *given;
+        }
     }
-    const std::optional<std::int64_t> number = node->value_exact<std::int64_t>();
-    if (!number || *number < range.least || *number > range.most)
-    {
-        m_document->Fail(
-            node, key,
-            "must be a whole number from " + std::to_string(range.least) + " to " + std::to_string(range.most));
-        return absent;
-    }
-    return *number;
+    m_document->Note(key, std::to_string(number));
+    return number;
 }
 
 bool StrictToml::Boolean(const std::string& key, bool absent)
 {
     const toml::node* node = m_document->Find(key);
-    if (node == nullptr)
+    bool value = absent;
+    if (node != nullptr)
     {
-        return absent;
+        const std::optional<bool> given = node->value_exact<bool>();
+        if (!given)
+        {
+            m_document->Fail(node, key, "must be true or false");
+        }
+        value = given.value_or(absent);
     }
-    const std::optional<bool> value = node->value_exact<bool>();
-    if (!value)
-    {
-        m_document->Fail(node, key, "must be true or false");
-    }
-    return value.value_or(absent);
+    m_document->Note(key, value ? "true" : "false");
+    return value;
 }
 
 std::vector<std::string> StrictToml::Strings(const std::string& key)
 {
     std::vector<std::string> texts;
-    const toml::node* node = m_document->Find(key);
-    if (node == nullptr)
+    if (const toml::node* node = m_document->Find(key))
     {
-        return texts;
+        const toml::array* array = node->as_array();
+        if (array == nullptr || !(array->empty() || array->is_homogeneous<std::string>()))
+        {
+            m_document->Fail(node, key, "must be a list of texts, for example [\"a\", \"b\"]");
+            return texts;
+        }
+        for (const toml::node& element : *array)
+        {
+            texts.push_back(*element.value<std::string>());
+        }
     }
-    const toml::array* array = node->as_array();
-    if (array == nullptr || !(array->empty() || array->is_homogeneous<std::string>()))
-    {
-        m_document->Fail(node, key, "must be a list of texts, for example [\"a\", \"b\"]");
-        return texts;
-    }
-    for (const toml::node& element : *array)
-    {
-        texts.push_back(*element.value<std::string>());
-    }
+    m_document->Note(key, Written(texts));
     return texts;
 }
 
@@ -211,12 +259,19 @@ std::string StrictToml::Choice(const std::string& key, const std::string& absent
 
 bool StrictToml::Has(const std::string& key) const
 {
-    return m_document->Find(key) != nullptr;
+    const bool given = m_document->Find(key) != nullptr;
+    m_document->Note(key, std::nullopt);
+    return given;
 }
 
 void StrictToml::Fail(const std::string& key, const std::string& text)
 {
     m_document->Fail(m_document->Find(key), key, text);
+}
+
+const std::vector<Setting>& StrictToml::Settings() const
+{
+    return m_document->m_settings;
 }
 
 std::vector<std::string> StrictToml::Problems()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "apps/Setting.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -46,6 +48,8 @@ class StrictToml
     /** Reports a problem with a key's value: the line names the place of the key, or the file when it is absent. */
     void Fail(const std::string& key, const std::string& text);
 
+    /** Every key that was asked for, in that order, with what was answered. */
+    const std::vector<Setting>& Settings() const;
     /** Every problem, in the order of the file's reading; empty when the file is sound. Ask for all keys before. */
     std::vector<std::string> Problems();
 

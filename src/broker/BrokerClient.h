@@ -81,6 +81,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     /** Moves to the URL of this index, or stays when that cannot be. */
     void MoveTo(std::size_t urlIndex) { m_link.MoveTo(urlIndex); }
     void ReloadTls(const TlsFiles& files) { m_link.ReloadTls(files); }
+    void UsePassword(const std::string& password) { m_link.UsePassword(password); }
     LinkStatus Status() const { return m_link.Status(); }
     /** How many control messages were refused because of who sent them. */
     std::uint64_t RefusedControlMessages() const { return m_controlUsers.Refused(); }

@@ -495,6 +495,11 @@ void BrokerLink::ReloadTls(const TlsFiles& files)
     m_impl->Post([this, files] { m_impl->Source().UseTls(files); });
 }
 
+void BrokerLink::UsePassword(const std::string& password)
+{
+    m_impl->Post([this, password] { m_impl->Source().UsePassword(password); });
+}
+
 void BrokerLink::Post(std::function<void()> task)
 {
     m_impl->Post(std::move(task));

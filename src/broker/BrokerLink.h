@@ -315,6 +315,9 @@ class BrokerLink : public Publisher
      */
     void ReloadTls(const TlsFiles& files);
 
+    /** Logs in with this password, in place of the one of the settings, on connections made from now on. */
+    void UsePassword(const std::string& password);
+
     LinkStatus Status() const;
 
     /** Runs a short task on the I/O thread, as a proof that it gets on. Dropped when the link does not run. */

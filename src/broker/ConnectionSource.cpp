@@ -59,4 +59,12 @@ std::shared_ptr<AmqpConnection> ConnectionSource::Make(
     return std::make_shared<AmqpConnection>(m_io, std::move(options), handler);
 }
 
+void ConnectionSource::UsePassword(const std::string& password)
+{
+    for (std::size_t index = 0; index < m_urls.size(); ++index)
+    {
+        m_urls[index].password = password.empty() ? BrokerUrl::Parse(m_settings.urls[index]).password : password;
+    }
+}
+
 } // namespace VtxQel

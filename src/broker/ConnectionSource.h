@@ -48,6 +48,9 @@ class ConnectionSource
     /** Takes these TLS files for connections made from now on. */
     void UseTls(const TlsFiles& files) { m_tls.Use(files); }
 
+    /** Logs in with this password from now on, unless it is empty: then with those of the URLs. */
+    void UsePassword(const std::string& password);
+
   private:
     boost::asio::io_context& m_io;
     const LinkSettings& m_settings;
