@@ -61,7 +61,9 @@ def put_script(host, name, text):
     script.chmod(0o755)
 
 
-def test_lintian_finds_no_error(package):
+@pytest.mark.parametrize("name", ["qel-agent", "libqel-client-dev"])
+def test_lintian_finds_no_error(packages, name):
+    [package] = packages.glob(f"{name}_*.deb")
     done = subprocess.run(["lintian", "--fail-on", "error", "--allow-root", package], capture_output=True, text=True,
                           check=False)
     assert done.returncode == 0, done.stdout + done.stderr

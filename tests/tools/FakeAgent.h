@@ -18,8 +18,11 @@ class FakeAgent : private qel::apps::v1::Applications::Service
     using Stream = grpc::ServerReaderWriter<qel::apps::v1::AttachResponse, qel::apps::v1::AttachRequest>;
     /** Gets the Hello that was read already; its result ends the stream. */
     using Script = std::function<grpc::Status(const qel::apps::v1::Hello& hello, Stream& stream)>;
+    /** Its result is the answer to a message that is published. */
+    using PublishScript = std::function<grpc::Status(const qel::apps::v1::PublishRequest& request)>;
 
-    FakeAgent(const std::string& socket, Script script) : m_script(std::move(script))
+    FakeAgent(const std::string& socket, Script script, PublishScript publishScript = {})
+        : m_script(std::move(script)), m_publishScript(std::move(publishScript))
     {
         grpc::ServerBuilder builder;
         builder.AddListeningPort("unix:" + socket, grpc::InsecureServerCredentials());
@@ -62,7 +65,14 @@ class FakeAgent : private qel::apps::v1::Applications::Service
         return m_script(first.hello(), *stream);
     }
 
+    grpc::Status Publish(
+        grpc::ServerContext*, const qel::apps::v1::PublishRequest* request, qel::apps::v1::PublishResponse*) override
+    {
+        return m_publishScript(*request);
+    }
+
     const Script m_script;
+    const PublishScript m_publishScript;
     std::unique_ptr<grpc::Server> m_server;
 };
 
