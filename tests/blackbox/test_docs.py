@@ -41,3 +41,18 @@ def test_links_between_pages_lead_somewhere():
              for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", page.read_text(encoding="utf-8"))]
     assert links
     assert [(page.name, target) for page, target in links if not (page.parent / target).exists()] == []
+
+
+def dedented_lines(text):
+    return "\n".join(line.strip() for line in text.strip().splitlines())
+
+
+def test_programs_in_the_documentation_are_those_of_the_examples():
+    page = (ROOT / "docs/applications.md").read_text(encoding="utf-8")
+    for language, folder in (("cpp", "cpp"), ("python", "python"), ("js", "nodejs")):
+        programs = [dedented_lines(file.read_text(encoding="utf-8"))
+                    for file in (ROOT / "examples" / folder).iterdir() if file.suffix in (".cpp", ".py", ".js")]
+        shown = re.findall(rf"```{language}\n(.*?)```", page, re.DOTALL)
+        assert len(shown) == 4
+        for part in map(dedented_lines, shown):
+            assert any(part in program for program in programs), part
