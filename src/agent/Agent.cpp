@@ -74,7 +74,7 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
           { return m_dispatcher->ApplicationFor(queue, routingKey, appId); },
           BrokerEvents{
               [this] { OnDisconnected(); }, [this] { m_applications.DropUnsent(); }, [this] { OnRestored(); },
-              [this] { return m_report.PingReply(); }})),
+              [this] { return m_report.PingReply(); }, [this](bool blocked) { OnBlocked(blocked); }})),
       m_budget(m_config.broker.prefetch, m_config.broker.maxHeldBytes / 2), m_parking(*m_client),
       m_applications(ApplicationContext{
           m_budget, m_parking, m_applicationTimers, SLOW_AFTER,
@@ -82,7 +82,9 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
       m_dispatcher(boost::make_shared<LocalAppDispatcher>(m_applications, m_subscriptions)),
       m_gateway(GatewayContext{
           m_config.runtimeDirectory, QEL_VERSION, m_applications, m_subscriptions, m_client->Publishing(),
-          m_applicationTimers}),
+          m_applicationTimers,
+          [this](const std::string& application, PublishCompletion completion)
+          { m_requests.Ask(application, std::move(completion)); }}),
       m_requests(
           m_config.management, m_client->Publishing(), m_timers,
           [this](const std::string& application) { return LacksConfiguration(application); }),
@@ -242,6 +244,8 @@ void Agent::OnRestored()
             m_info->priorityQueue.c_str());
     }
     ServiceNotifier::Status("consuming " + m_info->clientQueue + " and " + m_info->priorityQueue);
+    m_connected = true;
+    TellBrokerState();
     m_applications.Reconnected();
     m_chores.Post([this] { RemoveOrphans(FIRST_ORPHAN_DELAY); });
 }
@@ -250,6 +254,20 @@ void Agent::OnDisconnected()
 {
     ServiceNotifier::Status("not connected to the broker, trying again");
     m_applications.DropUnsent();
+    m_connected = false;
+    TellBrokerState();
+}
+
+void Agent::OnBlocked(bool blocked)
+{
+    m_blocked = blocked;
+    TellBrokerState();
+}
+
+void Agent::TellBrokerState()
+{
+    const BrokerState whileConnected = m_blocked ? BrokerState::blocked : BrokerState::connected;
+    m_gateway.BrokerChanged(m_connected ? whileConnected : BrokerState::disconnected);
 }
 
 void Agent::RemoveOrphans(std::chrono::seconds retryAfter)

@@ -69,6 +69,8 @@ class Agent
     void ServeAdmin();
     void OnRestored();
     void OnDisconnected();
+    void OnBlocked(bool blocked);
+    void TellBrokerState();
     void RemoveOrphans(std::chrono::seconds retryAfter);
     void MoveToNextUrl();
     bool LacksConfiguration(const std::string& application) const;
@@ -112,6 +114,9 @@ class Agent
     /** Used by m_timers' thread alone. */
     std::unique_ptr<Watchdog> m_watchdog;
     std::atomic<bool> m_ready{false};
+    /** Used by the link's thread alone. */
+    bool m_connected = false;
+    bool m_blocked = false;
     bool m_started = false;
 };
 

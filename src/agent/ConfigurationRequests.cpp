@@ -25,13 +25,17 @@ ConfigurationRequests::ConfigurationRequests(
 {
 }
 
-void ConfigurationRequests::Ask(const std::string& application)
+void ConfigurationRequests::Ask(const std::string& application, PublishCompletion completion)
 {
     if (m_address.routingKey.empty())
     {
+        if (completion)
+        {
+            completion(PublishResult::refused, "this agent has no management plane to ask (management.routing_key)");
+        }
         return;
     }
-    Send(application);
+    Send(application, std::move(completion));
     Schedule(application);
 }
 
@@ -49,7 +53,7 @@ void ConfigurationRequests::Satisfied(const std::string& application)
     m_states[application].attempts = 0;
 }
 
-void ConfigurationRequests::Send(const std::string& application)
+void ConfigurationRequests::Send(const std::string& application, PublishCompletion completion)
 {
     OutgoingMessage request;
     request.exchange = m_address.exchange;
@@ -60,8 +64,13 @@ void ConfigurationRequests::Send(const std::string& application)
     request.mandatory = true;
     m_publisher.Publish(
         std::move(request),
-        [application, warnings = m_warnings](PublishResult result, const std::string& why)
+        [application, completion = std::move(completion),
+         warnings = m_warnings](PublishResult result, const std::string& why)
         {
+            if (completion)
+            {
+                completion(result, why);
+            }
             if (result != PublishResult::confirmed)
             {
                 warnings->Write("the configuration of application " + application + " could not be asked for: " + why);

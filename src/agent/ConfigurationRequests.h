@@ -36,15 +36,18 @@ class ConfigurationRequests
         ManagementAddress address, Publisher& publisher, Scheduler& scheduler,
         std::function<bool(const std::string& application)> lacks);
 
-    /** Asks at once, whatever is in force, and goes on while there is nothing. */
-    void Ask(const std::string& application);
+    /**
+     * Asks at once, whatever is in force, and goes on while there is nothing.
+     * @param completion told what became of the request; `refused` when nobody is to be asked.
+     */
+    void Ask(const std::string& application, PublishCompletion completion = nullptr);
     /** Asks after the next delay: what was sent last could not be carried out. */
     void AskLater(const std::string& application);
     /** The application has its configuration: the next delay is the shortest again. */
     void Satisfied(const std::string& application);
 
   private:
-    void Send(const std::string& application);
+    void Send(const std::string& application, PublishCompletion completion);
     void Schedule(const std::string& application);
 
     const ManagementAddress m_address;

@@ -1,6 +1,6 @@
 #include "apps/Application.h"
 
-#include "common/SFormat.h"
+#include "apps/OrderingKeys.h"
 
 #include <boost/smart_ptr/make_shared.hpp>
 
@@ -9,6 +9,14 @@
 
 namespace VtxQel
 {
+
+void Application::Effects::Flush(const boost::shared_ptr<ApplicationSession>& session)
+{
+    if (std::find(flush.begin(), flush.end(), session) == flush.end())
+    {
+        flush.push_back(session);
+    }
+}
 
 Application::Effects::~Effects()
 {
@@ -51,6 +59,7 @@ void Application::Offer(boost::shared_ptr<Delivery> message, boost::shared_ptr<R
     item.tries = message->GetTries();
     item.redelivered = message->IsRedelivered() || item.tries != 0;
     item.fromParking = !message->GetParkedFor().empty();
+    item.key = OrderingKeyOf(m_settings.orderingKey, *message);
     item.message = std::move(message);
     item.receipt = std::move(receipt);
     item.since = m_context.timers.Now();
@@ -114,6 +123,31 @@ void Application::Detach(SessionId id)
     }
 }
 
+void Application::Leave(SessionId id)
+{
+    Effects effects;
+    const std::lock_guard lock(m_mutex);
+    const auto position = m_sessions.find(id);
+    if (position == m_sessions.end())
+    {
+        return;
+    }
+    Session& session = position->second;
+    session.leaving = true;
+    std::vector<Item> items;
+    for (const std::uint64_t delivery : session.session->Recall())
+    {
+        const auto unsent = session.inFlight.find(delivery);
+        if (unsent != session.inFlight.end())
+        {
+            items.push_back(TakeInFlight(session, unsent));
+        }
+    }
+    Requeue(std::move(items));
+    EndWhenAnswered(position, effects);
+    Pump(effects);
+}
+
 std::optional<std::uint64_t> Application::Answer(SessionId id, const std::vector<ApplicationVerdict>& verdicts)
 {
     Effects effects;
@@ -133,6 +167,10 @@ std::optional<std::uint64_t> Application::Answer(SessionId id, const std::vector
             break;
         }
         Settle(TakeInFlight(session->second, position), verdict);
+    }
+    if (!unknown)
+    {
+        EndWhenAnswered(session, effects);
     }
     Pump(effects);
     return unknown;
@@ -159,6 +197,7 @@ std::uint32_t Application::EffectiveWindow(std::uint32_t wanted) const
 void Application::DropUnsent()
 {
     const std::lock_guard lock(m_mutex);
+    GatherWaiting();
     const auto isLost = [](const Item& item) { return !item.message->IsCurrent(); };
     DropUnanswered(m_pending, isLost);
     DropUnanswered(m_behindMarker, isLost);
@@ -209,7 +248,7 @@ ApplicationSnapshot Application::Snapshot() const
     ApplicationSnapshot snapshot = m_counters;
     snapshot.flow = m_flow;
     snapshot.sessions = m_sessions.size();
-    snapshot.pending = m_pending.size() + m_behindMarker.size();
+    snapshot.pending = m_pending.size() + m_behindMarker.size() + m_waiting;
     snapshot.waitingForRetry = m_retries.size();
     snapshot.heldBytes = m_held.bytes;
     for (const auto& [id, session] : m_sessions)
@@ -233,11 +272,12 @@ void Application::Append(Item item)
 
 void Application::Pump(Effects& effects)
 {
-    if (m_pending.empty() || !m_delivering)
+    if ((m_pending.empty() && m_waiting == 0) || !m_delivering)
     {
         return;
     }
     const TimePoint now = m_context.timers.Now();
+    ServeWaiting(now, effects);
     while (!m_pending.empty() && PumpOne(now, effects))
     {
     }
@@ -245,27 +285,71 @@ void Application::Pump(Effects& effects)
 
 bool Application::PumpOne(TimePoint now, Effects& effects)
 {
-    const Item& first = m_pending.front();
-    if (!first.fromParking && !m_context.budget.MaySend(m_sent, first.bytes))
+    Item& first = m_pending.front();
+    const auto bound = SessionFor(first);
+    const bool isBound = bound != m_sessions.end();
+    if (isBound && (!bound->second.HasRoom() || !bound->second.waiting.empty()))
+    {
+        PutAside(bound, std::move(first), now);
+        m_pending.pop_front();
+        return true;
+    }
+    if (!MaySend(first))
     {
         return false;
     }
-    Session* session = NextSession();
-    if (session == nullptr)
+    const auto position = isBound ? bound : NextSession();
+    if (position == m_sessions.end())
     {
         return false;
     }
-    Item item = std::move(m_pending.front());
+    SendTo(position, std::move(first), now, effects);
     m_pending.pop_front();
-    SendTo(*session, std::move(item), now);
-    if (std::find(effects.flush.begin(), effects.flush.end(), session->session) == effects.flush.end())
-    {
-        effects.flush.push_back(session->session);
-    }
     return true;
 }
 
-Application::Session* Application::NextSession()
+bool Application::MaySend(const Item& item) const
+{
+    return item.fromParking || m_context.budget.MaySend(m_sent, item.bytes);
+}
+
+void Application::ServeWaiting(TimePoint now, Effects& effects)
+{
+    if (m_waiting == 0)
+    {
+        return;
+    }
+    const auto isLeaving = [](const auto& known) { return known.second.leaving && !known.second.waiting.empty(); };
+    if (std::any_of(m_sessions.begin(), m_sessions.end(), isLeaving))
+    {
+        // Those whose key it has nothing of any more may go to others.
+        GatherWaiting();
+        return;
+    }
+    for (auto position = m_sessions.begin(); position != m_sessions.end(); ++position)
+    {
+        std::deque<Item>& waiting = position->second.waiting;
+        while (!waiting.empty() && position->second.HasRoom() && MaySend(waiting.front()))
+        {
+            Item item = std::move(waiting.front());
+            waiting.pop_front();
+            --m_waiting;
+            m_keys.Release(item.key, now);
+            SendTo(position, std::move(item), now, effects);
+        }
+    }
+}
+
+/** The instance that the item's key is bound to; the end when that may be any. */
+Application::SessionPosition Application::SessionFor(const Item& item)
+{
+    const auto bound = item.key == 0 ? std::nullopt : m_keys.Find(item.key);
+    const auto position = bound ? m_sessions.find(*bound) : m_sessions.end();
+    const bool isFree = position != m_sessions.end() && position->second.leaving && m_keys.IsIdle(item.key);
+    return isFree ? m_sessions.end() : position;
+}
+
+Application::SessionPosition Application::NextSession()
 {
     auto position = m_sessions.upper_bound(m_lastServed);
     for (std::size_t tried = 0; tried < m_sessions.size(); ++tried, ++position)
@@ -274,18 +358,30 @@ Application::Session* Application::NextSession()
         {
             position = m_sessions.begin();
         }
-        if (position->second.inFlight.size() < position->second.window)
+        if (position->second.HasRoom())
         {
             m_lastServed = position->first;
-            return &position->second;
+            return position;
         }
     }
-    return nullptr;
+    return m_sessions.end();
 }
 
-void Application::SendTo(Session& session, Item item, TimePoint now)
+void Application::PutAside(SessionPosition position, Item item, TimePoint now)
 {
+    m_keys.Take(item.key, position->first, now);
+    position->second.waiting.push_back(std::move(item));
+    ++m_waiting;
+}
+
+void Application::SendTo(SessionPosition position, Item item, TimePoint now, Effects& effects)
+{
+    Session& session = position->second;
     item.since = now;
+    if (item.key != 0)
+    {
+        m_keys.Take(item.key, position->first, now);
+    }
     if (!item.fromParking)
     {
         m_context.budget.AddSent(m_sent, item.bytes);
@@ -294,6 +390,7 @@ void Application::SendTo(Session& session, Item item, TimePoint now)
     session.session->Enqueue({id, item.message, item.tries, item.redelivered});
     session.inFlight.emplace_hint(session.inFlight.end(), id, std::move(item));
     ++m_counters.delivered;
+    effects.Flush(session.session);
     ArmFor(now + m_settings.ackTimeout);
 }
 
@@ -305,7 +402,48 @@ Application::Item Application::TakeInFlight(Session& session, std::map<std::uint
     {
         m_context.budget.RemoveSent(m_sent, item.bytes);
     }
+    if (item.key != 0)
+    {
+        m_keys.Release(item.key, m_context.timers.Now());
+    }
     return item;
+}
+
+void Application::TakeWaiting(Session& session, std::vector<Item>& items)
+{
+    const TimePoint now = m_context.timers.Now();
+    m_waiting -= session.waiting.size();
+    for (Item& item : session.waiting)
+    {
+        m_keys.Release(item.key, now);
+        items.push_back(std::move(item));
+    }
+    session.waiting.clear();
+}
+
+/** Brings what waits for single instances back to its place among the rest. */
+void Application::GatherWaiting()
+{
+    if (m_waiting == 0)
+    {
+        return;
+    }
+    std::vector<Item> items;
+    for (auto& [id, session] : m_sessions)
+    {
+        TakeWaiting(session, items);
+    }
+    Requeue(std::move(items));
+}
+
+void Application::EndWhenAnswered(SessionPosition position, Effects& effects)
+{
+    const Session& session = position->second;
+    if (session.leaving && session.inFlight.empty())
+    {
+        effects.end.emplace_back(session.session, SessionEnd::finished, "");
+        RemoveSession(position);
+    }
 }
 
 void Application::Settle(Item item, const ApplicationVerdict& verdict)
@@ -369,7 +507,7 @@ void Application::Requeue(std::vector<Item> items)
     std::inplace_merge(m_pending.begin(), m_pending.begin() + count, m_pending.end(), earlier);
 }
 
-void Application::RemoveSession(std::map<SessionId, Session>::iterator position)
+void Application::RemoveSession(SessionPosition position)
 {
     Session& session = position->second;
     std::vector<Item> items;
@@ -379,8 +517,10 @@ void Application::RemoveSession(std::map<SessionId, Session>::iterator position)
         items.push_back(TakeInFlight(session, session.inFlight.begin()));
         items.back().redelivered = true;
     }
-    m_sessions.erase(position);
     CountAgainstOldest(items);
+    TakeWaiting(session, items);
+    m_keys.Remove(position->first);
+    m_sessions.erase(position);
     Requeue(std::move(items));
     if (!m_delivering)
     {
@@ -421,6 +561,8 @@ void Application::Shut(const std::string& why, bool park, Effects& effects)
         {
             items.push_back(TakeInFlight(session, session.inFlight.begin()));
         }
+        TakeWaiting(session, items);
+        m_keys.Remove(m_sessions.begin()->first);
         m_sessions.erase(m_sessions.begin());
         Requeue(std::move(items));
     }

@@ -3,6 +3,7 @@
 #include "apps/ApplicationSession.h"
 #include "apps/ApplicationSettings.h"
 #include "apps/HoldBudget.h"
+#include "apps/KeyedInstances.h"
 #include "apps/ParkingQueues.h"
 #include "apps/Timers.h"
 #include "common/Delivery.h"
@@ -91,6 +92,9 @@ struct ApplicationContext
  * come back from there, in order, before it is live again. Two markers sent through the parking queue tell when it is
  * empty: the first that nearly everything has come, the second, behind which nothing was parked, that all has.
  *
+ * Each message goes to the next instance with room in its window or, where the application wants that, to the one that
+ * its ordering key is bound to. What that one has no room for waits apart and is in nobody's way.
+ *
  * Any thread may call. One lock; under it only receipts, parking queues and sessions' Enqueue() are called, all of
  * which just take a note. Messages dropped unanswered (when stopping, or given back to the parking queue) are the
  * broker's to deliver again.
@@ -120,6 +124,11 @@ class Application : public boost::enable_shared_from_this<Application>
     std::optional<SessionId> Attach(boost::shared_ptr<ApplicationSession> session, std::uint32_t window);
     /** Removes an instance; what it has not answered goes to others or waits. Idempotent. */
     void Detach(SessionId id);
+    /**
+     * The instance wants to go: it gets nothing more and is ended (SessionEnd::finished) when it has answered what it
+     * has in hand. What is still on its way to it goes to others or waits.
+     */
+    void Leave(SessionId id);
     /** Takes verdicts in order. @return the first delivery id that wants no verdict; nothing behind it is taken. */
     std::optional<std::uint64_t> Answer(SessionId id, const std::vector<ApplicationVerdict>& verdicts);
     /** Replaces an instance's window, as in Attach(). */
@@ -155,6 +164,7 @@ class Application : public boost::enable_shared_from_this<Application>
         std::uint32_t tries = 0;
         bool redelivered = false;
         bool fromParking = false;
+        OrderingKey key = 0;
         /** When it came or, once sent, when it was sent. */
         TimePoint since;
     };
@@ -165,13 +175,20 @@ class Application : public boost::enable_shared_from_this<Application>
         std::uint32_t window = 0;
         std::uint64_t lastDelivery = 0;
         std::map<std::uint64_t, Item> inFlight;
+        /** What is bound to it by its ordering key and has no room in its window, in order. */
+        std::deque<Item> waiting;
+        bool leaving = false;
+
+        bool HasRoom() const { return !leaving && inFlight.size() < window; }
     };
+    using SessionPosition = std::map<SessionId, Session>::iterator;
 
     /** Calls to sessions that wait until the lock is released. */
     class Effects
     {
       public:
         ~Effects();
+        void Flush(const boost::shared_ptr<ApplicationSession>& session);
         std::vector<boost::shared_ptr<ApplicationSession>> flush;
         std::vector<std::tuple<boost::shared_ptr<ApplicationSession>, SessionEnd, std::string>> end;
     };
@@ -196,14 +213,21 @@ class Application : public boost::enable_shared_from_this<Application>
 
     void Pump(Effects& effects);
     bool PumpOne(TimePoint now, Effects& effects);
-    Session* NextSession();
-    void SendTo(Session& session, Item item, TimePoint now);
+    bool MaySend(const Item& item) const;
+    void ServeWaiting(TimePoint now, Effects& effects);
+    SessionPosition SessionFor(const Item& item);
+    SessionPosition NextSession();
+    void SendTo(SessionPosition position, Item item, TimePoint now, Effects& effects);
+    void PutAside(SessionPosition position, Item item, TimePoint now);
     Item TakeInFlight(Session& session, std::map<std::uint64_t, Item>::iterator position);
+    void TakeWaiting(Session& session, std::vector<Item>& items);
+    void GatherWaiting();
+    void EndWhenAnswered(SessionPosition position, Effects& effects);
     void Settle(Item item, const ApplicationVerdict& verdict);
     void Retry(Item item, std::chrono::milliseconds delay);
     void Bury(Item& item, const std::string& reason);
     void Requeue(std::vector<Item> items);
-    void RemoveSession(std::map<SessionId, Session>::iterator position);
+    void RemoveSession(SessionPosition position);
     void Shut(const std::string& why, bool park, Effects& effects);
     void CountAgainstOldest(std::vector<Item>& items);
     void LeaveBehind(std::deque<Item>& items);
@@ -242,6 +266,9 @@ class Application : public boost::enable_shared_from_this<Application>
     std::map<SessionId, Session> m_sessions;
     /** Where the round robin goes on. */
     SessionId m_lastServed = 0;
+    KeyedInstances m_keys;
+    /** How many items wait for the room of one session. */
+    std::size_t m_waiting = 0;
 
     std::uint64_t m_marker;
     bool m_parkedSinceMarker = false;

@@ -79,6 +79,26 @@ std::vector<std::string> ApplicationGateway::Reload(const std::vector<Applicatio
     return errors;
 }
 
+void ApplicationGateway::BrokerChanged(BrokerState state)
+{
+    if (m_broker.exchange(state) == state)
+    {
+        return;
+    }
+    std::vector<boost::shared_ptr<ApplicationServer>> servers;
+    {
+        const std::lock_guard lock(m_mutex);
+        for (const auto& [name, endpoint] : m_endpoints)
+        {
+            servers.push_back(endpoint.server);
+        }
+    }
+    for (const auto& server : servers)
+    {
+        server->BrokerChanged();
+    }
+}
+
 void ApplicationGateway::Stop(std::chrono::milliseconds budget)
 {
     const auto end = std::chrono::steady_clock::now() + budget;
@@ -165,7 +185,8 @@ void ApplicationGateway::Open(const ApplicationSettings& settings)
     if (!endpoint.server)
     {
         endpoint.server = boost::make_shared<ApplicationServer>(ServiceContext{
-            application, m_context.subscriptions, m_context.publisher, m_context.timers, m_context.agentVersion});
+            application, m_context.subscriptions, m_context.publisher, m_context.timers, m_context.agentVersion,
+            m_broker, m_context.askForConfiguration});
     }
     endpoint.acceptor = boost::make_shared<SocketAcceptor>(
         m_io, SocketPath(settings.name), settings,

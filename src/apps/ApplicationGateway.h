@@ -9,6 +9,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/shared_ptr.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <map>
@@ -31,6 +32,7 @@ struct GatewayContext
     Subscriptions& subscriptions;
     Publisher& publisher;
     Timers& timers;
+    ConfigurationAsker askForConfiguration;
 };
 
 /**
@@ -57,6 +59,9 @@ class ApplicationGateway
      */
     std::vector<std::string> Reload(const std::vector<ApplicationSettings>& applications);
 
+    /** Tells every attached instance. Any thread may call; does not block. */
+    void BrokerChanged(BrokerState state);
+
     /**
      * Takes no more connections, hands out no more deliveries, waits within the budget for the verdicts of those in
      * flight and then ends every stream. Idempotent.
@@ -81,6 +86,7 @@ class ApplicationGateway
     bool IsAnythingInFlight() const;
 
     const GatewayContext m_context;
+    std::atomic<BrokerState> m_broker{BrokerState::disconnected};
     boost::asio::io_context m_io;
     boost::asio::executor_work_guard<boost::asio::io_context::executor_type> m_work;
     std::mutex m_mutex;

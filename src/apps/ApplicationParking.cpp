@@ -99,6 +99,10 @@ std::optional<Application::TimePoint> Application::OldestHeld() const
         {
             consider(session.inFlight.begin()->second.since);
         }
+        if (!session.waiting.empty())
+        {
+            consider(session.waiting.front().since);
+        }
     }
     return oldest;
 }
@@ -148,6 +152,7 @@ void Application::BecomeLive()
 
 void Application::BecomeSlow(Item* last)
 {
+    GatherWaiting();
     ParkAll(m_pending);
     if (last != nullptr)
     {

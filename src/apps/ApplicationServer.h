@@ -34,6 +34,7 @@ class ApplicationServer
      */
     bool Serve(int socket);
     void ConfigurationChanged() { m_service.ConfigurationChanged(); }
+    void BrokerChanged() { m_service.BrokerChanged(); }
     /** Ends every stream and call, at the latest after the budget, and every connection. Idempotent. */
     void Stop(std::chrono::milliseconds budget);
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace VtxQel
 {
@@ -28,7 +29,9 @@ enum class SessionEnd
     /** The instance did not answer in time. */
     overdue,
     /** The agent stops, or the application is no longer configured. */
-    unavailable
+    unavailable,
+    /** The instance wanted to go and has answered everything. */
+    finished
 };
 
 /**
@@ -41,6 +44,11 @@ class ApplicationSession
 
     /** Enqueues a delivery. Called with the application's lock held: must not call the application. */
     virtual void Enqueue(SessionDelivery delivery) = 0;
+    /**
+     * Takes back what is enqueued and not sent yet. Called with the application's lock held, as Enqueue() is.
+     * @return the ids of those deliveries.
+     */
+    virtual std::vector<std::uint64_t> Recall() = 0;
     /** Starts sending what is enqueued, when nothing is being sent. Called without the lock. */
     virtual void Flush() = 0;
     /** Ends the session; the application has forgotten it already. Called without the lock. */

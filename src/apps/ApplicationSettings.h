@@ -24,6 +24,8 @@ struct ApplicationSettings
     std::uint32_t maxTries = 5;
     /** A bound of its own on the bytes that are held for it, below the one for all. */
     std::optional<std::size_t> maxHeldBytes;
+    /** By what messages are kept in order over several instances: nothing, "routing_key" or "header:NAME". */
+    std::string orderingKey;
 
     bool operator==(const ApplicationSettings&) const = default;
 };

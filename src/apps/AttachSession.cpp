@@ -1,6 +1,7 @@
 #include "apps/AttachSession.h"
 
 #include "apps/MessageConversion.h"
+#include "apps/RawMessage.h"
 #include "common/SFormat.h"
 #include "logging/Log.h"
 
@@ -29,6 +30,8 @@ grpc::StatusCode CodeOf(SessionEnd why)
         return grpc::StatusCode::INVALID_ARGUMENT;
     case SessionEnd::overdue:
         return grpc::StatusCode::DEADLINE_EXCEEDED;
+    case SessionEnd::finished:
+        return grpc::StatusCode::OK;
     case SessionEnd::unavailable:
         break;
     }
@@ -98,7 +101,13 @@ void AttachSession::Start()
                 self->CheckHello();
             }
         });
-    StartRead(&m_request);
+    StartRead(&m_received);
+}
+
+void AttachSession::Refuse(const grpc::Status& status)
+{
+    m_self = shared_from_this();
+    EndWith(status);
 }
 
 void AttachSession::CheckHello()
@@ -115,9 +124,20 @@ void AttachSession::CheckHello()
 
 void AttachSession::ConfigurationChanged()
 {
+    Note(m_configurationDue);
+}
+
+void AttachSession::BrokerChanged()
+{
+    Note(m_brokerDue);
+}
+
+/** Before the welcome there is nothing to tell: that has it all. */
+void AttachSession::Note(bool& due)
+{
     {
         const std::lock_guard lock(m_mutex);
-        m_configurationDue = m_helloTaken && !m_welcomeDue;
+        due = m_helloTaken && !m_welcomeDue;
     }
     Flush();
 }
@@ -126,6 +146,19 @@ void AttachSession::Enqueue(SessionDelivery delivery)
 {
     const std::lock_guard lock(m_mutex);
     m_outbox.push_back(std::move(delivery));
+}
+
+std::vector<std::uint64_t> AttachSession::Recall()
+{
+    const std::lock_guard lock(m_mutex);
+    std::vector<std::uint64_t> ids;
+    ids.reserve(m_outbox.size());
+    for (const SessionDelivery& delivery : m_outbox)
+    {
+        ids.push_back(delivery.id);
+    }
+    m_outbox.clear();
+    return ids;
 }
 
 void AttachSession::Flush()
@@ -137,8 +170,9 @@ void AttachSession::Flush()
             return;
         }
         m_writing = true;
+        Serialize(m_response, m_toSend);
     }
-    StartWrite(&m_response);
+    StartWrite(&m_toSend);
 }
 
 void AttachSession::End(SessionEnd why, const std::string& text)
@@ -153,13 +187,13 @@ void AttachSession::OnReadDone(bool ok)
         EndWith(grpc::Status::OK);
         return;
     }
-    const std::string wrong = Take(m_request);
+    const std::string wrong = TakeRequest();
     if (!wrong.empty())
     {
         End(SessionEnd::invalid, wrong);
         return;
     }
-    StartRead(&m_request);
+    StartRead(&m_received);
 }
 
 void AttachSession::OnWriteDone(bool /*ok*/)
@@ -198,11 +232,23 @@ void AttachSession::OnDone()
     const boost::shared_ptr<AttachSession> last = std::move(m_self);
 }
 
+std::string AttachSession::TakeRequest()
+{
+    std::string wrong = Parse(m_received, m_request);
+    m_received.Clear();
+    return wrong.empty() ? Take(m_request) : wrong;
+}
+
 std::string AttachSession::Take(const proto::AttachRequest& request)
 {
     if (!m_helloTaken && request.kind_case() != proto::AttachRequest::kHello)
     {
         return "the first message of the stream must be AttachRequest.hello";
+    }
+    if (m_helloTaken && !m_id)
+    {
+        // It could not attach; the stream's end is on its way.
+        return "";
     }
     switch (request.kind_case())
     {
@@ -213,6 +259,8 @@ std::string AttachSession::Take(const proto::AttachRequest& request)
     case proto::AttachRequest::kWindow:
         return TakeWindow(request.window());
     case proto::AttachRequest::kDetach:
+        m_context.application->Leave(*m_id);
+        break;
     case proto::AttachRequest::KIND_NOT_SET:
         break;
     }
@@ -302,6 +350,8 @@ bool AttachSession::FillResponse()
         proto::Welcome& welcome = *m_response.mutable_welcome();
         welcome.set_application(m_context.application->Name());
         welcome.set_agent_version(m_context.agentVersion);
+        welcome.set_ordering_key(m_context.application->Settings().orderingKey);
+        welcome.mutable_broker()->set_state(ToProto(m_context.broker));
         ToProto(m_context.subscriptions.Status(m_context.application->Name()), *welcome.mutable_configuration());
         return true;
     }
@@ -310,6 +360,12 @@ bool AttachSession::FillResponse()
         m_configurationDue = false;
         m_response.mutable_configuration()->Clear();
         ToProto(m_context.subscriptions.Status(m_context.application->Name()), *m_response.mutable_configuration());
+        return true;
+    }
+    if (m_brokerDue)
+    {
+        m_brokerDue = false;
+        m_response.mutable_broker()->set_state(ToProto(m_context.broker));
         return true;
     }
     if (m_outbox.empty())
@@ -329,7 +385,10 @@ void AttachSession::FillDeliveries()
     {
         const SessionDelivery& next = m_outbox.front();
         m_batchBytes += next.message->GetFootprint();
-        ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), *batch.add_deliveries());
+        proto::Delivery& delivery = *batch.add_deliveries();
+        ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), delivery);
+        delivery.set_idempotency_key(
+            IdempotencyKey(m_context.application->Name(), next.message->GetProperties()->messageId));
         m_outbox.pop_front();
     }
 }

@@ -2,14 +2,19 @@
 
 #include "apps/Application.h"
 #include "apps/ApplicationSession.h"
+#include "apps/BrokerState.h"
+#include "apps/ConfigurationCall.h"
 #include "apps/Subscriptions.h"
 #include "apps/Timers.h"
 #include "common/Publisher.h"
-#include "qel/apps/v1/applications.grpc.pb.h"
+#include "qel/apps/v1/applications.pb.h"
 
 #include <boost/shared_ptr.hpp>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
+#include <grpcpp/support/byte_buffer.h>
+#include <grpcpp/support/server_callback.h>
 
+#include <atomic>
 #include <deque>
 #include <mutex>
 #include <optional>
@@ -27,6 +32,8 @@ struct ServiceContext
     Publisher& publisher;
     Timers& timers;
     std::string agentVersion;
+    const std::atomic<BrokerState>& broker;
+    ConfigurationAsker askForConfiguration;
 };
 
 /**
@@ -37,7 +44,7 @@ struct ServiceContext
  * that the instance breaks ends the stream with a status that says what to do; the application gives what was in flight
  * to another instance.
  */
-class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachRequest, qel::apps::v1::AttachResponse>,
+class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>,
                       public ApplicationSession,
                       public boost::enable_shared_from_this<AttachSession>
 {
@@ -46,10 +53,15 @@ class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachReques
 
     /** Waits for the instance's Hello. Call once, when a shared pointer owns the session. */
     void Start();
+    /** Ends the stream at once. Instead of Start(). */
+    void Refuse(const grpc::Status& status);
     /** Sends the configuration's state as it is now. */
     void ConfigurationChanged();
+    /** Sends the state of the connection to the broker as it is now. */
+    void BrokerChanged();
 
     void Enqueue(SessionDelivery delivery) override;
+    std::vector<std::uint64_t> Recall() override;
     void Flush() override;
     void End(SessionEnd why, const std::string& text) override;
     const std::string& Instance() const override { return m_instance; }
@@ -61,12 +73,14 @@ class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachReques
 
   private:
     /** Each returns what the instance did wrong, empty when nothing. */
+    std::string TakeRequest();
     std::string Take(const qel::apps::v1::AttachRequest& request);
     std::string TakeHello(const qel::apps::v1::Hello& hello);
     std::string TakeVerdicts(const qel::apps::v1::VerdictBatch& batch);
     std::string TakeWindow(const qel::apps::v1::WindowUpdate& update);
 
     void CheckHello();
+    void Note(bool& due);
     bool FillResponse();
     void FillDeliveries();
     void EndWith(const grpc::Status& status);
@@ -74,6 +88,7 @@ class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachReques
 
     const ServiceContext m_context;
     /** Used by the reading side only. */
+    grpc::ByteBuffer m_received;
     qel::apps::v1::AttachRequest m_request;
     std::vector<ApplicationVerdict> m_verdicts;
     /** Set before the session attaches, constant from then on. */
@@ -82,12 +97,14 @@ class AttachSession : public grpc::ServerBidiReactor<qel::apps::v1::AttachReques
     std::mutex m_mutex;
     /** Guarded by m_mutex, like everything below; the response belongs to the write while there is one. */
     qel::apps::v1::AttachResponse m_response;
+    grpc::ByteBuffer m_toSend;
     std::deque<SessionDelivery> m_outbox;
     /** What the response holds: bodies and headers. */
     std::size_t m_batchBytes = 0;
     bool m_helloTaken = false;
     bool m_welcomeDue = false;
     bool m_configurationDue = false;
+    bool m_brokerDue = false;
     bool m_writing = false;
     bool m_finished = false;
     std::optional<grpc::Status> m_ending;

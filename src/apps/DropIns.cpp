@@ -1,5 +1,6 @@
 #include "apps/DropIns.h"
 
+#include "apps/OrderingKeys.h"
 #include "apps/PeerAccess.h"
 #include "apps/StrictToml.h"
 #include "common/Printable.h"
@@ -56,6 +57,11 @@ void Load(const std::filesystem::path& file, DropIns& dropIns)
     if (toml.Has("max_held_bytes"))
     {
         settings.maxHeldBytes = static_cast<std::size_t>(toml.Integer("max_held_bytes", 1, maxHeldBytesRange));
+    }
+    settings.orderingKey = toml.String("ordering_key", otherwise.orderingKey);
+    if (!IsOrderingKeySource(settings.orderingKey))
+    {
+        toml.Fail("ordering_key", "use \"routing_key\" or \"header:NAME\" with a name of at most 255 bytes");
     }
     std::vector<std::string> problems = toml.Problems();
     if (!IsApplicationName(settings.name))

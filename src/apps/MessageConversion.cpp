@@ -326,6 +326,41 @@ void ToProto(const ConfigurationStatus& status, proto::Configuration& out)
     out.set_incomplete(!complete);
 }
 
+proto::Broker::State ToProto(BrokerState state)
+{
+    switch (state)
+    {
+    case BrokerState::connected:
+        return proto::Broker::CONNECTED;
+    case BrokerState::blocked:
+        return proto::Broker::BLOCKED;
+    case BrokerState::disconnected:
+        break;
+    }
+    return proto::Broker::DISCONNECTED;
+}
+
+std::string IdempotencyKey(const std::string& application, const std::string& messageId)
+{
+    if (messageId.empty())
+    {
+        return "";
+    }
+    std::string key = application + "/";
+    for (const char character : messageId)
+    {
+        if (character > ' ' && character < 127 && character != '%')
+        {
+            key += character;
+        }
+        else
+        {
+            key += SFormat("%%%02X", static_cast<unsigned>(static_cast<unsigned char>(character)));
+        }
+    }
+    return key;
+}
+
 std::string FromProto(const proto::Properties& from, RmqProperties& properties)
 {
     try

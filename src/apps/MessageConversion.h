@@ -1,6 +1,7 @@
 #pragma once
 
 #include "apps/ApplicationSession.h"
+#include "apps/BrokerState.h"
 #include "apps/Subscriptions.h"
 #include "common/Publisher.h"
 #include "common/RmqMessage.h"
@@ -19,6 +20,11 @@ void ToProto(const SessionDelivery& delivery, bool isPriority, qel::apps::v1::De
 
 /** Fills the state of a configuration; of very long lists the beginning, and says so. */
 void ToProto(const ConfigurationStatus& status, qel::apps::v1::Configuration& proto);
+
+qel::apps::v1::Broker::State ToProto(BrokerState state);
+
+/** What names a message for an application each time that it is delivered; empty without a message id. */
+std::string IdempotencyKey(const std::string& application, const std::string& messageId);
 
 /**
  * Checks and copies properties from an application.

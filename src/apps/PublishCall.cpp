@@ -1,7 +1,10 @@
 #include "apps/PublishCall.h"
 
 #include "apps/MessageConversion.h"
+#include "apps/RawMessage.h"
 #include "common/SFormat.h"
+
+#include <grpcpp/server_context.h>
 
 #include <algorithm>
 
@@ -13,12 +16,15 @@ namespace
 
 /** What a caller without a deadline of its own gets, and the longest. */
 constexpr std::chrono::milliseconds longestWait{30000};
+/** What the answer needs to reach a caller before he gives up, who would not learn then whether it was sent. */
+constexpr std::chrono::milliseconds longestWayBack{250};
 
 std::chrono::milliseconds WaitOf(const grpc::CallbackServerContext& context)
 {
     const auto left = context.deadline() - std::chrono::system_clock::now();
     const auto inMilliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(left);
-    return std::clamp(inMilliseconds, std::chrono::milliseconds(1), longestWait);
+    const auto wayBack = std::min(inMilliseconds / 4, longestWayBack);
+    return std::clamp(inMilliseconds - wayBack, std::chrono::milliseconds(1), longestWait);
 }
 
 } // namespace
@@ -55,6 +61,8 @@ grpc::Status StatusOf(PublishResult result, const std::string& why)
     case PublishResult::timedOut:
         return {
             grpc::StatusCode::DEADLINE_EXCEEDED, text("the broker has not confirmed in time and may have the message")};
+    case PublishResult::notSent:
+        return {grpc::StatusCode::UNAVAILABLE, text("the broker is away") + ": not sent, try again later"};
     case PublishResult::overloaded:
         break;
     }
@@ -72,12 +80,19 @@ PublishCall::~PublishCall()
 }
 
 void PublishCall::Start(
-    Publisher& publisher, const grpc::CallbackServerContext& context, qel::apps::v1::PublishRequest& request)
+    Publisher& publisher, const grpc::CallbackServerContext& context, grpc::ByteBuffer& request,
+    grpc::ByteBuffer& response)
 {
-    m_self = shared_from_this();
+    Begin();
+    Serialize(qel::apps::v1::PublishResponse(), response);
+    qel::apps::v1::PublishRequest parsed;
+    std::string wrong = Parse(request, parsed);
+    m_bytes = parsed.body().size();
     OutgoingMessage message;
-    m_bytes = request.body().size();
-    const std::string wrong = FromProto(request, message);
+    if (wrong.empty())
+    {
+        wrong = FromProto(parsed, message);
+    }
     if (!wrong.empty())
     {
         FinishOnce({grpc::StatusCode::INVALID_ARGUMENT, wrong});
@@ -96,26 +111,8 @@ void PublishCall::Start(
     }
     message.deadline = WaitOf(context);
     publisher.Publish(
-        std::move(message), [self = shared_from_this()](PublishResult result, const std::string& why)
-        { self->FinishOnce(StatusOf(result, why)); });
-}
-
-void PublishCall::OnCancel()
-{
-    FinishOnce({grpc::StatusCode::CANCELLED, "the call was cancelled"});
-}
-
-void PublishCall::OnDone()
-{
-    const boost::shared_ptr<PublishCall> last = std::move(m_self);
-}
-
-void PublishCall::FinishOnce(const grpc::Status& status)
-{
-    if (!m_finished.exchange(true))
-    {
-        Finish(status);
-    }
+        std::move(message), [this, self = shared_from_this()](PublishResult result, const std::string& why)
+        { FinishOnce(StatusOf(result, why)); });
 }
 
 } // namespace VtxQel

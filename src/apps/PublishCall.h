@@ -1,10 +1,10 @@
 #pragma once
 
+#include "apps/UnaryCall.h"
 #include "common/Publisher.h"
-#include "qel/apps/v1/applications.grpc.pb.h"
 
 #include <boost/shared_ptr.hpp>
-#include <boost/smart_ptr/enable_shared_from_this.hpp>
+#include <grpcpp/support/byte_buffer.h>
 
 #include <atomic>
 #include <cstddef>
@@ -34,9 +34,9 @@ grpc::Status StatusOf(PublishResult result, const std::string& why);
 
 /**
  * PublishCall is one Publish call: it is answered when the publisher has reported, or at once when the caller has gone
- * away or the server shuts down. It keeps itself alive until gRPC is done with it and the publisher has reported.
+ * away or the server shuts down. What it has taken from the quota it keeps until the publisher has reported.
  */
-class PublishCall : public grpc::ServerUnaryReactor, public boost::enable_shared_from_this<PublishCall>
+class PublishCall : public UnaryCall
 {
   public:
     explicit PublishCall(boost::shared_ptr<PublishQuota> quota);
@@ -44,22 +44,16 @@ class PublishCall : public grpc::ServerUnaryReactor, public boost::enable_shared
     PublishCall(const PublishCall&) = delete;
     PublishCall& operator=(const PublishCall&) = delete;
 
-    /** Checks and publishes the request, whose body is moved out. Call once, when a shared pointer owns the call. */
+    /** Parses, checks and publishes the request, which is used up. Call once, when a shared pointer owns the call. */
     void Start(
-        Publisher& publisher, const grpc::CallbackServerContext& context, qel::apps::v1::PublishRequest& request);
-
-    void OnCancel() override;
-    void OnDone() override;
+        Publisher& publisher, const grpc::CallbackServerContext& context, grpc::ByteBuffer& request,
+        grpc::ByteBuffer& response);
 
   private:
-    void FinishOnce(const grpc::Status& status);
-
     const boost::shared_ptr<PublishQuota> m_quota;
     /** What was taken from the quota; given back with the call. */
     std::size_t m_bytes = 0;
     bool m_taken = false;
-    std::atomic<bool> m_finished{false};
-    boost::shared_ptr<PublishCall> m_self;
 };
 
 } // namespace VtxQel

@@ -222,6 +222,14 @@ void BrokerClient::OnLeft(std::size_t unsettled)
     }
 }
 
+void BrokerClient::OnBlocked(bool blocked)
+{
+    if (m_events.blocked)
+    {
+        m_events.blocked(blocked);
+    }
+}
+
 void BrokerClient::OnConsumerCancelled(const std::string&)
 {
     m_events.withdrawn();

@@ -42,6 +42,8 @@ struct BrokerEvents
     std::function<void()> restored;
     /** The body of a ping's reply, as JSON; an empty body without it. */
     std::function<std::string()> pingReply = nullptr;
+    /** The broker stops taking messages because of an alarm, or takes them again; on the link's thread. */
+    std::function<void(bool blocked)> blocked = nullptr;
 };
 
 /**
@@ -119,6 +121,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     void OnConsumerCancelled(const std::string& queue) override;
     void OnDelivery(IncomingMessage&& message) override;
     void OnRefusedDelivery(IncomingMessage&& message, const std::string& why) override;
+    void OnBlocked(bool blocked) override;
     void OnGaveUp(const std::string& why) override;
 
     RequestResult Bind(const Binding& binding) override;

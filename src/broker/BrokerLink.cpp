@@ -154,6 +154,7 @@ void BrokerLink::Impl::Start()
     m_publish = std::make_unique<PublishLink>(
         m_io, *m_source, m_state, [this](std::size_t bytes) { OnPublicationEnded(bytes); });
     m_publish->SetPreferredUrl([this] { return m_consume->UrlIndex(); });
+    m_publish->SetOnBlocked([this](bool blocked) { m_listener.OnBlocked(blocked); });
     m_consume->SetCollector([this] { CollectSettlements(); });
     m_consume->SetOnOpen([this] { m_publish->Hurry(); });
     m_move = std::make_unique<FrontEndMove>(

@@ -239,6 +239,8 @@ class LinkListener
      * somebody may mend it meanwhile.
      */
     virtual void OnLoginRefused(const std::string&) {}
+    /** The broker stops taking messages because of an alarm, or takes them again. Deliveries go on. */
+    virtual void OnBlocked(bool) {}
 };
 
 /**

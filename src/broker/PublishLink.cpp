@@ -237,6 +237,7 @@ bool PublishLink::Send(PublicationPtr& publication)
         publish.mandatory = message.mandatory ? 1 : 0;
         amqp_basic_properties_t properties = ToAmqp(message.properties, pool);
         m_connection->SendPublish(CHANNEL, publish, properties, message.body);
+        publication->sent = true;
         return true;
     }
     catch (const RmqMessageException& e)
@@ -386,8 +387,7 @@ void PublishLink::TakeBack(bool suspect)
 
 void PublishLink::OnBlocked(bool blocked, const std::string& reason)
 {
-    m_blocked = blocked;
-    m_state.Update([&](LinkStatus& status) { status.blocked = blocked; });
+    NoteBlocked(blocked);
     if (blocked)
     {
         QEL_LOG(vtx::LevelWarning, "The broker takes no messages: %s", reason.c_str());
@@ -396,6 +396,15 @@ void PublishLink::OnBlocked(bool blocked, const std::string& reason)
     {
         QEL_LOG(vtx::LevelStatus, "The broker takes messages again");
         Pump();
+    }
+}
+
+void PublishLink::NoteBlocked(bool blocked)
+{
+    if (std::exchange(m_blocked, blocked) != blocked)
+    {
+        m_state.Update([&](LinkStatus& status) { status.blocked = blocked; });
+        m_onBlocked(blocked);
     }
 }
 
@@ -450,8 +459,7 @@ void PublishLink::ForgetChannel()
     TakeBack(false);
     m_reopening = false;
     m_drainingSince.reset();
-    m_blocked = false;
-    m_state.Update([](LinkStatus& status) { status.blocked = false; });
+    NoteBlocked(false);
     CheckQuiet();
 }
 
@@ -565,7 +573,7 @@ void PublishLink::EndLate(Clock::time_point now)
         {
             if (publication.deadline <= now)
             {
-                End(publication, PublishResult::timedOut, why);
+                End(publication, publication.sent ? PublishResult::timedOut : PublishResult::notSent, why);
             }
         });
 }

@@ -29,6 +29,8 @@ struct Publication
     /** Called once; afterwards empty, which also says that the publication is over. */
     PublishCompletion done;
     std::chrono::steady_clock::time_point deadline;
+    /** It was given to a connection at some time. */
+    bool sent = false;
     /** The broker returned it: no queue takes it. */
     bool returned = false;
     /**
@@ -59,6 +61,8 @@ class PublishLink : private AmqpConnectionHandler
 
     PublishLink(boost::asio::io_context& io, ConnectionSource& source, LinkState& state, OnEnded onEnded);
 
+    /** @param onBlocked told when the broker stops taking messages and when that is over. */
+    void SetOnBlocked(std::function<void(bool blocked)> onBlocked) { m_onBlocked = std::move(onBlocked); }
     /** @param preferredUrl where to connect first, asked for whenever a connection is made. */
     void SetPreferredUrl(std::function<std::size_t()> preferredUrl) { m_preferredUrl = std::move(preferredUrl); }
     void Publish(OutgoingMessage message, PublishCompletion done, std::chrono::steady_clock::time_point deadline);
@@ -114,6 +118,7 @@ class PublishLink : private AmqpConnectionHandler
     /** Everything on its way goes back to the front of what waits, in its order. */
     void TakeBack(bool suspect);
     void End(Publication& publication, PublishResult result, const std::string& why);
+    void NoteBlocked(bool blocked);
     void StartTick();
     void OnTick();
     void EndLate(std::chrono::steady_clock::time_point now);
@@ -131,6 +136,7 @@ class PublishLink : private AmqpConnectionHandler
     ConnectionSource& m_source;
     LinkState& m_state;
     OnEnded m_onEnded;
+    std::function<void(bool blocked)> m_onBlocked;
     std::function<std::size_t()> m_preferredUrl;
 
     std::shared_ptr<AmqpConnection> m_connection;

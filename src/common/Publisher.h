@@ -34,6 +34,8 @@ enum class PublishResult
     refused,
     /** No confirm within the deadline; the broker may or may not have it. */
     timedOut,
+    /** The deadline passed before it could be sent: the broker was away or took no messages. */
+    notSent,
     /** Too much is waiting to be published already (the broker is blocked or away); it was not sent. */
     overloaded
 };

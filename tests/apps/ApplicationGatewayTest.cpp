@@ -75,6 +75,229 @@ TEST_F(GatewayTest, WelcomeTellsNameVersionWindowAndConfiguration)
     EXPECT_FALSE(welcome.configuration().incomplete());
 }
 
+TEST_F(GatewayTest, WelcomeTellsTheBrokersStateAndTheOrderingKey)
+{
+    m_settings[1].orderingKey = "header:customer";
+    Reload();
+    TestClient early(PathOf("first"));
+    const proto::Welcome before = early.Attach();
+    EXPECT_EQ(before.broker().state(), proto::Broker::DISCONNECTED);
+    EXPECT_EQ(before.ordering_key(), "");
+    m_gateway.BrokerChanged(BrokerState::connected);
+    TestClient late(PathOf("second"));
+    const proto::Welcome after = late.Attach();
+    EXPECT_EQ(after.broker().state(), proto::Broker::CONNECTED);
+    EXPECT_EQ(after.ordering_key(), "header:customer");
+}
+
+TEST_F(GatewayTest, ChangesOfTheConnectionToTheBrokerArePushedOnce)
+{
+    m_gateway.BrokerChanged(BrokerState::connected);
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first");
+    m_gateway.BrokerChanged(BrokerState::connected);
+    m_gateway.BrokerChanged(BrokerState::blocked);
+    EXPECT_EQ(client.Read()->broker().state(), proto::Broker::BLOCKED);
+    m_gateway.BrokerChanged(BrokerState::disconnected);
+    EXPECT_EQ(client.Read()->broker().state(), proto::Broker::DISCONNECTED);
+    Dispatch("first", {"a"});
+    EXPECT_THAT(BodiesOf(client.ReadDeliveries(1)), ElementsAre("a"));
+}
+
+TEST_F(GatewayTest, ADeliveryHasAKeyThatNamesItsMessage)
+{
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first");
+    FakeMessage message{.body = "named"};
+    message.properties.messageId = "order 17%\xFF";
+    DispatchOne("first", message);
+    DispatchOne("first", message);
+    Dispatch("first", {"nameless"});
+    const auto deliveries = client.ReadDeliveries(3);
+    ASSERT_EQ(deliveries.size(), 3U);
+    EXPECT_EQ(deliveries[0].idempotency_key(), "first/order%2017%25%FF");
+    EXPECT_EQ(deliveries[1].idempotency_key(), deliveries[0].idempotency_key());
+    EXPECT_EQ(deliveries[2].idempotency_key(), "");
+}
+
+TEST_F(GatewayTest, AnInstanceThatDetachesAnswersWhatItHasAndEndsWell)
+{
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first", 2);
+    Dispatch("first", {"a", "b", "c"});
+    EXPECT_THAT(BodiesOf(client.ReadDeliveries(2)), ElementsAre("a", "b"));
+    client.SendDetach();
+    client.SendVerdict(1);
+    client.SendDetach();
+    client.SendVerdict(2, proto::Verdict::DEAD);
+    EXPECT_TRUE(client.Finish().ok());
+    EXPECT_THAT(m_log.Take(), ElementsAre("a done", "b dead:why", "c park"));
+    EXPECT_EQ(m_applications.Find("first")->Snapshot().sessions, 0U);
+}
+
+TEST_F(GatewayTest, AnInstanceThatDetachesWithNothingInHandEndsAtOnce)
+{
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first");
+    client.SendDetach();
+    EXPECT_TRUE(client.Finish().ok());
+}
+
+TEST_F(GatewayTest, AWrongVerdictWhileDetachingIsStillWrong)
+{
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first");
+    Dispatch("first", {"a"});
+    client.ReadDeliveries(1);
+    client.SendDetach();
+    client.SendVerdict(2);
+    EXPECT_EQ(client.Finish().error_code(), grpc::StatusCode::INVALID_ARGUMENT);
+    EXPECT_THAT(m_log.Take(), ElementsAre("a park"));
+}
+
+TEST_F(GatewayTest, BytesThatAreNoRequestAreRefusedWithWhatToDo)
+{
+    const std::string text = "send what the interface's .proto file describes";
+    const std::string instanceThatIsNoText("\x0a\x03\x0a\x01\xff");
+    const std::string exchangeThatIsNoText("\x0a\x01\xff");
+    for (const auto& [method, bytes] :
+         {std::pair("Attach", instanceThatIsNoText),
+          {"Attach", "\xff"},
+          {"Publish", exchangeThatIsNoText},
+          {"Publish", "\xff"},
+          {"RequestConfiguration", "\xff"}})
+    {
+        const grpc::Status status = CallRaw(PathOf("first"), method, bytes).first;
+        EXPECT_EQ(status.error_code(), grpc::StatusCode::INVALID_ARGUMENT) << method;
+        EXPECT_THAT(status.error_message(), HasSubstr(text)) << method;
+    }
+    EXPECT_THAT(m_publisher.Messages(), IsEmpty());
+    EXPECT_THAT(m_asked, IsEmpty());
+}
+
+/** What a program of a later version may say. */
+template <typename Message>
+Message& WithUnknownField(Message& message)
+{
+    message.GetReflection()->MutableUnknownFields(&message)->AddLengthDelimited(1000, "news");
+    return message;
+}
+
+TEST_F(GatewayTest, WhatOnlyANewerApplicationSaysIsIgnored)
+{
+    TestClient client(PathOf("first"));
+    client.Open();
+    proto::AttachRequest request;
+    WithUnknownField(request);
+    WithUnknownField(*request.mutable_hello()).set_window(4);
+    client.Send(request);
+    EXPECT_EQ(client.Read()->welcome().window(), 4U);
+    request.clear_kind();
+    client.Send(request);
+    MakeLive("first");
+    Dispatch("first", {"a", "b"});
+    client.ReadDeliveries(2);
+    auto& verdict = WithUnknownField(*WithUnknownField(*request.mutable_verdicts()).add_verdicts());
+    verdict.set_delivery_id(1);
+    verdict.set_kind(proto::Verdict::DONE);
+    client.Send(request);
+    WithUnknownField(*request.mutable_detach());
+    client.Send(request);
+    client.SendVerdict(2);
+    EXPECT_TRUE(client.Finish().ok());
+    EXPECT_THAT(m_log.Take(), ElementsAre("a done", "b done"));
+    proto::PublishRequest publish;
+    WithUnknownField(publish).set_body("b");
+    EXPECT_TRUE(CallRaw(PathOf("first"), "Publish", publish.SerializeAsString()).first.ok());
+}
+
+TEST_F(GatewayTest, MoreStreamsThanAllowedAreRefusedAndPlacesBecomeFreeAgain)
+{
+    TestClient half(PathOf("first"));
+    TestClient otherHalf(PathOf("first"));
+    std::vector<std::unique_ptr<grpc::ClientContext>> contexts;
+    std::vector<std::unique_ptr<grpc::ClientReaderWriter<proto::AttachRequest, proto::AttachResponse>>> streams;
+    proto::AttachRequest hello;
+    hello.mutable_hello();
+    proto::AttachResponse response;
+    const auto attach = [&]
+    {
+        contexts.push_back(std::make_unique<grpc::ClientContext>());
+        contexts.back()->set_wait_for_ready(true);
+        auto& client = contexts.size() % 2 == 0 ? half : otherHalf;
+        streams.push_back(client.GetStub().Attach(contexts.back().get()));
+        return streams.back()->Write(hello) && streams.back()->Read(&response);
+    };
+    for (std::size_t number = 0; number < ApplicationService::mostStreams; ++number)
+    {
+        ASSERT_TRUE(attach()) << number;
+    }
+    EXPECT_FALSE(attach());
+    const grpc::Status status = streams.back()->Finish();
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    EXPECT_THAT(status.error_message(), HasSubstr("256 streams of this application are attached"));
+    contexts.front()->TryCancel();
+    EXPECT_TRUE(Eventually(attach));
+    for (const auto& context : contexts)
+    {
+        context->TryCancel();
+    }
+}
+
+struct AskCase
+{
+    PublishResult result;
+    grpc::StatusCode code;
+    const char* text;
+};
+
+class AskTest : public GatewayTest, public testing::WithParamInterface<AskCase>
+{
+};
+
+TEST_P(AskTest, TheOutcomeBecomesAStatus)
+{
+    m_asking = {GetParam().result, "because"};
+    m_subscriptions.BeginConfiguration("first");
+    m_subscriptions.AddTopic("first", "a.b", "client");
+    m_subscriptions.Commit("first");
+    TestClient client(PathOf("first"));
+    grpc::ClientContext context;
+    context.set_wait_for_ready(true);
+    proto::RequestConfigurationResponse response;
+    const grpc::Status status = client.GetStub().RequestConfiguration(&context, {}, &response);
+    EXPECT_EQ(status.error_code(), GetParam().code);
+    EXPECT_THAT(status.error_message(), HasSubstr(GetParam().text));
+    EXPECT_THAT(m_asked, ElementsAre("first"));
+    if (status.ok())
+    {
+        EXPECT_EQ(response.configuration().state(), proto::Configuration::APPLIED);
+        EXPECT_THAT(response.configuration().topics(), ElementsAre("a.b"));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    All, AskTest,
+    testing::Values(
+        AskCase{PublishResult::confirmed, grpc::StatusCode::OK, ""},
+        AskCase{PublishResult::noRoute, grpc::StatusCode::NOT_FOUND, "the management plane is not there"},
+        AskCase{PublishResult::refused, grpc::StatusCode::FAILED_PRECONDITION, "because: the operator has to mend"},
+        AskCase{PublishResult::timedOut, grpc::StatusCode::DEADLINE_EXCEEDED, "because: the management plane may have"},
+        AskCase{PublishResult::notSent, grpc::StatusCode::UNAVAILABLE, "because: not sent"},
+        AskCase{PublishResult::overloaded, grpc::StatusCode::UNAVAILABLE, "because: not sent"}));
+
+TEST_F(GatewayTest, AskingAgainAtOnceIsRefused)
+{
+    EXPECT_TRUE(CallRaw(PathOf("first"), "RequestConfiguration", "").first.ok());
+    const grpc::Status status = CallRaw(PathOf("first"), "RequestConfiguration", "").first;
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    EXPECT_THAT(status.error_message(), HasSubstr("wait for the Configuration"));
+    EXPECT_TRUE(CallRaw(PathOf("second"), "RequestConfiguration", "").first.ok());
+    m_timers.Step(std::chrono::seconds(1));
+    EXPECT_TRUE(CallRaw(PathOf("first"), "RequestConfiguration", "").first.ok());
+    EXPECT_THAT(m_asked, ElementsAre("first", "second", "first"));
+}
+
 TEST_F(GatewayTest, DeliversAndTakesVerdicts)
 {
     TestClient client(PathOf("first"));
@@ -347,6 +570,14 @@ INSTANTIATE_TEST_SUITE_P(
         PublishCase{PublishResult::refused, grpc::StatusCode::INVALID_ARGUMENT},
         PublishCase{PublishResult::timedOut, grpc::StatusCode::DEADLINE_EXCEEDED},
         PublishCase{PublishResult::overloaded, grpc::StatusCode::UNAVAILABLE}));
+
+TEST_F(GatewayTest, AMessageThatCouldNotBeSentIsSaidToBeUnsent)
+{
+    m_publisher.AnswerWith(PublishResult::notSent, "the broker takes no messages");
+    const grpc::Status status = CallRaw(PathOf("first"), "Publish", "").first;
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::UNAVAILABLE);
+    EXPECT_EQ(status.error_message(), "the broker takes no messages: not sent, try again later");
+}
 
 TEST_F(GatewayTest, APublishWithWrongPropertiesIsRefusedWithoutThePublisher)
 {

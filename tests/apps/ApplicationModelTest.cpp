@@ -23,6 +23,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Kind = ApplicationVerdict::Kind;
 
+/** The ordering key of a message. */
+int KeyOf(int number)
+{
+    return number % 3;
+}
+
 /**
  * The broker as far as one application sees it: a client queue, a parking queue that is consumed in order, and
  * settlement. Any thread may call; one mutex, never held while the application is called.
@@ -147,7 +153,11 @@ class ModelBroker : public ParkingQueues
     {
         application.Offer(
             boost::make_shared<FakeDelivery>(
-                m_log, FakeMessage{.body = std::to_string(number), .parkedFor = consumption == 0 ? "" : "app"}),
+                m_log,
+                FakeMessage{
+                    .body = std::to_string(number),
+                    .routingKey = std::to_string(KeyOf(number)),
+                    .parkedFor = consumption == 0 ? "" : "app"}),
             boost::make_shared<ModelReceipt>(*this, number, consumption));
     }
     void Settle(ModelReceipt& receipt, bool park)
@@ -200,13 +210,17 @@ class ModelBroker : public ParkingQueues
 class FirstDeliveries
 {
   public:
+    /** @param byKey whether only messages of the same key have to be in order. */
+    explicit FirstDeliveries(bool byKey) : m_byKey(byKey) {}
+
     void Note(int number)
     {
         const std::lock_guard lock(m_mutex);
         if (m_seen.insert(number).second)
         {
-            m_inOrder = m_inOrder && number > m_last;
-            m_last = number;
+            int& last = m_last[m_byKey ? KeyOf(number) : 0];
+            m_inOrder = m_inOrder && number > last;
+            last = number;
         }
     }
     bool InOrder() const
@@ -217,8 +231,9 @@ class FirstDeliveries
 
   private:
     mutable std::mutex m_mutex;
+    const bool m_byKey;
     std::set<int> m_seen;
-    int m_last = 0;
+    std::map<int, int> m_last;
     bool m_inOrder = true;
 };
 
@@ -229,9 +244,22 @@ class ModelSession : public ApplicationSession
 
     void Enqueue(SessionDelivery delivery) override
     {
-        m_deliveries.Note(std::stoi(delivery.message->ToString()));
+        const int number = std::stoi(delivery.message->ToString());
+        m_deliveries.Note(number);
         const std::lock_guard lock(m_mutex);
-        m_unanswered.push_back(delivery.id);
+        m_unanswered.emplace_back(delivery.id, number);
+    }
+    std::vector<std::uint64_t> Recall() override
+    {
+        // The last one was not sent yet.
+        const std::lock_guard lock(m_mutex);
+        std::vector<std::uint64_t> ids;
+        if (!m_unanswered.empty())
+        {
+            ids.push_back(m_unanswered.back().first);
+            m_unanswered.pop_back();
+        }
+        return ids;
     }
     void Flush() override {}
     void End(SessionEnd, const std::string&) override { m_ended = true; }
@@ -247,29 +275,43 @@ class ModelSession : public ApplicationSession
             return std::nullopt;
         }
         const std::size_t position = luck % std::min<std::size_t>(m_unanswered.size(), 3);
-        const std::uint64_t id = m_unanswered[position];
+        const std::uint64_t id = m_unanswered[position].first;
         m_unanswered.erase(m_unanswered.begin() + static_cast<std::ptrdiff_t>(position));
         return id;
+    }
+
+    /** The ordering keys of what is unanswered. */
+    std::set<int> Keys() const
+    {
+        const std::lock_guard lock(m_mutex);
+        std::set<int> keys;
+        for (const auto& [id, number] : m_unanswered)
+        {
+            keys.insert(KeyOf(number));
+        }
+        return keys;
     }
 
   private:
     FirstDeliveries& m_deliveries;
     const std::string m_instance = "model";
     std::atomic<bool> m_ended{false};
-    std::mutex m_mutex;
-    std::vector<std::uint64_t> m_unanswered;
+    mutable std::mutex m_mutex;
+    std::vector<std::pair<std::uint64_t, int>> m_unanswered;
 };
 
 /** Everything together; each action may be called from any thread. */
 class World
 {
   public:
-    explicit World(unsigned seed)
+    /** @param byKey whether the application wants order by routing key. */
+    World(unsigned seed, bool byKey) : m_deliveries(byKey)
     {
         m_broker.Seed(seed);
         ApplicationSettings settings = SettingsOf("app", 4);
         settings.ackTimeout = seconds(5);
         settings.maxTries = 1000000;
+        settings.orderingKey = byKey ? "routing_key" : "";
         m_application = boost::make_shared<Application>(
             settings, ApplicationContext{m_budget, m_broker, m_timers, milliseconds(250), {}});
     }
@@ -295,6 +337,13 @@ class World
         {
             m_application->Detach(instance.id);
             instance.session.reset();
+        }
+    }
+    void Leave(Instance& instance)
+    {
+        if (instance.session)
+        {
+            m_application->Leave(instance.id);
         }
     }
     bool Answer(Instance& instance, std::uint_fast32_t luck, bool mayRetry)
@@ -343,11 +392,28 @@ class World
     boost::shared_ptr<Application> m_application;
 };
 
+/** No key's messages are in the hands of two instances. */
+void ExpectKeysApart(const std::array<World::Instance, 3>& instances)
+{
+    std::set<int> held;
+    for (const World::Instance& instance : instances)
+    {
+        if (instance.session && !instance.session->HasEnded())
+        {
+            for (const int key : instance.session->Keys())
+            {
+                EXPECT_TRUE(held.insert(key).second) << "key " << key;
+            }
+        }
+    }
+}
+
 void RunHistory(unsigned seed)
 {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    World world(seed);
+    const bool byKey = seed % 2 == 0;
+    World world(seed, byKey);
     std::array<World::Instance, 3> instances;
     const std::uint_fast32_t liveliness = 1 + random() % 8;
     for (int step = 0; step < 600; ++step)
@@ -360,7 +426,9 @@ void RunHistory(unsigned seed)
             world.Attach(instance, luck);
             break;
         case 1:
-            luck % 4 == 0 ? world.Detach(instance) : world.Attach(instance, luck);
+            luck % 4 == 0   ? world.Detach(instance)
+            : luck % 4 == 1 ? world.Leave(instance)
+                            : world.Attach(instance, luck);
             break;
         case 2:
             world.m_broker.CompleteMarkers();
@@ -383,6 +451,10 @@ void RunHistory(unsigned seed)
             break;
         default:
             world.Answer(instance, luck, true);
+        }
+        if (byKey)
+        {
+            ExpectKeysApart(instances);
         }
     }
     world.Finish(instances[0]);
@@ -413,7 +485,7 @@ TEST(ApplicationModel, ThreadsAtWorkTogetherLoseNothing)
 {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
-    World world(seed);
+    World world(seed, seed % 2 == 0);
     std::array<World::Instance, 2> instances;
     std::atomic<bool> stop{false};
     std::vector<std::thread> threads;
@@ -449,7 +521,12 @@ TEST(ApplicationModel, ThreadsAtWorkTogetherLoseNothing)
                     {
                         world.Answer(instance, random(), true);
                     }
-                    if (random() % 10 == 0)
+                    const std::uint_fast32_t luck = random() % 20;
+                    if (luck == 0)
+                    {
+                        world.Leave(instance);
+                    }
+                    else if (luck == 1)
                     {
                         world.Detach(instance);
                     }

@@ -194,6 +194,181 @@ TEST_F(ApplicationTest, AnInstanceThatLeavesHandsItsMessagesToAnotherInOrder)
     EXPECT_THAT(m_log.Take(), IsEmpty());
 }
 
+TEST_F(ApplicationTest, AnInstanceThatWantsToGoGetsNothingMoreAndEndsWithItsLastVerdict)
+{
+    const auto second = boost::make_shared<FakeSession>();
+    const auto first = AttachLive(2);
+    OfferLive({"a", "b", "c"});
+    m_session->TakeBodies();
+    m_application->Leave(first);
+    Attach(second, 1);
+    EXPECT_THAT(second->TakeBodies(), ElementsAre("c"));
+    Answer(first, 1);
+    OfferLive({"d"});
+    EXPECT_THAT(m_session->Ends(), IsEmpty());
+    Answer(first, 2, Kind::retry);
+    ASSERT_EQ(m_session->Ends().size(), 1U);
+    EXPECT_EQ(m_session->Ends()[0].first, SessionEnd::finished);
+    EXPECT_THAT(m_session->Take(), IsEmpty());
+    EXPECT_THAT(m_log.Take(), ElementsAre("a done"));
+    EXPECT_EQ(m_application->Snapshot().sessions, 1U);
+}
+
+TEST_F(ApplicationTest, WhatWasNotSentYetGoesToOthersAsIfNothingHadHappened)
+{
+    const auto second = boost::make_shared<FakeSession>();
+    const auto first = AttachLive(3);
+    OfferLive({"a", "b", "c"});
+    m_session->unsent = 2;
+    Attach(second);
+    m_application->Leave(first);
+    const auto deliveries = second->Take();
+    ASSERT_EQ(deliveries.size(), 2U);
+    EXPECT_EQ(deliveries[0].message->ToString(), "b");
+    EXPECT_EQ(deliveries[1].message->ToString(), "c");
+    EXPECT_FALSE(deliveries[0].redelivered);
+    EXPECT_EQ(deliveries[0].tries, 0U);
+    EXPECT_THAT(m_session->Ends(), IsEmpty());
+    m_application->Detach(first);
+    EXPECT_THAT(second->TakeBodies(), ElementsAre("a"));
+}
+
+TEST_F(ApplicationTest, AnInstanceThatWantsToGoIsEndedWhenItTakesTooLong)
+{
+    const auto first = AttachLive();
+    OfferLive({"a"});
+    m_application->Leave(first);
+    m_application->Leave(first);
+    m_timers.Step(seconds(60));
+    ASSERT_EQ(m_session->Ends().size(), 1U);
+    EXPECT_EQ(m_session->Ends()[0].first, SessionEnd::overdue);
+    EXPECT_THAT(m_log.Take(), ElementsAre("a park"));
+}
+
+/** An application whose messages are kept in order by routing key, with two instances. */
+class OrderedApplicationTest : public ApplicationTest
+{
+  protected:
+    OrderedApplicationTest()
+    {
+        ApplicationSettings settings = SettingsOf("app");
+        settings.orderingKey = "routing_key";
+        Make(settings);
+        m_first = AttachLive(2);
+        m_second = Attach(m_other, 2);
+    }
+    /** Offers "x1": message 1 of the key x. */
+    void OfferKeyed(const std::vector<std::string>& bodies)
+    {
+        for (const std::string& body : bodies)
+        {
+            Offer({.body = body, .routingKey = body.substr(0, 1)});
+        }
+    }
+
+    boost::shared_ptr<FakeSession> m_other = boost::make_shared<FakeSession>();
+    Application::SessionId m_first = 0;
+    Application::SessionId m_second = 0;
+};
+
+TEST_F(OrderedApplicationTest, AKeyStaysWithItsInstance)
+{
+    OfferKeyed({"x1", "y1", "x2", "y2"});
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("x1", "x2"));
+    EXPECT_THAT(m_other->TakeBodies(), ElementsAre("y1", "y2"));
+    Answer(m_first, 1);
+    Answer(m_first, 2);
+    OfferKeyed({"x3"});
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("x3"));
+}
+
+TEST_F(OrderedApplicationTest, AFullInstanceKeepsNoOtherWaiting)
+{
+    OfferKeyed({"x1", "y1", "x2", "x3", "x4", "y2"});
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("x1", "x2"));
+    EXPECT_THAT(m_other->TakeBodies(), ElementsAre("y1", "y2"));
+    EXPECT_EQ(m_application->Snapshot().pending, 2U);
+    Answer(m_first, 1);
+    OfferKeyed({"x5"});
+    Answer(m_first, 2);
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("x3", "x4"));
+    Answer(m_first, 3);
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("x5"));
+    EXPECT_EQ(m_application->Snapshot().pending, 0U);
+}
+
+TEST_F(OrderedApplicationTest, TheKeysOfAnInstanceThatIsGoneMoveInOrder)
+{
+    m_application->SetWindow(m_second, 10);
+    OfferKeyed({"x1", "y1", "x2", "x3", "y2"});
+    m_session->TakeBodies();
+    m_other->TakeBodies();
+    m_application->Detach(m_first);
+    EXPECT_THAT(m_other->TakeBodies(), ElementsAre("x1", "x2", "x3"));
+}
+
+TEST_F(OrderedApplicationTest, AKeyFollowsALeavingInstanceOnlyOnceItsMessagesAreAnswered)
+{
+    m_application->SetWindow(m_second, 10);
+    OfferKeyed({"x1", "y1", "x2", "x3", "y2"});
+    m_session->TakeBodies();
+    m_other->TakeBodies();
+    m_application->Leave(m_first);
+    OfferKeyed({"x4"});
+    EXPECT_THAT(m_other->TakeBodies(), IsEmpty()) << "two messages of the key are still in the first one's hands";
+    Answer(m_first, 1);
+    EXPECT_THAT(m_other->TakeBodies(), IsEmpty());
+    Answer(m_first, 2);
+    EXPECT_THAT(m_other->TakeBodies(), ElementsAre("x3", "x4"));
+    EXPECT_EQ(m_session->Ends().size(), 1U);
+}
+
+TEST_F(OrderedApplicationTest, AnIdleKeyOfALeavingInstanceMovesAtOnce)
+{
+    OfferKeyed({"x1"});
+    OfferKeyed({"y1"});
+    OfferKeyed({"z1"});
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("x1", "z1"));
+    m_other->TakeBodies();
+    Answer(m_first, 1);
+    m_application->Leave(m_first);
+    OfferKeyed({"x2", "z2"});
+    EXPECT_THAT(m_other->TakeBodies(), ElementsAre("x2"));
+}
+
+TEST_F(OrderedApplicationTest, WhatWaitsForOneInstanceIsParkedWithTheRestInOrder)
+{
+    OfferKeyed({"x1", "y1", "x2", "x3", "y2", "y3", "x4"});
+    m_timers.Step(milliseconds(300));
+    m_log.Take();
+    for (int number = 0; number < 20; ++number)
+    {
+        OfferKeyed({"z" + std::to_string(number)});
+    }
+    const auto answers = m_log.Take();
+    ASSERT_GE(answers.size(), 3U);
+    EXPECT_THAT(std::vector(answers.begin(), answers.begin() + 3), ElementsAre("x3 park", "y3 park", "x4 park"));
+    EXPECT_EQ(Flow(), ApplicationFlow::draining);
+}
+
+TEST_F(OrderedApplicationTest, WhatWaitsForOneInstanceIsDroppedWithItsConnection)
+{
+    OfferKeyed({"x1", "x2", "x3", "x4"});
+    LoseConnection();
+    m_application->DropUnsent();
+    EXPECT_EQ(m_application->Snapshot().pending, 0U);
+    EXPECT_EQ(m_budget.Held().messages, 2U);
+}
+
+TEST_F(OrderedApplicationTest, WhatWaitsForOneInstanceIsLeftToTheBrokerAtAStop)
+{
+    OfferKeyed({"x1", "x2", "x3"});
+    m_application->Stop("the agent is stopping");
+    EXPECT_EQ(m_application->Snapshot().pending, 0U);
+    EXPECT_EQ(m_budget.Held().messages, 0U);
+    EXPECT_THAT(m_log.Take(), IsEmpty());
+}
+
 TEST_F(ApplicationTest, RetryDeliversAgainAfterTheDelay)
 {
     const auto id = AttachLive();

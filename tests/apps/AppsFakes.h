@@ -271,6 +271,17 @@ class FakeSession : public ApplicationSession
         const std::lock_guard lock(m_mutex);
         m_deliveries.push_back(std::move(delivery));
     }
+    std::vector<std::uint64_t> Recall() override
+    {
+        const std::lock_guard lock(m_mutex);
+        std::vector<std::uint64_t> ids;
+        while (!m_deliveries.empty() && ids.size() < unsent)
+        {
+            ids.push_back(m_deliveries.back().id);
+            m_deliveries.pop_back();
+        }
+        return ids;
+    }
     void Flush() override
     {
         const std::lock_guard lock(m_mutex);
@@ -309,6 +320,9 @@ class FakeSession : public ApplicationSession
         const std::lock_guard lock(m_mutex);
         return m_flushes;
     }
+
+    /** How many of the last deliveries were not sent yet. */
+    std::size_t unsent = 0;
 
   private:
     const std::string m_instance = "fake";

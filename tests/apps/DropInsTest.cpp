@@ -51,7 +51,7 @@ TEST_F(DropInsTest, EveryKeyIsRead)
 {
     Write(
         "A.b-c_1.toml", "user = \"u\"\ngroup = \"g\"\nwindow = 65535\nack_timeout_seconds = 1\nmax_tries = 7\n"
-                        "max_held_bytes = 1000000\n");
+                        "max_held_bytes = 1000000\nordering_key = \"header:customer\"\n");
     const DropIns dropIns = Load();
     EXPECT_THAT(dropIns.problems, IsEmpty());
     ASSERT_EQ(dropIns.applications.size(), 1U);
@@ -63,6 +63,7 @@ TEST_F(DropInsTest, EveryKeyIsRead)
     wanted.ackTimeout = std::chrono::seconds(1);
     wanted.maxTries = 7;
     wanted.maxHeldBytes = 1000000;
+    wanted.orderingKey = "header:customer";
     EXPECT_EQ(dropIns.applications[0], wanted);
 }
 
@@ -95,6 +96,7 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Mistake{"UnknownKey", "user = \"u\"\nwindw = 5\n", "2:1: ", "did you mean window?"},
         Mistake{"WrongType", "window = \"5\"\n", "1:10: ", "window must be a whole number from 1 to 65535"},
+        Mistake{"OrderingKey", "ordering_key = \"key\"\n", "1:16: ", "use \"routing_key\" or \"header:NAME\""},
         Mistake{"WindowZero", "window = 0\n", "1:10: ", "from 1 to 65535"},
         Mistake{"WindowTooLarge", "window = 65536\n", "1:10: ", "from 1 to 65535"},
         Mistake{"UserIsNumber", "\nuser = 5\n", "2:8: ", "user must be a text in quotes"},

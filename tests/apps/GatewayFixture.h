@@ -9,6 +9,7 @@
 #include "qel/apps/v1/applications.grpc.pb.h"
 
 #include <grpcpp/create_channel.h>
+#include <grpcpp/generic/generic_stub.h>
 #include <grpcpp/security/credentials.h>
 #include <gtest/gtest.h>
 
@@ -115,6 +116,12 @@ class TestClient
         request.mutable_hello()->set_instance(instance);
         Send(request);
     }
+    void SendDetach()
+    {
+        qel::apps::v1::AttachRequest request;
+        request.mutable_detach();
+        Send(request);
+    }
     void SendVerdict(std::uint64_t delivery, qel::apps::v1::Verdict::Kind kind = qel::apps::v1::Verdict::DONE)
     {
         qel::apps::v1::AttachRequest request;
@@ -181,6 +188,32 @@ class TestClient
     std::unique_ptr<grpc::ClientReaderWriter<qel::apps::v1::AttachRequest, qel::apps::v1::AttachResponse>> m_stream;
     std::vector<int> m_batches;
 };
+
+/** Calls a method of the interface with these bytes as its one request; the status, and the answer's bytes. */
+inline std::pair<grpc::Status, std::string> CallRaw(
+    const std::string& path, const std::string& method, const std::string& bytes)
+{
+    grpc::GenericStub stub(grpc::CreateChannel("unix:" + path, grpc::InsecureChannelCredentials()));
+    grpc::ClientContext context;
+    context.set_wait_for_ready(true);
+    context.set_deadline(std::chrono::system_clock::now() + std::chrono::seconds(60));
+    const grpc::Slice slice(bytes);
+    grpc::CompletionQueue queue;
+    const auto call =
+        stub.PrepareUnaryCall(&context, "/qel.apps.v1.Applications/" + method, grpc::ByteBuffer(&slice, 1), &queue);
+    call->StartCall();
+    grpc::ByteBuffer response;
+    grpc::Status status;
+    call->Finish(&response, &status, nullptr);
+    void* tag = nullptr;
+    bool ok = false;
+    queue.Next(&tag, &ok);
+    grpc::Slice answer;
+    return {
+        status, status.ok() && response.DumpToSingleSlice(&answer).ok()
+                    ? std::string(reinterpret_cast<const char*>(answer.begin()), answer.size())
+                    : ""};
+}
 
 /** A raw connection to a socket; negative when it fails. */
 inline int ConnectRaw(const std::string& path)
@@ -265,7 +298,16 @@ class GatewayTest : public testing::Test
         ApplicationContext{m_budget, m_parking, m_timers, std::chrono::milliseconds(250), {}}};
     Subscriptions m_subscriptions{"client", "urgent", true};
     LocalAppDispatcher m_dispatcher{m_applications, m_subscriptions};
-    ApplicationGateway m_gateway{{m_folder.Path(), "1.2.3", m_applications, m_subscriptions, m_publisher, m_timers}};
+    /** What the management plane was asked for, and how that went. */
+    std::vector<std::string> m_asked;
+    std::pair<PublishResult, std::string> m_asking{PublishResult::confirmed, ""};
+    ApplicationGateway m_gateway{GatewayContext{
+        m_folder.Path(), "1.2.3", m_applications, m_subscriptions, m_publisher, m_timers,
+        [this](const std::string& application, const PublishCompletion& completion)
+        {
+            m_asked.push_back(application);
+            completion(m_asking.first, m_asking.second);
+        }}};
     std::vector<ApplicationSettings> m_settings;
 };
 

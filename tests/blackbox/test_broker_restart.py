@@ -1,5 +1,7 @@
 """The broker goes away and comes back."""
 
+from support import schema
+
 
 def populated(world, options=None):
     """An agent on a node of its own, two configured applications."""
@@ -42,6 +44,9 @@ def test_an_orderly_restart(lonely_world):
     bindings = node.list_bindings()
     node.restart()
     wait_for_consumers(node, agent, queue)
+    alpha.wait_for_broker("CONNECTED")
+    broker = schema.applications.Broker
+    assert alpha.brokers[-3:] == [broker.CONNECTED, broker.DISCONNECTED, broker.CONNECTED]
     assert node.list_bindings() == bindings
     check_traffic(lonely_world, agent, alpha, beta, queue)
     assert agent.stop() == 0

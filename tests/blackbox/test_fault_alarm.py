@@ -63,6 +63,13 @@ def check_that_the_rest_goes_on(world, agent, beta):
         == len(bodies), "everything but gamma's messages to be settled")
 
 
+def check_that_a_publish_is_known_to_be_unsent(application, queue):
+    with pytest.raises(grpc.RpcError) as unsent:
+        application.publish("", queue, b"", patience=3.0)
+    assert unsent.value.code() == grpc.StatusCode.UNAVAILABLE
+    assert "not sent" in unsent.value.details()
+
+
 # Answered and published again 0.1 to 0.4 s after the end of the alarm; 70 MiB more in the meantime.
 def test_an_alarm(battered_world, alarm):
     name, seconds, raise_alarm, end_alarm = alarm
@@ -75,6 +82,8 @@ def test_an_alarm(battered_world, alarm):
         raise_alarm()
         raised = time.monotonic()
         agent.wait_for_log("The broker takes no messages")
+        beta.wait_for_broker("BLOCKED")
+        check_that_a_publish_is_known_to_be_unsent(beta, flooded)
         check_that_the_rest_goes_on(battered_world, agent, beta)
         battered_world.node.publish("", agent.client_queue, b"", type=PING, reply_to="nobody", correlation_id="1")
         answers = flood(beta, flooded)
@@ -84,6 +93,7 @@ def test_an_alarm(battered_world, alarm):
         end_alarm()
         # The broker looks at its memory every few seconds only.
         agent.wait_for_log("The broker takes messages again")
+        beta.wait_for_broker("CONNECTED")
         ended = time.monotonic()
         battered_world.plane().ping(agent)
         answered = time.monotonic() - ended

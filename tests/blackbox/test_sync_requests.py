@@ -2,6 +2,7 @@
 
 import time
 
+import grpc
 import pytest
 
 from support import schema
@@ -138,3 +139,36 @@ def test_without_a_routing_key_nobody_is_asked(world, requests):
     plane.ping(agent)
     assert not agent.log_lines("asked for")
     alpha.wait_for_state("MISSING", [])
+    with pytest.raises(grpc.RpcError) as refused:
+        alpha.request_configuration()
+    assert refused.value.code() == grpc.StatusCode.FAILED_PRECONDITION
+    assert "management.routing_key" in refused.value.details()
+
+
+def ask_unless_too_soon(application):
+    try:
+        return application.request_configuration()
+    except grpc.RpcError as error:
+        assert error.code() == grpc.StatusCode.RESOURCE_EXHAUSTED
+        return None
+
+
+def test_an_application_asks_for_another_configuration(world, requests):
+    plane = world.plane()
+    agent = asking_agent(world, requests)
+    alpha = world.attach(agent, "alpha")
+    with pytest.raises(grpc.RpcError) as unheard:
+        alpha.request_configuration()
+    assert unheard.value.code() == grpc.StatusCode.NOT_FOUND
+    plane.declare_queue(requests)
+    assert take_request(agent, plane, requests) == "alpha"
+    answer(agent, plane, "alpha", ["a.one"])
+    alpha.wait_for_state("APPLIED", ["a.one"])
+    plane.channel.queue_purge(requests)
+
+    in_force = agent.wait_until(lambda: ask_unless_too_soon(alpha), "another request to be allowed")
+    assert list(in_force.topics) == ["a.one"]
+    assert take_request(agent, plane, requests) == "alpha"
+    answer(agent, plane, "alpha", ["a.two"])
+    alpha.wait_for_state("APPLIED", ["a.two"])
+    assert plane.take(requests) is None

@@ -19,13 +19,16 @@ VERDICTS = {"done": schema.Verdict.DONE, "retry": schema.Verdict.RETRY, "dead": 
 class GrpcApplication:
     """An application attached to its socket, which decides on each delivery itself.
 
-    A reader thread sorts what comes: deliveries into a queue for next(), configurations into `configurations`.
+    A reader thread sorts what comes: deliveries into a queue for next(), configurations into `configurations`, the
+    broker's states into `brokers`. The messages may be those of an older interface.
     """
 
-    def __init__(self, agent, name, window=0, instance="test"):
+    def __init__(self, agent, name, window=0, instance="test", messages=schema):
         self.agent = agent
         self.name = name
+        self.messages = messages
         self.configurations = []
+        self.brokers = []
         self.welcome = None
         self.ended = None
         self._outgoing = queue.SimpleQueue()
@@ -34,9 +37,9 @@ class GrpcApplication:
         self._channel = grpc.insecure_channel(f"unix:{agent.socket(name)}",
                                               options=[("grpc.use_local_subchannel_pool", 1)])
         attach = self._channel.stream_stream(METHOD + "Attach",
-                                             request_serializer=schema.AttachRequest.SerializeToString,
-                                             response_deserializer=schema.AttachResponse.FromString)
-        self._send(schema.AttachRequest(hello=schema.Hello(instance=instance, window=window)))
+                                             request_serializer=messages.AttachRequest.SerializeToString,
+                                             response_deserializer=messages.AttachResponse.FromString)
+        self._send(messages.AttachRequest(hello=messages.Hello(instance=instance, window=window)))
         self._call = attach(iter(self._outgoing.get, None))
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
@@ -53,6 +56,10 @@ class GrpcApplication:
         self._call.cancel()
         self._channel.close()
         self._reader.join(10)
+
+    def ask_to_leave(self):
+        """Sends Detach: nothing more comes, and the stream ends when everything that came is answered."""
+        self._send(schema.AttachRequest(detach=schema.Detach()))
 
     def wait_for_welcome(self):
         self._wait_until(lambda: self.welcome, "the welcome")
@@ -72,6 +79,11 @@ class GrpcApplication:
                        for one in self.configurations[-1:])
 
         self._wait_until(found, f"{self.name}'s configuration to be {state} {topics or ''}", patience)
+
+    def wait_for_broker(self, state, patience=60.0):
+        """Waits until the agent says that its connection to the broker is in this state."""
+        wanted = schema.Broker.State.Value(state)
+        self._wait_until(lambda: self.brokers[-1:] == [wanted], f"the broker to be {state}", patience)
 
     def next(self, patience=30.0):
         """The next delivery; no verdict is given."""
@@ -96,9 +108,9 @@ class GrpcApplication:
 
     def verdict(self, delivery, kind, reason="", delay_ms=0):
         """Answers a delivery: done, retry or dead."""
-        one = schema.Verdict(delivery_id=delivery.delivery_id, kind=VERDICTS[kind], reason=reason,
-                             retry_delay_ms=delay_ms)
-        self._send(schema.AttachRequest(verdicts=schema.VerdictBatch(verdicts=[one])))
+        one = self.messages.Verdict(delivery_id=delivery.delivery_id, kind=VERDICTS[kind], reason=reason,
+                                    retry_delay_ms=delay_ms)
+        self._send(self.messages.AttachRequest(verdicts=self.messages.VerdictBatch(verdicts=[one])))
 
     def send(self, request):
         """Sends any AttachRequest, for requests that make no sense."""
@@ -113,6 +125,13 @@ class GrpcApplication:
                                         no_route_is_error=no_route_is_error,
                                         properties=schema.Properties(**properties))
         return call(request, timeout=patience)
+
+    def request_configuration(self, patience=20.0):
+        """Has the management plane asked for the configuration; the one in force. @raises grpc.RpcError."""
+        call = self._channel.unary_unary(METHOD + "RequestConfiguration",
+                                         request_serializer=schema.RequestConfigurationRequest.SerializeToString,
+                                         response_deserializer=schema.RequestConfigurationResponse.FromString)
+        return call(schema.RequestConfigurationRequest(), timeout=patience).configuration
 
     def _send(self, request):
         self._outgoing.put(request)
@@ -129,9 +148,13 @@ class GrpcApplication:
         kind = response.WhichOneof("kind")
         if kind == "welcome":
             self.configurations.append(response.welcome.configuration)
+            if self.messages is schema:
+                self.brokers.append(response.welcome.broker.state)
             self.welcome = response.welcome
         elif kind == "configuration":
             self.configurations.append(response.configuration)
+        elif kind == "broker":
+            self.brokers.append(response.broker.state)
         for delivery in response.deliveries.deliveries:
             self.received(delivery)
 
@@ -141,6 +164,17 @@ class GrpcApplication:
 
     def _wait_until(self, condition, what, patience=30.0):
         wait_until(condition, f"{what} (stream: {self.ended})", patience, self.agent.log_tail)
+
+
+def call_with_bytes(agent, name, method, data):
+    """Calls a method with these bytes as its one request; the grpc.RpcError, or None when it went well."""
+    with grpc.insecure_channel(f"unix:{agent.socket(name)}",
+                               options=[("grpc.use_local_subchannel_pool", 1)]) as channel:
+        try:
+            list(channel.stream_stream(METHOD + method)(iter([data]), timeout=30))
+        except grpc.RpcError as error:
+            return error
+    return None
 
 
 class AttachedApp:

@@ -41,6 +41,7 @@ void AgentAddress::Send(ManagementSession& session, OutgoingMessage message) con
     case PublishResult::refused:
         throw Failure("the broker refuses the message for " + Queue() + ": " + outcome.why);
     case PublishResult::timedOut:
+    case PublishResult::notSent:
     case PublishResult::overloaded:
         break;
     }
