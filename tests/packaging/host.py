@@ -4,47 +4,61 @@ import contextlib
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import threading
 
 from support.supervisor import Supervisor
 from support.unit import Unit
+from testbed.processes import wait_until
 
 SUITE = "bookworm"
+RELOADED = "configuration read again"
 UNIT = "lib/systemd/system/qel-agent.service"
 
-# What the package's scripts call instead of systemd's own: it hands a request to a running manager over and waits for
-# the answer. What only changes files is the original's.
-SYSTEMCTL = """#!/bin/sh
-case " $* " in
-  *" start "* | *" stop "* | *" restart "* | *" is-active "* | *" is-enabled "* | *" daemon-reload "*) ;;
-  *) exec systemctl.original "$@" ;;
-esac
-echo "$*" >/run/systemctl.request
-read -r status text </run/systemctl.answer
-[ -z "$text" ] || echo "$text"
+# Programs that speak to what the folder does not have, a service manager and a broker: they hand a request over and wait
+# for the answer.
+SHIM = """#!/bin/sh
+{ basename "$0"; for word; do printf '%s\\n' "$word"; done; } >/run/shim.request
+{ read -r status; cat; } </run/shim.answer
 exit "$status"
 """
+# What only changes files is the original's.
+SYSTEMCTL = """#!/bin/sh
+case " $* " in
+  *" start "* | *" stop "* | *" restart "* | *" reload "* | *" status "* | *" is-active "* | *" is-enabled "* | \
+    *" daemon-reload "*) exec systemctl.asked "$@" ;;
+esac
+exec systemctl.original "$@"
+"""
+JOURNALCTL = """#!/bin/sh
+exec cat /var/log/agent.log
+"""
+# What an administrator answers when apt asks whether to go on.
+APT = 'APT::Get::Assume-Yes "true";\n'
 
 
 class Host:
     """A root file system without a kernel of its own: programs are run by chroot."""
 
-    def __init__(self, root):
+    def __init__(self, root, node):
         self.root = pathlib.Path(root)
         self.requests = []
+        self._node = node
         self.supervisor = None
-        subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", "--include=init-system-helpers,systemd", SUITE, self.root],
+        subprocess.run(["mmdebstrap", "--quiet", "--variant=minbase", "--include=init-system-helpers,systemd,curl", SUITE, self.root],
                        check=True, stdin=subprocess.DEVNULL)
         subprocess.run(["mount", "--bind", "/proc", self.root / "proc"], check=True)
         # The scripts speak to a service manager only where one runs.
         (self.root / "run/systemd/system").mkdir(parents=True, exist_ok=True)
         for pipe in ("request", "answer"):
-            os.mkfifo(self.root / f"run/systemctl.{pipe}")
-        shim = self.root / "usr/bin/systemctl"
-        shim.rename(shim.with_suffix(".original"))
-        shim.write_text(SYSTEMCTL, encoding="ascii")
-        shim.chmod(0o755)
+            os.mkfifo(self.root / f"run/shim.{pipe}")
+        systemctl = self.path("usr/bin/systemctl")
+        systemctl.rename(systemctl.with_suffix(".original"))
+        for name, script in {"systemctl": SYSTEMCTL, "systemctl.asked": SHIM, "rabbitmqctl": SHIM,
+                             "rabbitmq-diagnostics": SHIM, "journalctl": JOURNALCTL}.items():
+            self.put_script(name, script)
+        self.path("etc/apt/apt.conf.d/90yes").write_text(APT, encoding="ascii")
         threading.Thread(target=self._serve, daemon=True).start()
         self.run("apt-get", "update", "-q")
 
@@ -57,14 +71,22 @@ class Host:
         assert done.returncode == 0, f"{command}: status {done.returncode}\n{done.stdout}"
         return done.stdout
 
-    def install(self, package):
-        """Installs or upgrades to a package that lies outside."""
-        inside = self.root / "tmp" / package.name
-        shutil.copy(package, inside)
+    def put_script(self, name, text):
+        """Makes a program of the administrator's."""
+        script = self.path(f"usr/bin/{name}")
+        script.write_text(text, encoding="ascii")
+        script.chmod(0o755)
+
+    def follow(self, script, package=None):
+        """Types the commands of a page, at root's home, with a package that was put there before."""
+        inside = self.path(f"root/{package.name}") if package else None
+        if package:
+            shutil.copy(package, inside)
         try:
-            return self.run("apt-get", "install", "-y", "-q", "--no-install-recommends", f"/tmp/{package.name}")
+            return self.run("sh", "-exc", f"cd /root\n{script}")
         finally:
-            inside.unlink()
+            if package:
+                inside.unlink()
 
     def path(self, inside):
         return self.root / inside.lstrip("/")
@@ -85,26 +107,43 @@ class Host:
     def _serve(self):
         """Answers the shim, one request at a time."""
         while True:
-            request = self.path("run/systemctl.request").read_text(encoding="utf-8").strip()
-            self.requests.append(request)
-            answer = "1"
+            program, *words = self.path("run/shim.request").read_text(encoding="utf-8").splitlines()
+            answer = (1, "")
             with contextlib.suppress(AssertionError, OSError):
-                answer = self._handle([word for word in request.split() if not word.startswith("-")])
-            self.path("run/systemctl.answer").write_text(f"{answer}\n", encoding="ascii")
+                answer = self._answer(program, words)
+            self.path("run/shim.answer").write_text("{}\n{}".format(*answer), encoding="utf-8")
 
-    def _handle(self, words):
+    def _answer(self, program, words):
         """Does what a request wants; the exit status and the output."""
+        if program != "systemctl.asked":
+            done = self._node.tool(program, *words)
+            return done.returncode, done.stdout + done.stderr
+        self.requests.append(" ".join(words))
+        return self._manage([word for word in words if not word.startswith("-")])
+
+    def _manage(self, words):
+        """What systemctl does."""
         verb = words[0]
         is_running = self.supervisor is not None and self.supervisor.is_running()
         if verb == "is-enabled":
-            return "0 enabled"
-        if verb == "is-active":
-            return "0 active" if is_running else "3 inactive"
+            return 0, "enabled\n"
+        if verb in ("is-active", "status"):
+            return (0, "active\n") if is_running else (3, "inactive\n")
+        if verb == "reload":
+            self._reload()
         if verb in ("stop", "restart") and is_running:
             self.supervisor.stop()
         if verb in ("start", "restart"):
             self._start()
-        return "0"
+        return 0, ""
+
+    def _reload(self):
+        """SIGHUP, and waits until it is done: who comes next shall find what is new."""
+        log = self.supervisor.log_file
+        before = log.read_text(encoding="utf-8").count(RELOADED)
+        self.supervisor.signal(signal.SIGHUP)
+        wait_until(lambda: log.read_text(encoding="utf-8").count(RELOADED) > before, "the agent to reload", 30.0,
+                   self.supervisor.log_tail)
 
     def _start(self):
         unit = Unit(self.root / UNIT)

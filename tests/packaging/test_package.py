@@ -12,18 +12,20 @@ import threading
 
 import grpc
 import pytest
-from conftest import ROOT
 from host import Host
 from support.application import GrpcApplication
+from support.pages import commands
 from support.plane import ManagementPlane
 from testbed.processes import wait_until
 
 APPLICATION = "example"
 UNIT = "qel-agent.service"
+# Pages whose commands need another scene: the tests that follow them.
+ELSEWHERE = {"applications.md": "test_examples.py", "configuration.md": "test_tls.py", "cluster.md": "test_cluster.py"}
 
 # What the administrator does in the editor.
 EDITOR = """#!/bin/sh
-exec sed -i 's|^urls = .*|urls = ["{url}"]|; s|^user = .*|user = "{user}"|; /^\\[management\\]/,$d' "$1"
+exec sed -i 's|^urls = .*|urls = ["{url}"]|' "$1"
 """
 SUDO = """#!/bin/sh
 exec "$@"
@@ -37,8 +39,8 @@ def package(packages):
 
 
 @pytest.fixture(scope="module")
-def host(folder):
-    made = Host(folder / "host")
+def host(folder, node):
+    made = Host(folder / "host", node)
     yield made
     made.close()
 
@@ -49,16 +51,25 @@ def plane(node):
         yield made
 
 
-def commands(page, heading):
-    """The shell commands of a chapter of the documentation."""
-    text = (ROOT / "docs" / page).read_text(encoding="utf-8").split(f"\n## {heading}\n")[1].split("\n## ")[0]
-    return re.search(r"```sh\n(.*?)```", text, re.DOTALL).group(1)
+class Reader:
+    """Types what the pages say, with our node in the place of their broker, and remembers what was typed."""
+
+    def __init__(self, host, node):
+        self.untyped = {place: script for place, script in commands().items() if place[0] not in ELSEWHERE}
+        self._host = host
+        self._node = node
+
+    def follow(self, page, chapter, package=None):
+        script = self.untyped.pop((page, chapter))
+        return self._host.follow(re.sub(r"amqps://(\w+@)?broker-1\.example:5671",
+                                        rf"amqp://\g<1>{self._node.address}:{self._node.port}", script), package)
 
 
-def put_script(host, name, text):
-    script = host.path(f"usr/local/bin/{name}")
-    script.write_text(text, encoding="ascii")
-    script.chmod(0o755)
+@pytest.fixture(scope="module")
+def reader(host, node):
+    host.put_script("sudo", SUDO)
+    host.put_script("editor", EDITOR.format(url=f"amqp://{node.address}:{node.port}"))
+    return Reader(host, node)
 
 
 @pytest.mark.parametrize("name", ["qel-agent", "libqel-client-dev"])
@@ -70,7 +81,7 @@ def test_lintian_finds_no_error(packages, name):
 
 
 def test_installed_is_not_started(host, package):
-    host.install(package)
+    host.follow(f"apt-get install -q --no-install-recommends ./{package.name}", package)
     assert host.owner("/etc/qel") == "root:qel 750"
     assert host.owner("/etc/qel/apps.d") == "root:qel 750"
     assert host.path(f"etc/systemd/system/multi-user.target.wants/{UNIT}").is_symlink()
@@ -79,17 +90,25 @@ def test_installed_is_not_started(host, package):
     assert host.supervisor is None
 
 
-def test_the_documentation_leads_to_a_running_agent(host, node):
-    broker = re.fullmatch(r"amqp://(?P<user>[^:]+):(?P<password>[^@]+)@(?P<rest>.*)", node.url())
-    put_script(host, "sudo", SUDO)
-    put_script(host, "editor", EDITOR.format(url="amqp://" + broker["rest"], user=broker["user"]))
-    script = commands("install.md", "First configuration").replace("the password", broker["password"])
-    host.run("sh", "-ec", script)
+def test_the_documentation_leads_to_a_running_agent(host, reader):
+    reader.follow("install.md", "On the broker")
+    reader.follow("install.md", "First configuration")
     assert host.supervisor.is_running()
     assert host.owner("/etc/qel/broker.password") == "root:qel 640"
     assert host.owner("/var/lib/qel") == "qel:qel 700"
     assert host.owner("/run/qel") == "qel:qel 755"
     assert host.owner("/run/qel/apps/example.sock") == "qel:qel 660"
+
+
+def test_and_to_a_first_configured_application(reader):
+    assert 'orders.created: "hello"' in reader.follow("install.md", "The first configured application")
+
+
+def test_the_other_pages_can_be_followed(reader):
+    """In their order, each after the one before, on the host that they have led to."""
+    for page, chapter in list(reader.untyped):
+        if page not in ("install.md", "upgrade.md"):
+            reader.follow(page, chapter)
 
 
 class Agent:
@@ -156,24 +175,24 @@ def newer(package, folder):
     subprocess.run(["dpkg-deb", "--raw-extract", package, tree], check=True)
     control = tree / "DEBIAN/control"
     control.write_text(re.sub(r"(?m)^(Version: .*)$", r"\1+1", control.read_text(encoding="utf-8")), encoding="utf-8")
-    made = folder / "qel-agent_newer.deb"
+    made = folder / package.name.replace("_", "_1+", 1)
     subprocess.run(["dpkg-deb", "--build", "--root-owner-group", tree, made], check=True, stdout=subprocess.DEVNULL)
     shutil.rmtree(tree)
     return made
 
 
-def test_an_upgrade_loses_nothing(host, package, folder, node, plane):
+def test_an_upgrade_loses_nothing(host, package, folder, node, plane, reader):
     agent = Agent(host)
     application, publisher = LoyalApplication(agent), Publisher(node.url())
+    starts = host.supervisor.starts
     application.start()
     plane.configure(agent, APPLICATION, topics=["orders.created"])
     wait_until(lambda: "orders.created" in {key for _, _, key in node.list_bindings()}, "the topic to be bound")
     publisher.start()
     try:
         wait_until(lambda: len(application.seen) > 100, "messages to flow", 60, agent.log_tail)
-        host.install(newer(package, folder))
-        assert host.supervisor.starts == 2
-        assert host.supervisor.statuses == [0]
+        reader.follow("upgrade.md", "One host", newer(package, folder))
+        assert host.supervisor.starts == starts + 1
         so_far = len(application.seen)
         wait_until(lambda: len(application.seen) > so_far + 100, "messages to flow again", 60, agent.log_tail)
     finally:
@@ -184,10 +203,18 @@ def test_an_upgrade_loses_nothing(host, package, folder, node, plane):
     assert plane.count("qel.client.host-1.dead") == 0
 
 
-def test_removed_is_stopped_and_keeps_its_configuration(host):
+def test_the_way_back_is_the_same(host, package, reader):
+    reader.follow("upgrade.md", "Back", package)
+    assert host.supervisor.is_running()
+    reader.follow("upgrade.md", "A fleet", package)
+
+
+def test_removed_is_stopped_and_keeps_its_configuration(host, reader):
+    reader.follow("install.md", "Removing")
+    assert not reader.untyped
     host.run("apt-get", "remove", "-y", "-q", "qel-agent")
     assert not host.supervisor.is_running()
-    assert host.supervisor.statuses == [0, 0]
+    assert set(host.supervisor.statuses) == {0}
     assert host.path("etc/qel/qel.toml").exists()
     assert host.path("var/lib/qel/journal.sqlite").exists()
 
