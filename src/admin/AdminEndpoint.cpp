@@ -172,6 +172,7 @@ AdminEndpoint::Response AdminEndpoint::Routes(const RequestTarget& target) const
 {
     RouteQuery query;
     query.search = TextOf(target, "search");
+    query.application = TextOf(target, "application");
     query.offset = NumberOf(target, "offset", 0);
     query.limit = std::min(NumberOf(target, "limit", query.limit), MOST_ROUTES);
     return Make(http::status::ok, JSON, RoutesJson(query, m_port.Routes(query)));

@@ -136,6 +136,14 @@ struct RouteFigures
     bool journalDegraded = false;
 };
 
+/** The agent's own queues. */
+struct OwnQueueNames
+{
+    std::string client;
+    std::string priority;
+    std::string deadLetter;
+};
+
 struct PingFigures
 {
     std::uint64_t answered = 0;
@@ -166,6 +174,7 @@ struct AgentStatus
     std::vector<ApplicationFigures> applications;
     ConfigurationTotals configurations;
     RouteFigures routes;
+    OwnQueueNames queues;
     PingFigures pings;
     Counts deadLetters;
     std::uint64_t refusedControlMessages = 0;
@@ -190,6 +199,8 @@ struct RouteQuery
 {
     /** A text that the name contains. */
     std::string search;
+    /** Only those of this application; everybody's when empty. */
+    std::string application;
     std::size_t offset = 0;
     std::size_t limit = 50;
 };

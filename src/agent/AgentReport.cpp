@@ -57,7 +57,8 @@ std::vector<CertificateFigures> CertificatesOf(const CertificateExpiry& expiry)
 } // namespace
 
 AgentReport::AgentReport(std::string id, const BrokerSettings& broker, ReportSources sources)
-    : m_id(std::move(id)), m_loopProbe(broker.loopProbe), m_sources(sources),
+    : m_id(std::move(id)), m_loopProbe(broker.loopProbe),
+      m_queues{broker.names.clientQueue, broker.names.priorityQueue, broker.names.deadLetterQueue}, m_sources(sources),
       m_explainer(broker, {sources.client, sources.topology, sources.subscriptions, sources.dispatcher})
 {
 }
@@ -82,6 +83,7 @@ AgentStatus AgentReport::Status() const
     }
     status.configurations = m_sources.configurations.Totals();
     status.routes = RouteTotals();
+    status.queues = m_queues;
     status.pings = {deliveries.pingsAnswered, deliveries.pingsFailed, deliveries.pings};
     status.deadLetters = Named(REASONS, deliveries.deadLetters);
     status.refusedControlMessages = m_sources.client.RefusedControlMessages();
@@ -120,7 +122,7 @@ std::vector<std::string> AgentReport::NotReady() const
 
 RouteRows AgentReport::Routes(const RouteQuery& query) const
 {
-    const RoutePage page = m_sources.topology.Find(query.search, query.offset, query.limit);
+    const RoutePage page = m_sources.topology.Find(query.search, query.offset, query.limit, query.application);
     RouteRows rows{page.total, page.matching, {}};
     for (const RouteUse& route : page.routes)
     {

@@ -56,6 +56,7 @@ class AgentReport : public AdminPort
 
     const std::string m_id;
     const LoopProbeSettings m_loopProbe;
+    const OwnQueueNames m_queues;
     const ReportSources m_sources;
     const RouteExplainer m_explainer;
     const WallTime m_startedAt = std::chrono::system_clock::now();

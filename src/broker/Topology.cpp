@@ -417,7 +417,8 @@ RouteCounts Topology::Counts() const
     return counts;
 }
 
-RoutePage Topology::Find(const std::string& text, std::size_t offset, std::size_t limit) const
+RoutePage Topology::Find(
+    const std::string& text, std::size_t offset, std::size_t limit, const std::string& application) const
 {
     struct Match
     {
@@ -426,18 +427,20 @@ RoutePage Topology::Find(const std::string& text, std::size_t offset, std::size_
         const Binding* binding;
         const Use* use;
     };
+    const auto fits = [&](const std::string& name, const Use& use)
+    { return (application.empty() || Contains(use.users, application)) && name.find(text) != std::string::npos; };
     const std::lock_guard lock(m_mutex);
     std::vector<Match> matches;
     for (const auto& [binding, use] : m_bindings)
     {
-        if (binding.topic.find(text) != std::string::npos)
+        if (fits(binding.topic, use))
         {
             matches.push_back({&binding.topic, &binding, &use});
         }
     }
     for (const auto& [name, use] : m_queues)
     {
-        if (name.find(text) != std::string::npos)
+        if (fits(name, use))
         {
             matches.push_back({&name, nullptr, &use});
         }

@@ -110,8 +110,12 @@ class Topology
     RouteCounts Counts() const;
     /** The bindings whose topic fits, which is asked under the lock; also those that are to go. */
     std::vector<RouteUse> BindingsWhere(const std::function<bool(const std::string& topic)>& fits) const;
-    /** The routes whose name contains the text, by name; at most `limit` from the place `offset` on. */
-    RoutePage Find(const std::string& text, std::size_t offset, std::size_t limit) const;
+    /**
+     * The routes whose name contains the text, by name; at most `limit` from the place `offset` on.
+     * @param application only those that it uses, unless empty
+     */
+    RoutePage Find(
+        const std::string& text, std::size_t offset, std::size_t limit, const std::string& application = {}) const;
 
   private:
     struct Use

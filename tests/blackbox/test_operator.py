@@ -121,6 +121,55 @@ def test_explain_says_why_nobody_gets_a_message(world):
     assert wrong["goesTo"] == "deadLetters" and "no application x" in wrong["why"]
 
 
+def plan(agent, name, application, content, tmp_path, status=0):
+    """What plan says of a configuration: {(change, kind, name): (from, to)}, the rest."""
+    file = tmp_path / "plan.json"
+    file.write_text(json.dumps(content), encoding="utf-8")
+    done = subprocess.run([program("qelctl"), "plan", name, application, file, "--json", "--runtime-directory",
+                           agent.runtime_directory], capture_output=True, text=True, timeout=60, check=False)
+    assert done.returncode == status, done.stdout + done.stderr
+    if not done.stdout:
+        return done.stderr
+    said = json.loads(done.stdout)
+    return {(one["change"], one["kind"], one["name"]): (one.get("from"), one.get("to")) for one in said["changes"]}, said
+
+
+def test_plan_shows_what_a_configuration_would_change(world, tmp_path):
+    agent, broker = world.agent(), world.plane()
+    alpha, beta = world.attach(agent, "alpha"), world.attach(agent, "beta")
+    broker.configure(agent, "alpha", topics=["goes", "moves", "stays"], queues=[f"old.{agent.agent_id}"])
+    alpha.wait_for_state("APPLIED", ["goes", "moves", "stays"])
+    broker.configure(agent, "beta", topics=["goes"], queues=[f"betas.{agent.agent_id}"])
+    beta.wait_for_state("APPLIED", ["goes"])
+    before = Admin(agent).routes()
+    wanted = {"topicInfo": [{"topic": "stays"}, {"topic": "moves", "priority": 3}, {"topic": "comes"}],
+              "queueName": [f"new.{agent.agent_id}"]}
+    changes, said = plan(agent, agent.agent_id, "alpha", wanted, tmp_path)
+    normal, priority = agent.client_queue, agent.priority_queue
+    assert changes == {("add", "topic", "comes"): (None, normal), ("remove", "topic", "goes"): (normal, None),
+                       ("move", "topic", "moves"): (normal, priority),
+                       ("add", "queue", f"new.{agent.agent_id}"): (None, None),
+                       ("remove", "queue", f"old.{agent.agent_id}"): (None, None)}
+    assert said["unchanged"] == 1 and said["refusals"] == []
+    assert Admin(agent).routes() == before, "nothing is done"
+    text = qelctl(agent, "plan", agent.agent_id, "alpha", str(tmp_path / "plan.json"))
+    assert "+ topic comes -> " in text and "2 to add, 2 to remove, 1 to move, 1 as they are" in text
+
+    broker.configure(agent, "alpha", topics=["stays", ("moves", 3), "comes"], queues=[f"new.{agent.agent_id}"])
+    alpha.wait_for_state("APPLIED", ["comes", "moves", "stays"])
+    assert plan(agent, agent.agent_id, "alpha", wanted, tmp_path)[0] == {}, "it has come as planned"
+
+    taken = {"queueName": [f"betas.{agent.agent_id}", priority]}
+    _, said = plan(agent, agent.agent_id, "alpha", taken, tmp_path, status=1)
+    assert said["refusals"] == [f"queue {priority} is the agent's own", f"queue betas.{agent.agent_id} belongs to beta"]
+    _, said = plan(agent, agent.agent_id, "gamma", {"topicInfo": []}, tmp_path, status=1)
+    assert said["refusals"] == ["there is no application gamma on this host"]
+    assert "this host's agent is" in plan(agent, "elsewhere", "alpha", wanted, tmp_path, status=NO_AGENT)
+    assert "topicInfos: is not known" in plan(agent, agent.agent_id, "alpha", {"topicInfos": []}, tmp_path, status=1)
+    agent.stop()
+    assert "no agent answers" in plan(agent, agent.agent_id, "alpha", wanted, tmp_path, status=NO_AGENT)
+
+
 def test_health(lonely_world):
     node = lonely_world.own_node()
     agent = lonely_world.agent()
@@ -265,7 +314,10 @@ def completions(*words):
 def test_bash_completes_verbs_and_options():
     assert {"status", "ping", "dead-letters", "--json"} <= set(completions(""))
     assert completions("sta") == ["status"]
+    assert {"explain", "plan", "doctor"} <= set(completions(""))
     assert completions("routes", "--lim") == ["--limit"]
+    assert completions("explain", "a.key", "--que") == ["--queue"]
+    assert completions("doctor", "--conf") == ["--config"]
     assert completions("dead-letters", "re") == ["replay"]
     assert "--count" in completions("ping", "--")
     assert "--count" not in completions("status", "--")

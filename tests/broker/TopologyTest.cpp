@@ -331,6 +331,19 @@ TEST_F(TopologyTest, FindBeyondTheEndIsEmpty)
     EXPECT_EQ(topology->Find("x", 0, 10).matching, 0U);
 }
 
+TEST_F(TopologyTest, RoutesAreFoundByTheApplicationThatUsesThem)
+{
+    Configure("web", {Topic("a"), Topic("b"), Queue("q")});
+    Configure("mail", {Topic("b"), Topic("c")});
+    const RoutePage page = topology->Find("", 0, 10, "mail");
+    EXPECT_EQ(page.total, 4U);
+    ASSERT_EQ(page.matching, 2U);
+    EXPECT_EQ(page.routes[0].name, "b");
+    EXPECT_EQ(page.routes[1].name, "c");
+    EXPECT_EQ(topology->Find("a", 0, 10, "web").matching, 1U);
+    EXPECT_EQ(topology->Find("", 0, 10, "nobody").matching, 0U);
+}
+
 TEST_F(TopologyTest, AFrozenTopologyAsksAndRecordsNothing)
 {
     Configure("web", {Topic("a"), Queue("q")});

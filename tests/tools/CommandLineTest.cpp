@@ -42,8 +42,8 @@ TEST(CommandLine, HelpAndVersionSucceed)
     const ProgramResult help = RunQelctl({"--help"});
     EXPECT_EQ(help.status, 0);
     for (const char* verb :
-         {"status", "apps", "routes", "explain", "health", "doctor", "log-level", "diagnostics", "ping", "configure",
-          "reassign", "publish", "attach", "dead-letters"})
+         {"status", "apps", "routes", "explain", "plan", "health", "doctor", "log-level", "diagnostics", "ping",
+          "configure", "reassign", "publish", "attach", "dead-letters"})
     {
         EXPECT_THAT(help.out, HasSubstr(verb));
         EXPECT_EQ(RunQelctl({verb, "--help"}).status, 0) << verb;
@@ -60,8 +60,8 @@ TEST(CommandLine, TheManualPageDescribesEveryOption)
     const std::set<std::string> described = OptionsIn(std::regex_replace(source, std::regex("\\\\-"), "-"));
     std::set<std::string> offered = OptionsIn(RunQelctl({"--help"}).out);
     for (const char* verb :
-         {"status", "apps", "routes", "explain", "health", "doctor", "log-level", "diagnostics", "ping", "configure",
-          "reassign", "publish", "attach"})
+         {"status", "apps", "routes", "explain", "plan", "health", "doctor", "log-level", "diagnostics", "ping",
+          "configure", "reassign", "publish", "attach"})
     {
         offered.merge(OptionsIn(RunQelctl({verb, "--help"}).out));
     }
@@ -81,6 +81,8 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
         {"frobnicate"},
         {"routes", "--limit", "0"},
         {"explain"},
+        {"plan", "a", "web"},
+        {"plan", "a", "no/name", "f.json"},
         {"log-level", "8"},
         {"diagnostics"},
         {"ping"},

@@ -1,5 +1,6 @@
 #include "ConfigurationFile.h"
 
+#include "InputText.h"
 #include "JsonTree.h"
 #include "common/Printable.h"
 #include "common/Suggestion.h"
@@ -218,6 +219,11 @@ AppInitConfigMsg ParseConfiguration(const std::string& fileName, const std::stri
     }
     reader.ThrowMistakes();
     return message;
+}
+
+AppInitConfigMsg ReadConfiguration(const std::string& file)
+{
+    return ParseConfiguration(file == "-" ? "(stdin)" : file, ReadInput(file));
 }
 
 } // namespace VtxQel

@@ -25,4 +25,11 @@ class ConfigurationError : public std::runtime_error
 brelix::vtx::messaging::appinit::AppInitConfigMsg ParseConfiguration(
     const std::string& fileName, const std::string& text);
 
+/**
+ * Reads such a file.
+ * @param file its name, - for the standard input.
+ * @throws ConfigurationError as above; Failure when it cannot be read.
+ */
+brelix::vtx::messaging::appinit::AppInitConfigMsg ReadConfiguration(const std::string& file);
+
 } // namespace VtxQel

@@ -2,8 +2,6 @@
 
 #include "ApplicationName.h"
 #include "ConfigurationFile.h"
-#include "Failure.h"
-#include "InputText.h"
 #include "common/MessageTypes.h"
 
 #include <CLI/CLI.hpp>
@@ -38,15 +36,7 @@ CLI::App* ConfigureCommand::Register(CLI::App& root)
 
 void ConfigureCommand::Run(const GlobalOptions& options)
 {
-    AppInitConfigMsg message;
-    try
-    {
-        message = ParseConfiguration(m_file == "-" ? "(stdin)" : m_file, ReadInput(m_file));
-    }
-    catch (const ConfigurationError& error)
-    {
-        throw Failure(error.what());
-    }
+    const AppInitConfigMsg message = ReadConfiguration(m_file);
     if (!m_checkOnly)
     {
         Send(options, message);

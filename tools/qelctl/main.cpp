@@ -9,6 +9,7 @@
 #include "HealthCommand.h"
 #include "LogLevelCommand.h"
 #include "PingCommand.h"
+#include "PlanCommand.h"
 #include "PublishCommand.h"
 #include "ReassignCommand.h"
 #include "RoutesCommand.h"
@@ -74,6 +75,7 @@ int main(int argc, char** argv)
     commands.push_back(std::make_unique<AppsCommand>());
     commands.push_back(std::make_unique<RoutesCommand>());
     commands.push_back(std::make_unique<ExplainCommand>());
+    commands.push_back(std::make_unique<PlanCommand>());
     commands.push_back(std::make_unique<HealthCommand>());
     commands.push_back(std::make_unique<DoctorCommand>());
     commands.push_back(std::make_unique<LogLevelCommand>());
