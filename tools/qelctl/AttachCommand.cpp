@@ -2,7 +2,7 @@
 
 #include "ApplicationName.h"
 #include "Failure.h"
-#include "StopSignals.h"
+#include "qel/StopOnSignals.h"
 
 #include <CLI/CLI.hpp>
 
@@ -68,7 +68,7 @@ CLI::App* AttachCommand::Register(CLI::App& root)
 void AttachCommand::Run(const GlobalOptions& options)
 {
     const std::string socket = Socket();
-    const StopSignals signals([this] { RequestStop(); });
+    const qel::StopOnSignals signals([this] { RequestStop(); });
     DeliveryPrinter printer(std::cout, options.json);
     std::chrono::milliseconds pause = firstPause;
     while (!IsOver())

@@ -2,7 +2,7 @@
 
 #include "DeadLetterPrinter.h"
 #include "Failure.h"
-#include "StopSignals.h"
+#include "qel/StopOnSignals.h"
 
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
@@ -226,7 +226,7 @@ void DeadLettersCommand::Replay(const GlobalOptions& options) const
     ReplayRun run(m_filter, m_to, m_clientQueue.empty() ? "qel.client." + m_agent : m_clientQueue);
     DeadLetterSession session(options, "dead-letters replay", Queue());
     // The session starts its thread when it is opened.
-    const StopSignals signals([&session] { session.Interrupt(); });
+    const qel::StopOnSignals signals([&session] { session.Interrupt(); });
     session.Open();
     run.Execute(session, isatty(STDERR_FILENO) == 1);
     session.Close();
