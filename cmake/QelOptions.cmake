@@ -10,9 +10,11 @@ endif()
 # With full optimisation GCC 12 sees overlapping copies in "text" + string where there are none (its bug 105651).
 target_compile_options(qel_options INTERFACE $<$<AND:$<CXX_COMPILER_ID:GNU>,$<CONFIG:Release>>:-Wno-restrict>)
 
-# Hardening: Debian's set (dpkg-buildflags hardening=+all) and three more.
-target_compile_options(qel_options INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
-target_compile_definitions(qel_options INTERFACE _GLIBCXX_ASSERTIONS)
+# Hardening, of generated code, too: Debian's set (dpkg-buildflags hardening=+all) and three more.
+add_library(qel_hardening INTERFACE)
+target_compile_options(qel_hardening INTERFACE -fstack-protector-strong -fstack-clash-protection -fcf-protection)
+target_compile_definitions(qel_hardening INTERFACE _GLIBCXX_ASSERTIONS)
+target_link_libraries(qel_options INTERFACE qel_hardening)
 # Link options of a static library reach whoever links it, also when they are private: leave that choice to embedders.
 if(QEL_IS_TOP_LEVEL)
   target_link_options(qel_options INTERFACE -Wl,-z,relro -Wl,-z,now)
@@ -34,7 +36,7 @@ if(QEL_SANITIZE)
   endif()
 else()
   # Fortified calls hide accesses from the sanitizers, so it is either the one or the other.
-  target_compile_options(qel_options INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  target_compile_options(qel_hardening INTERFACE -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
 endif()
 
 # Signed overflow aborts instead of wrapping.

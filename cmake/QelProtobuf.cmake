@@ -1,7 +1,7 @@
 # qel_protobuf(<target> PROTO <file> ROOT <dir> [GRPC])
 #
 # An object library of the code generated from <file>. Headers are included by the file's path below <dir>. Generated
-# code is compiled without our warnings.
+# code is compiled without our warnings, but hardened.
 function(qel_protobuf target)
   cmake_parse_arguments(ARG "GRPC" "PROTO;ROOT" "" ${ARGN})
   file(RELATIVE_PATH relative "${ARG_ROOT}" "${ARG_PROTO}")
@@ -25,7 +25,7 @@ function(qel_protobuf target)
 
   add_library(${target} OBJECT ${outputs})
   target_include_directories(${target} SYSTEM PUBLIC "${out}")
-  target_link_libraries(${target} PUBLIC protobuf::libprotobuf)
+  target_link_libraries(${target} PUBLIC protobuf::libprotobuf PRIVATE qel_hardening)
   if(QEL_SANITIZE)
     target_compile_options(${target} PRIVATE -fsanitize=${QEL_SANITIZE})
   endif()
