@@ -5,6 +5,7 @@ The tests are the life of one host, in their order.
 """
 
 import contextlib
+import json
 import re
 import shutil
 import subprocess
@@ -12,6 +13,7 @@ import threading
 
 import grpc
 import pytest
+from conftest import ROOT
 from host import Host
 from support.application import GrpcApplication
 from support.pages import commands
@@ -88,6 +90,64 @@ def test_installed_is_not_started(host, package):
     assert any(UNIT in request and "start" in request for request in host.requests)
     # There is no configuration yet.
     assert host.supervisor is None
+
+
+PROGRAMS = ("usr/sbin/qel-agent", "usr/bin/qelctl")
+
+
+def readelf(option, program):
+    return subprocess.run(["readelf", "--wide", option, program], check=True, stdout=subprocess.PIPE, text=True).stdout
+
+
+@pytest.mark.parametrize("name", PROGRAMS)
+def test_the_programs_are_hardened(host, name):
+    program = host.path(name)
+    assert re.search(r"\(FLAGS_1\).*\bNOW\b.*\bPIE\b", readelf("--dynamic", program))
+    assert not re.search(r"\((RPATH|RUNPATH|TEXTREL)\)", readelf("--dynamic", program))
+    segments = readelf("--segments", program)
+    assert "GNU_RELRO" in segments
+    assert re.search(r"GNU_STACK .* RW +0x", segments)
+    symbols = readelf("--dyn-syms", program)
+    assert "__stack_chk_fail" in symbols
+    assert re.search(r"__\w+_chk@", symbols), "no fortified call"
+
+
+def test_everything_was_compiled_hardened(packages):
+    compilations = [line for line in (packages / "build.log").read_text(encoding="utf-8").splitlines()
+                    if re.search(r"/c\+\+ .* -c \S+$", line)]
+    assert len(compilations) > 100
+    for flag in ("-fstack-protector-strong", "-fstack-clash-protection", "-fcf-protection", "-D_FORTIFY_SOURCE=2",
+                 "-D_GLIBCXX_ASSERTIONS", "-Werror=format-security", "-ffile-prefix-map="):
+        assert [line.split()[-1] for line in compilations if f" {flag}" not in line] == [], flag
+
+
+@pytest.mark.parametrize("name", PROGRAMS)
+def test_the_programs_do_not_tell_where_they_were_built(host, packages, name):
+    """The least of what two builds in different folders need to be the same; packaging/reproducible makes both."""
+    contents = host.path(name).read_bytes()
+    for folder in (packages, ROOT):
+        assert str(folder.resolve()).encode() not in contents
+
+
+def test_the_bill_of_materials_names_what_the_package_needs(host):
+    bill = json.loads(host.path("usr/share/doc/qel-agent/sbom.cdx.json").read_text(encoding="utf-8"))
+    assert (bill["bomFormat"], bill["specVersion"], bill["version"]) == ("CycloneDX", "1.5", 1)
+    assert re.fullmatch(r"urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", bill["serialNumber"])
+    ours = bill["metadata"]["component"]
+    assert (ours["type"], ours["name"]) == ("application", "qel-agent")
+    assert ours["version"] == host.run("dpkg-query", "-W", "-f", "${Version}", "qel-agent")
+    components = {each["name"]: each for each in bill["components"]}
+    for each in components.values():
+        assert each["version"] == subprocess.run(["dpkg-query", "-W", "-f", "${Version}\\n", each["name"]], check=True,
+                                                 stdout=subprocess.PIPE, text=True).stdout.splitlines()[0]
+        assert re.fullmatch(r"pkg:deb/debian/[\w%.-]+@[\w%.:~-]+\?arch=(amd64|arm64|all)", each["purl"])
+    [needs] = bill["dependencies"]
+    assert needs == {"ref": ours["bom-ref"], "dependsOn": [each["bom-ref"] for each in bill["components"]]}
+    linked = {name for name, each in components.items() if each["scope"] == "required"}
+    depends = host.run("dpkg-query", "-W", "-f", "${Depends}", "qel-agent")
+    provided = host.run("dpkg-query", "-W", "-f", "${Provides} ", *linked)
+    assert linked | set(re.findall(r"\blib[\w.+-]+", provided)) >= set(re.findall(r"\blib[\w.+-]+", depends))
+    assert {"libcli11-dev", "nlohmann-json3-dev", "libboost-dev"} <= set(components) - linked
 
 
 def test_the_documentation_leads_to_a_running_agent(host, reader):
