@@ -21,6 +21,7 @@ from support import figures  # noqa: E402
 from support.network import DistantHost  # noqa: E402
 from support.mad_broker import MadBroker  # noqa: E402
 from support.plane import ManagementPlane  # noqa: E402
+from support.qelctl import QelctlProcess  # noqa: E402
 from testbed.network import OURS, PrivateNetwork  # noqa: E402
 from testbed.rabbitnode import RabbitNode  # noqa: E402
 
@@ -63,6 +64,13 @@ class World:
 
     def attach_qelctl(self, agent, name, *options):
         return self._ends.enter_context(AttachedApp(agent, name, *options))
+
+    def qelctl_plane(self, folder, *options, url=None):
+        """`qelctl plane` on the folder, taking requests."""
+        plane = self._ends.enter_context(
+            QelctlProcess(self.folder, "plane", folder, "--broker", url or self.node.url(), *options))
+        plane.wait_for(lambda line: line["event"] == "ready", "the plane to be ready")
+        return plane
 
     def broker_user(self):
         """A fresh broker user who may do everything; the AMQP URL and the name."""

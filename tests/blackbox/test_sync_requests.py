@@ -1,11 +1,14 @@
 """The agent asks the management plane for the configurations of its applications."""
 
+import json
+import signal
 import time
 
 import grpc
 import pytest
 
 from support import schema
+from support.qelctl import QelctlProcess
 
 REQUEST = "com.brelix.vtx.messaging.appinit.AppInitRequestMsg"
 
@@ -172,3 +175,102 @@ def test_an_application_asks_for_another_configuration(world, requests):
     answer(agent, plane, "alpha", ["a.two"])
     alpha.wait_for_state("APPLIED", ["a.two"])
     assert plane.take(requests) is None
+
+
+class PlaneFiles:
+    """What `qelctl plane` is given: DIR/AGENT/APP.json."""
+
+    def __init__(self, world):
+        self.folder = world.folder / "plane"
+        self.folder.mkdir()
+
+    def write(self, agent, application, *topics):
+        self.put(agent, application, json.dumps({"topicInfo": [{"topic": topic} for topic in topics]}))
+
+    def put(self, agent, application, text):
+        """Renames a new file over the old one, as editors do."""
+        file = self.file(agent, application)
+        file.parent.mkdir(exist_ok=True)
+        new = file.with_suffix(".new")
+        new.write_text(text, encoding="utf-8")
+        new.rename(file)
+
+    def file(self, agent, application):
+        return self.folder / agent.agent_id / f"{application}.json"
+
+
+@pytest.fixture
+def files(world):
+    return PlaneFiles(world)
+
+
+def count(plane, **members):
+    return len([line for line in plane.lines() if members.items() <= line.items()])
+
+
+def test_qelctl_plane_configures_from_files_and_replaces_what_is_edited(world, requests, files):
+    agent = asking_agent(world, requests)
+    files.write(agent, "alpha", "a.one")
+    plane = world.qelctl_plane(files.folder, "--routing-key", requests)
+    alpha = world.attach(agent, "alpha")
+    alpha.wait_for_state("APPLIED", ["a.one"])
+    files.write(agent, "alpha", "a.two", "a.three")
+    alpha.wait_for_state("APPLIED", ["a.three", "a.two"])
+
+    files.put(agent, "alpha", '{\n  "topicInfo": [{"topik": "a.four"}]\n}')
+    told = plane.wait_for(lambda line: line["event"] == "rejected", "the mistake")
+    assert told["mistake"].startswith(f"{files.file(agent, 'alpha')}:2:"), told
+    # Beta's first file, in place: what comes after it shows that nothing was sent for alpha.
+    files.file(agent, "beta").write_text('{"topicInfo": [{"topic": "b.one"}]}', encoding="utf-8")
+    world.attach(agent, "beta").wait_for_state("APPLIED", ["b.one"])
+    alpha.wait_for_state("APPLIED", ["a.three", "a.two"])
+
+    files.file(agent, "alpha").unlink()
+    plane.wait_for(lambda line: line["event"] == "removed", "the removal")
+    alpha.wait_for_state("APPLIED", ["a.three", "a.two"])
+    assert plane.end(signal.SIGINT) == 0
+    assert plane.errors() == ""
+
+
+def test_qelctl_plane_answers_an_agent_that_asks(world, requests, files):
+    exchange = f"management.{world.folder.name}"
+    world.plane().channel.exchange_declare(exchange, "direct")
+    plane = world.qelctl_plane(files.folder, "--exchange", exchange, "--routing-key", "init", "--queue", requests)
+    agent = world.agent({"management": {"exchange": exchange, "routing_key": "init"}})
+    alpha = world.attach(agent, "alpha")
+    asked = plane.wait_for(lambda line: line["event"] == "no-file", "that there is no file")
+    assert (asked["agent"], asked["application"]) == (agent.agent_id, "alpha")
+    files.write(agent, "alpha", "a.one")
+    alpha.wait_for_state("APPLIED", ["a.one"])
+
+    assert agent.stop() == 0
+    answered = count(plane, event="sent", cause="request")
+    agent.start()
+    alpha = world.attach(agent, "alpha")
+    plane.wait_for(lambda _: count(plane, event="sent", cause="request") > answered, "the answer after the restart")
+    alpha.wait_for_state("APPLIED", ["a.one"])
+    assert count(plane, event="no-file") == 1
+    assert plane.end() == 0
+
+
+def test_qelctl_plane_goes_on_when_the_broker_is_back(world, requests, files):
+    url, user = world.broker_user()
+    plane = world.qelctl_plane(files.folder, "--routing-key", requests, url=url)
+    agent = asking_agent(world, requests)
+    alpha = world.attach(agent, "alpha")
+    plane.wait_for(lambda line: line["event"] == "no-file", "the first request")
+    world.node.ctl("clear_permissions", user)
+    world.node.ctl("close_all_user_connections", user, "tested")
+    plane.wait_for(lambda line: line["event"] == "trouble", "the loss")
+    files.write(agent, "alpha", "a.one")
+    world.node.ctl("set_permissions", user, ".*", ".*", ".*")
+    alpha.wait_for_state("APPLIED", ["a.one"], patience=60.0)
+    plane.wait_for(lambda _: count(plane, event="ready") == 2, "the plane to be ready again")
+    assert plane.end() == 0
+
+
+def test_qelctl_plane_fails_when_the_exchange_is_not_there(world, files):
+    plane = QelctlProcess(world.folder, "plane", files.folder, "--broker", world.node.url(), "--exchange", "absent",
+                          "--queue", f"requests.{world.folder.name}")
+    assert plane.wait_for_exit() == 1
+    assert "absent" in plane.errors() and "the exchange has to be" in plane.errors()

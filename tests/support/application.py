@@ -1,15 +1,13 @@
 """Local applications: one that speaks the agent's gRPC interface from Python, one that is `qelctl attach`."""
 
-import json
 import queue
-import subprocess
 import threading
 
 import grpc
 
-from testbed.processes import end, spawn, tail, wait_until
+from testbed.processes import wait_until
 
-from .paths import program
+from .qelctl import QelctlProcess
 from .schema import applications as schema
 
 METHOD = "/qel.apps.v1.Applications/"
@@ -177,41 +175,12 @@ def call_with_bytes(agent, name, method, data):
     return None
 
 
-class AttachedApp:
-    """`qelctl attach APP --socket PATH --json` as a process; `lines()` has the JSON objects it has printed."""
+class AttachedApp(QelctlProcess):
+    """`qelctl attach APP --socket PATH --json` as a process."""
 
     def __init__(self, agent, name, *options):
         self.agent = agent
-        self._output = agent.folder / f"attach-{name}-{threading.get_native_id()}-{id(self)}.out"
-        self._errors = self._output.with_suffix(".err")
-        with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
-            self._process = spawn([program("qelctl"), "attach", name, "--socket", agent.socket(name), "--json",
-                                   *options], stdout=output, stderr=errors)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-    def lines(self):
-        """Every complete line it has printed, decoded."""
-        text = self._output.read_text(encoding="utf-8")
-        return [json.loads(line) for line in text[:text.rfind("\n") + 1].splitlines()]
-
-    def wait_for(self, condition, what, patience=30.0):
-        """The first line for which the condition holds."""
-        return wait_until(lambda: next((line for line in self.lines() if condition(line)), None), what, patience,
-                          self.diagnose)
-
-    def wait_for_exit(self, patience=30.0):
-        try:
-            return self._process.wait(patience)
-        except subprocess.TimeoutExpired:
-            raise AssertionError(f"qelctl attach did not end within {patience} s\n{self.diagnose()}") from None
+        super().__init__(agent.folder, "attach", name, "--socket", agent.socket(name), *options)
 
     def diagnose(self):
-        return f"--- qelctl attach\n{tail(self._output)}{tail(self._errors)}{self.agent.log_tail()}"
-
-    def close(self):
-        end(self._process, patience=10.0)
+        return super().diagnose() + self.agent.log_tail()

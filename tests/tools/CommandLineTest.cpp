@@ -43,7 +43,7 @@ TEST(CommandLine, HelpAndVersionSucceed)
     EXPECT_EQ(help.status, 0);
     for (const char* verb :
          {"status", "apps", "routes", "explain", "plan", "health", "doctor", "log-level", "diagnostics", "ping",
-          "configure", "reassign", "publish", "attach", "dead-letters"})
+          "configure", "plane", "reassign", "publish", "attach", "dead-letters"})
     {
         EXPECT_THAT(help.out, HasSubstr(verb));
         EXPECT_EQ(RunQelctl({verb, "--help"}).status, 0) << verb;
@@ -61,7 +61,7 @@ TEST(CommandLine, TheManualPageDescribesEveryOption)
     std::set<std::string> offered = OptionsIn(RunQelctl({"--help"}).out);
     for (const char* verb :
          {"status", "apps", "routes", "explain", "plan", "health", "doctor", "log-level", "diagnostics", "ping",
-          "configure", "reassign", "publish", "attach"})
+          "configure", "plane", "reassign", "publish", "attach"})
     {
         offered.merge(OptionsIn(RunQelctl({verb, "--help"}).out));
     }
@@ -92,6 +92,8 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
         {"--timeout", "0", "ping", "a", "--broker", unreachable},
         {"configure", "a", "web"},
         {"configure", "a", "no/name", "f.json", "--check"},
+        {"plane", "--broker", unreachable},
+        {"plane", ".", "--queue", "q", "--broker", unreachable},
         {"publish", "--broker", unreachable},
         {"publish", "body", "--body-file", "f", "--broker", unreachable},
         {"publish", "body", "--header", "novalue", "--broker", unreachable},
@@ -125,7 +127,8 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
 
 TEST(CommandLine, AVerbForTheBrokerWantsToKnowTheBroker)
 {
-    const std::vector<std::vector<std::string>> lines = {{"ping", "a"}, {"reassign", "a"}, {"publish", "body"}};
+    const std::vector<std::vector<std::string>> lines = {
+        {"ping", "a"}, {"reassign", "a"}, {"publish", "body"}, {"plane", "."}};
     for (const std::vector<std::string>& line : lines)
     {
         const ProgramResult result = RunQelctl(line);

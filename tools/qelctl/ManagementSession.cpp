@@ -47,6 +47,13 @@ void ManagementSession::Open(bool withReplies)
     }
 }
 
+void ManagementSession::Serve(RequestService service)
+{
+    m_service = std::move(service);
+    m_link.Start();
+    WaitUntilRestored();
+}
+
 void ManagementSession::WaitUntilRestored()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
@@ -57,7 +64,9 @@ void ManagementSession::WaitUntilRestored()
     }
     if (!ended)
     {
-        throw Failure("the broker did not get ready within " + InSeconds(m_timeout * 2) + ": " + m_lastTrouble);
+        throw Failure(
+            "the broker did not get ready within " + InSeconds(m_timeout * 2) + ": " + m_lastTrouble +
+            (m_service.cure.empty() ? "" : ": " + m_service.cure));
     }
 }
 
@@ -129,7 +138,7 @@ std::optional<Reply> ManagementSession::WaitForReply(
 
 DesiredTopology ManagementSession::OnConnected()
 {
-    DesiredTopology topology;
+    DesiredTopology topology = m_service.topology;
     if (m_withReplies)
     {
         QueueSpec queue;
@@ -145,6 +154,10 @@ DesiredTopology ManagementSession::OnConnected()
 
 void ManagementSession::OnRestored()
 {
+    if (m_service.onRestored)
+    {
+        m_service.onRestored();
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_restored = true;
     m_changed.notify_all();
@@ -152,24 +165,33 @@ void ManagementSession::OnRestored()
 
 void ManagementSession::OnRestoreFailed(const std::string& what, const RequestResult& result)
 {
+    const std::string trouble = what + ": " + result.text;
+    if (TellTrouble(trouble))
+    {
+        return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_lastTrouble = what + ": " + result.text;
+    m_lastTrouble = trouble;
     if (result.answer == Answer::refused)
     {
-        m_failure = "the broker refuses our reply queue: " + m_lastTrouble +
-                    ": the user needs configure, write and read permission for queues named qelctl.reply.*";
+        m_failure = m_service.onRequest
+                        ? "the broker refuses us: " + trouble + ": " + m_service.cure
+                        : "the broker refuses our reply queue: " + trouble +
+                              ": the user needs configure, write and read permission for queues named qelctl.reply.*";
         m_changed.notify_all();
     }
 }
 
 void ManagementSession::OnDisconnected(const std::string& why)
 {
+    TellTrouble("the broker is lost, it is tried again: " + why);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_lastTrouble = why;
 }
 
 void ManagementSession::OnConsumerCancelled(const std::string& queue)
 {
+    TellTrouble("the broker has removed the queue " + queue + ", it is made again");
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_lastTrouble = "the broker has removed the queue " + queue;
 }
@@ -178,6 +200,11 @@ void ManagementSession::OnDelivery(IncomingMessage&& message)
 {
     const auto arrival = std::chrono::steady_clock::now();
     m_link.Settle(message.tag, SettleAs::ack);
+    if (m_service.onRequest)
+    {
+        m_service.onRequest(std::move(*message.properties));
+        return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_inbox.push_back(Reply{*message.properties, std::move(message.body), arrival});
     m_changed.notify_all();
@@ -186,6 +213,7 @@ void ManagementSession::OnDelivery(IncomingMessage&& message)
 void ManagementSession::OnRefusedDelivery(IncomingMessage&& message, const std::string& why)
 {
     m_link.Settle(message.tag, SettleAs::reject);
+    TellTrouble("a message on " + message.queue + " could not be read: " + why);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_lastTrouble = "a message on " + message.queue + " could not be read: " + why;
 }
@@ -206,9 +234,27 @@ void ManagementSession::OnLoginRefused(const std::string& why)
 
 void ManagementSession::Fail(const std::string& why)
 {
+    if (TellTrouble(why))
+    {
+        return;
+    }
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_failure = why;
     m_changed.notify_all();
+}
+
+// What serves outlives trouble once it has begun.
+bool ManagementSession::TellTrouble(const std::string& why)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_service.onTrouble || !m_restored)
+        {
+            return false;
+        }
+    }
+    m_service.onTrouble(why);
+    return true;
 }
 
 } // namespace VtxQel

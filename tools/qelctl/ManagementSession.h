@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,6 +29,20 @@ struct PublishOutcome
     std::string why;
 };
 
+/** What a session serves that stays until it is told to end. The functions run on the link's thread; none may block. */
+struct RequestService
+{
+    /** Consumed and bound as long as the session lives. */
+    DesiredTopology topology;
+    /** What to do when the broker refuses that. */
+    std::string cure;
+    std::function<void(RmqProperties&& request)> onRequest;
+    /** Something went wrong that the link mends by itself or tries again. */
+    std::function<void(const std::string& why)> onTrouble;
+    /** Everything is in place, for the first time or again. */
+    std::function<void()> onRestored;
+};
+
 /**
  * ManagementSession talks to the broker as the management plane does: it publishes with confirms and waits for replies
  * on a queue of its own that vanishes with it.
@@ -47,6 +62,11 @@ class ManagementSession : private LinkListener
 
     /** Connects and, when `withReplies`, makes the reply queue and proves that a message gets there. */
     void Open(bool withReplies);
+    /**
+     * In place of Open(): connects, takes requests and stays connected, however often the broker goes away.
+     * @throws Failure when it does not come about for the first time.
+     */
+    void Serve(RequestService service);
 
     /** Publishes and waits for the outcome. */
     PublishOutcome Publish(OutgoingMessage message);
@@ -75,12 +95,14 @@ class ManagementSession : private LinkListener
     void WaitUntilRestored();
     void ProveReplyQueue();
     void Fail(const std::string& why);
+    bool TellTrouble(const std::string& why);
 
-    // Constant after Open().
+    // Constant after Open() or Serve().
     std::chrono::milliseconds m_timeout;
     std::string m_user;
     std::string m_replyQueue;
     bool m_withReplies = false;
+    RequestService m_service;
 
     std::mutex m_mutex;
     std::condition_variable m_changed;

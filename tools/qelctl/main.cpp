@@ -10,6 +10,7 @@
 #include "LogLevelCommand.h"
 #include "PingCommand.h"
 #include "PlanCommand.h"
+#include "PlaneCommand.h"
 #include "PublishCommand.h"
 #include "ReassignCommand.h"
 #include "RoutesCommand.h"
@@ -82,6 +83,7 @@ int main(int argc, char** argv)
     commands.push_back(std::make_unique<DiagnosticsCommand>());
     commands.push_back(std::make_unique<PingCommand>());
     commands.push_back(std::make_unique<ConfigureCommand>());
+    commands.push_back(std::make_unique<PlaneCommand>());
     commands.push_back(std::make_unique<ReassignCommand>());
     commands.push_back(std::make_unique<PublishCommand>());
     commands.push_back(std::make_unique<AttachCommand>());
