@@ -40,9 +40,8 @@ class Recorder : public AmqpConnectionHandler
         Note("content " + std::to_string(channel) + " " + std::to_string(content.deliveryTag), m_open);
         m_seen += content.exchange + " " + content.routingKey + " " + content.refused + " " + content.body;
         Require(content.body.size() <= MAX_BODY, "a body is bounded");
-        Require(
-            content.refused.empty() == (content.body.size() == content.declaredSize) || content.declaredSize == 0,
-            "a content that is not refused is whole");
+        Require(content.isOverLimit || content.body.size() == content.declaredSize, "a body within the limit is whole");
+        Require(!content.isOverLimit || !content.refused.empty(), "a body that is not whole is refused");
     }
     void OnBlocked(bool blocked, const std::string& reason) override
     {

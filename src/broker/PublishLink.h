@@ -136,7 +136,7 @@ class PublishLink : private AmqpConnectionHandler
     ConnectionSource& m_source;
     LinkState& m_state;
     OnEnded m_onEnded;
-    std::function<void(bool blocked)> m_onBlocked;
+    std::function<void(bool blocked)> m_onBlocked = [](bool) {};
     std::function<std::size_t()> m_preferredUrl;
 
     std::shared_ptr<AmqpConnection> m_connection;
