@@ -219,8 +219,8 @@ void WriteLibraryLine(google::protobuf::LogLevel level, const char* /*file*/, in
 
 void StartLogOutput(const std::string& format)
 {
-    // Owned by nobody, on purpose: exit() must not take it from a thread that is writing.
-    auto* output = new Output(format);
+    // The logger's, which exit() does not destroy: nothing is taken from a thread that is writing.
+    const auto output = std::make_shared<Output>(format);
     vtx::SetLogSink([output](const vtx::LogLine& line) { output->Take(line); });
     google::protobuf::SetLogHandler(WriteLibraryLine);
 }
