@@ -47,6 +47,7 @@ TEST(LatencyHistogram, NothingIsLostBetweenThreads)
 {
     LatencyHistogram histogram;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int number = 0; number < 4; ++number)
     {
         threads.emplace_back(

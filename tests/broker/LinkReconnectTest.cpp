@@ -182,7 +182,7 @@ TEST_F(LinkReconnect, ABrokerThatIsSilentAboutAnOwnQueueIsSoonAskedAgain)
     Rabbitmqctl("eval \"sys:suspend('%2F_" + queue + "').\"");
     CloseConnections();
     EXPECT_TRUE(link.Listener().WaitForDisconnect(1));
-    for (const std::size_t number : {2, 3})
+    for (const std::size_t number : {2U, 3U})
     {
         EXPECT_THAT(link.Listener().WaitForDisconnect(number).value_or(""), HasSubstr("own queues"));
     }

@@ -260,7 +260,7 @@ TEST_F(LinkTopology, WhatIsSettledAfterTheCancelIsSettledForAQuorumQueueToo)
     EXPECT_EQ(Link()->CancelQueue(quorum.name, DEADLINE).answer, Answer::ok);
     std::vector<IncomingMessage> all = Link().Listener().Deliveries();
     // Every second one first: a command to the queue for each.
-    for (const std::size_t first : {1, 0})
+    for (const std::size_t first : {1U, 0U})
     {
         for (std::size_t i = first; i < all.size(); i += 2)
         {
