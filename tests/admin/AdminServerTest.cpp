@@ -88,6 +88,7 @@ TEST_F(AdminServerTest, TooLargeHeadersAndBodiesAreRefused)
 TEST_F(AdminServerTest, ConnectionsOverTheBoundAreTurnedAwayAndTheOthersServed)
 {
     std::vector<asio::ip::tcp::socket> idle;
+    idle.reserve(64);
     for (int count = 0; count < 64; ++count)
     {
         idle.push_back(Connect());

@@ -168,7 +168,7 @@ TEST(AmqpFramesMethod, ABrokersPropertiesAreCheckedBeforeTheyAreDecoded)
     std::string nested;
     for (int i = 0; i < 26000; ++i)
     {
-        nested = "A" + Number(nested.size(), 4) + nested;
+        nested.insert(0, "A" + Number(nested.size(), 4));
     }
     EXPECT_THAT(
         [&] { DecodeMethod(Start("\x01k" + nested), pool); },
