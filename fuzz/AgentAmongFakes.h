@@ -6,6 +6,7 @@
 #include "apps/LocalAppRegistry.h"
 #include "apps/MessageConversion.h"
 #include "fakes/FakeTopologyPort.h"
+#include "fakes/TopologyClient.h"
 
 #include <boost/make_shared.hpp>
 
@@ -17,28 +18,6 @@
 
 namespace VtxQel::Fuzz
 {
-
-/** The broker client's requests, straight to the topology. */
-class TopologyClient : public RmqClient
-{
-  public:
-    explicit TopologyClient(Topology& topology) : m_topology(topology) {}
-
-    bool CancelQueue(const std::string& queue) override { return m_topology.Cancel(queue); }
-    bool DeclareQueue(const std::string& queue) override { return m_topology.Declare(queue); }
-    bool SendPingReply(const std::string&, const std::string&, const std::string&) override { return true; }
-    bool BindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override
-    {
-        return m_topology.Bind({queue, exchange, topic});
-    }
-    bool UnbindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override
-    {
-        return m_topology.Unbind({queue, exchange, topic});
-    }
-
-  private:
-    Topology& m_topology;
-};
 
 /** The agent's handler with two applications and all that it keeps in agreement, on a fake broker. */
 class AgentAmongFakes
@@ -187,7 +166,7 @@ class AgentAmongFakes
     const boost::shared_ptr<Fakes::FakeAppDispatcher> m_dispatcher =
         boost::make_shared<Fakes::FakeAppDispatcher>(m_notes);
     const boost::shared_ptr<EndpointController> m_endpoint;
-    const boost::shared_ptr<TopologyClient> m_client = boost::make_shared<TopologyClient>(m_topology);
+    const boost::shared_ptr<Fakes::TopologyClient> m_client = boost::make_shared<Fakes::TopologyClient>(m_topology);
     const boost::shared_ptr<AgentMsgHandler> m_handler = boost::make_shared<AgentMsgHandler>(
         HandlerCollaborators{m_routes, m_registry, m_dispatcher, m_client, m_info, m_endpoint},
         ConfigurationKeepers{m_topology, m_subscriptions, m_log}, [](const std::string&) {});

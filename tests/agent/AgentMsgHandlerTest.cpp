@@ -7,6 +7,7 @@
 #include "fakes/FakeAppDispatcher.h"
 #include "fakes/FakeRmqMessage.h"
 #include "fakes/FakeTopologyPort.h"
+#include "fakes/TopologyClient.h"
 
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
@@ -24,27 +25,6 @@ namespace
 
 using brelix::vtx::messaging::appinit::AppInitConfigMsg;
 using Asked = std::vector<std::string>;
-
-/** The broker client's requests, straight to the topology. */
-class TopologyClient : public RmqClient
-{
-  public:
-    explicit TopologyClient(Topology& topology) : m_topology(topology) {}
-    bool CancelQueue(const std::string& queue) override { return m_topology.Cancel(queue); }
-    bool DeclareQueue(const std::string& queue) override { return m_topology.Declare(queue); }
-    bool SendPingReply(const std::string&, const std::string&, const std::string&) override { return true; }
-    bool BindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override
-    {
-        return m_topology.Bind({queue, exchange, topic});
-    }
-    bool UnbindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override
-    {
-        return m_topology.Unbind({queue, exchange, topic});
-    }
-
-  private:
-    Topology& m_topology;
-};
 
 class AgentMsgHandlerTest : public testing::Test
 {
@@ -70,7 +50,7 @@ class AgentMsgHandlerTest : public testing::Test
         topology.emplace(port, *journal, *info);
         subscriptions.emplace(info->clientQueue, info->priorityQueue, true);
         log.emplace((folder / "configurations.json").string());
-        client = boost::make_shared<TopologyClient>(*topology);
+        client = boost::make_shared<Fakes::TopologyClient>(*topology);
         handler = boost::make_shared<AgentMsgHandler>(
             HandlerCollaborators{registry, appRegistry, dispatcher, client, info, endpoint},
             ConfigurationKeepers{*topology, *subscriptions, *log},
@@ -135,7 +115,7 @@ class AgentMsgHandlerTest : public testing::Test
     std::optional<Topology> topology;
     std::optional<Subscriptions> subscriptions;
     std::optional<ConfigurationLog> log;
-    boost::shared_ptr<TopologyClient> client;
+    boost::shared_ptr<Fakes::TopologyClient> client;
     boost::shared_ptr<AgentMsgHandler> handler;
     std::vector<std::string> failed;
 };
