@@ -6,13 +6,14 @@ import dataclasses
 import random
 import socket
 import struct
-import threading
+
+from .listener import LoopListener
 
 RESET_ON_CLOSE = struct.pack("ii", 1, 0)
 DIRECTIONS = ("to_agent", "to_broker")
 
 
-class TcpProxy:
+class TcpProxy(LoopListener):
     """Listens on a free loopback port, `port`, for as long as the context lives; runs in a thread of its own.
 
     What is done with a connection is up to _serve() of the derived class, a coroutine that gets the agent's reader and
@@ -20,35 +21,8 @@ class TcpProxy:
     """
 
     def __init__(self, broker_port, name="proxy"):
-        self.port = None
+        super().__init__(name)
         self._broker_port = broker_port
-        self._loop = asyncio.new_event_loop()
-        self._thread = threading.Thread(target=self._run, name=name, daemon=True)
-        self._listening = threading.Event()
-
-    def __enter__(self):
-        self._thread.start()
-        if not self._listening.wait(10):
-            raise RuntimeError("the proxy does not listen")
-        return self
-
-    def __exit__(self, *_):
-        self._loop.call_soon_threadsafe(self._loop.stop)
-        self._thread.join(10)
-
-    def _run(self):
-        asyncio.set_event_loop(self._loop)
-        server = self._loop.run_until_complete(asyncio.start_server(self._accept, "127.0.0.1", 0))
-        self.port = server.sockets[0].getsockname()[1]
-        self._listening.set()
-        self._loop.run_forever()
-        server.close()
-        tasks = asyncio.all_tasks(self._loop)
-        for task in tasks:
-            task.cancel()
-        self._loop.run_until_complete(asyncio.gather(*tasks, return_exceptions=True))
-        self._loop.run_until_complete(self._loop.shutdown_asyncgens())
-        self._loop.close()
 
     async def _accept(self, agent_reader, agent_writer):
         try:
