@@ -6,11 +6,34 @@
 #include <algorithm>
 #include <chrono>
 #include <memory>
+#include <string>
+#include <thread>
 
 namespace VtxQel
 {
 
 using testing::HasSubstr;
+
+namespace
+{
+
+/** How many channels the node allows on each new connection, for as long as this lives. */
+class ChannelMax
+{
+  public:
+    explicit ChannelMax(int count) { Set(count); }
+    ~ChannelMax() { Set(2047); }
+    ChannelMax(const ChannelMax&) = delete;
+    ChannelMax& operator=(const ChannelMax&) = delete;
+
+  private:
+    static void Set(int count)
+    {
+        Rabbitmqctl("eval \"application:set_env(rabbit, channel_max, " + std::to_string(count) + ").\"");
+    }
+};
+
+} // namespace
 
 /** One link with an own queue, and two applications' queues, of which one is a quorum queue whose leader is stuck. */
 class LinkSilentQueue : public testing::Test
@@ -118,6 +141,22 @@ TEST_F(LinkSilentQueue, ThatIsCancelledIsForgotten)
     EXPECT_TRUE(IsDelivered(m_silent, "wanted again"));
 }
 
+TEST_F(LinkSilentQueue, IsFoundOutWhenTheOthersUseAllChannels)
+{
+    // One for requests, one for echos, and one for each of the three queues.
+    const ChannelMax five(5);
+    Suspend();
+    Rabbitmqctl("close_all_connections 'a test wants it'");
+    ASSERT_TRUE(Listener().WaitForDisconnect(1));
+    EXPECT_THAT(Listener().WaitForDisconnect(2).value_or(""), HasSubstr(m_silent));
+    ASSERT_TRUE(Listener().WaitForRestored(2));
+    ASSERT_EQ((*m_link)->DeclareQueue(Queue(Unique("third"), 1), DEADLINE).answer, Answer::ok);
+    const RequestResult fourth = (*m_link)->DeclareQueue(Queue(Unique("fourth"), 1), std::chrono::seconds(2));
+    EXPECT_NE(fourth.answer, Answer::ok);
+    EXPECT_THAT(fourth.text, HasSubstr("no more channels"));
+    EXPECT_EQ(Listener().DisconnectCount(), 2U);
+}
+
 TEST_F(LinkSilentQueue, IsNotOneThatIsConsumedAnewAgainAndAgain)
 {
     const QueueSpec queue = Queue(Unique("restless"), 10);
@@ -127,6 +166,8 @@ TEST_F(LinkSilentQueue, IsNotOneThatIsConsumedAnewAgainAndAgain)
     {
         ASSERT_EQ((*m_link)->DeclareQueue(queue, DEADLINE).answer, Answer::ok);
         ASSERT_EQ((*m_link)->CancelQueue(queue.name, DEADLINE).answer, Answer::ok);
+        // The channel of a cancelled consumer is only closed after a second: there are enough of them at this pace.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     EXPECT_EQ(Listener().DisconnectCount(), 0U);
 }
