@@ -1,7 +1,7 @@
 #include "qel/Client.h"
 
 #include "ConsumingLoop.h"
-#include "PublishLoop.h"
+#include "UnaryCalls.h"
 #include "qel/apps/v1/applications.grpc.pb.h"
 
 #include <grpcpp/grpcpp.h>
@@ -75,7 +75,11 @@ class Client::Implementation
     void Stop() { m_consuming.Stop(); }
     void Publish(const Publication& publication, std::chrono::milliseconds deadline)
     {
-        PublishLoop(Stub(), publication, deadline).Run();
+        qel::Publish(Stub(), publication, deadline);
+    }
+    Configuration RequestConfiguration(std::chrono::milliseconds deadline)
+    {
+        return qel::RequestConfiguration(Stub(), deadline);
     }
 
   private:
@@ -111,6 +115,11 @@ void Client::Stop()
 void Client::Publish(const Publication& publication, std::chrono::milliseconds deadline)
 {
     m_implementation->Publish(publication, deadline);
+}
+
+Configuration Client::RequestConfiguration(std::chrono::milliseconds deadline)
+{
+    return m_implementation->RequestConfiguration(deadline);
 }
 
 } // namespace qel

@@ -104,6 +104,10 @@ std::string ConsumingLoop::AttachOnce(v1::Applications::Stub& stub, const Handle
 void ConsumingLoop::Observe(const v1::AttachResponse& response) const
 {
     const v1::Welcome& welcome = response.welcome();
+    if (m_options.onWelcome && response.has_welcome())
+    {
+        m_options.onWelcome(FromProto(welcome));
+    }
     if (m_options.onConfiguration && (response.has_welcome() || response.has_configuration()))
     {
         m_options.onConfiguration(

@@ -244,6 +244,16 @@ Configuration FromProto(const v1::Configuration& from)
     return to;
 }
 
+Welcome FromProto(const v1::Welcome& from)
+{
+    return {from.application(),
+            from.agent_version(),
+            from.window(),
+            from.ordering_key(),
+            FromProto(from.configuration()),
+            FromProto(from.broker())};
+}
+
 v1::PublishRequest ToProto(const Publication& publication)
 {
     v1::PublishRequest request;

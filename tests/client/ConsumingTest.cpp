@@ -287,6 +287,44 @@ TEST_F(Consuming, WorksOnSeveralMessagesAtOnce)
     EXPECT_EQ(3U, m_verdicts.size());
 }
 
+TEST_F(Consuming, TellsWhatTheAgentSaysAtEachAttach)
+{
+    std::vector<Welcome> welcomes;
+    m_options.onWelcome = [&welcomes](const Welcome& welcome) { welcomes.push_back(welcome); };
+    StartAgent(
+        [](const v1::Hello&, FakeAgent::Stream& stream)
+        {
+            v1::AttachResponse response = FakeAgent::Welcome();
+            v1::Welcome& welcome = *response.mutable_welcome();
+            welcome.set_window(7);
+            welcome.set_ordering_key("header:customer");
+            welcome.mutable_broker()->set_state(v1::Broker::CONNECTED);
+            welcome.mutable_configuration()->set_state(v1::Configuration::FAILED);
+            welcome.mutable_configuration()->set_error("no such queue");
+            welcome.mutable_configuration()->add_topics("orders.*");
+            welcome.mutable_configuration()->add_queues("web.jobs");
+            welcome.mutable_configuration()->set_incomplete(true);
+            stream.Write(response);
+            stream.Write(FakeAgent::Batch(1, 1));
+            v1::AttachRequest request;
+            stream.Read(&request);
+            return grpc::Status::OK;
+        });
+    RunFor(2, [](const Message&) {});
+    ASSERT_EQ(2U, welcomes.size()) << "one for each attach";
+    const Welcome& welcome = welcomes.front();
+    EXPECT_EQ("web", welcome.application);
+    EXPECT_EQ("fake", welcome.agentVersion);
+    EXPECT_EQ(7U, welcome.window);
+    EXPECT_EQ("header:customer", welcome.orderingKey);
+    EXPECT_EQ(BrokerState::connected, welcome.broker);
+    EXPECT_EQ(Configuration::State::failed, welcome.configuration.state);
+    EXPECT_EQ("no such queue", welcome.configuration.error);
+    EXPECT_THAT(welcome.configuration.topics, ElementsAre("orders.*"));
+    EXPECT_THAT(welcome.configuration.queues, ElementsAre("web.jobs"));
+    EXPECT_TRUE(welcome.configuration.incomplete);
+}
+
 TEST_F(Consuming, TellsOfTheConfigurationAndTheBroker)
 {
     std::vector<Configuration::State> states;

@@ -121,7 +121,10 @@ TEST_F(Publishing, ToldApartAreNoRouteAndRefusal)
     m_answers = {{grpc::StatusCode::INVALID_ARGUMENT, "too long"}};
     EXPECT_EQ(PublishError::Kind::refused, KindOfFailure());
     EXPECT_EQ("too long", m_text);
-    EXPECT_EQ(2U, m_requests.size());
+    m_answers = {{grpc::StatusCode::RESOURCE_EXHAUSTED, "larger than max"}};
+    EXPECT_EQ(PublishError::Kind::refused, KindOfFailure());
+    EXPECT_EQ("the message is too large for the agent: larger than max", m_text);
+    EXPECT_EQ(3U, m_requests.size());
 }
 
 TEST_F(Publishing, GivesUpAtTheDeadline)

@@ -21,8 +21,14 @@ class FakeAgent : private qel::apps::v1::Applications::Service
     /** Its result is the answer to a message that is published. */
     using PublishScript = std::function<grpc::Status(const qel::apps::v1::PublishRequest& request)>;
 
-    FakeAgent(const std::string& socket, Script script, PublishScript publishScript = {})
-        : m_script(std::move(script)), m_publishScript(std::move(publishScript))
+    /** Its result is the answer to a request for a configuration; the response has what is in force. */
+    using ConfigurationScript = std::function<grpc::Status(qel::apps::v1::Configuration& inForce)>;
+
+    FakeAgent(
+        const std::string& socket, Script script, PublishScript publishScript = {},
+        ConfigurationScript configurationScript = {})
+        : m_script(std::move(script)), m_publishScript(std::move(publishScript)),
+          m_configurationScript(std::move(configurationScript))
     {
         grpc::ServerBuilder builder;
         builder.AddListeningPort("unix:" + socket, grpc::InsecureServerCredentials());
@@ -71,8 +77,16 @@ class FakeAgent : private qel::apps::v1::Applications::Service
         return m_publishScript(*request);
     }
 
+    grpc::Status RequestConfiguration(
+        grpc::ServerContext*, const qel::apps::v1::RequestConfigurationRequest*,
+        qel::apps::v1::RequestConfigurationResponse* response) override
+    {
+        return m_configurationScript(*response->mutable_configuration());
+    }
+
     const Script m_script;
     const PublishScript m_publishScript;
+    const ConfigurationScript m_configurationScript;
     std::unique_ptr<grpc::Server> m_server;
 };
 

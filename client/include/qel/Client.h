@@ -2,6 +2,7 @@
 
 #include "qel/Message.h"
 #include "qel/Verdict.h"
+#include "qel/Welcome.h"
 
 #include <chrono>
 #include <cstdint>
@@ -11,7 +12,6 @@
 #include <string>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 namespace qel
 {
@@ -44,34 +44,27 @@ class PublishError : public std::runtime_error
     Kind m_kind;
 };
 
-/** What the management plane has configured for the application. */
-struct Configuration
+/** The management plane was not asked for a configuration. */
+class ConfigurationError : public std::runtime_error
 {
-    enum class State
+  public:
+    enum class Kind
     {
-        missing,
-        applying,
-        applied,
-        failed
+        /** The management plane is not there. Ask later; as long as there is no configuration the agent asks, too. */
+        noPlane,
+        /** The operator has to mend the agent's configuration; the text says what. */
+        notSetUp,
+        /** Asked less than a second ago: the answer to that is on its way. */
+        tooSoon,
+        /** The agent or the broker was away until the deadline: the management plane may have the request or not. */
+        unconfirmed
     };
 
-    State state = State::missing;
-    /** With failed: why. */
-    std::string error;
-    std::vector<std::string> topics;
-    std::vector<std::string> queues;
-    /** The lists were too long and end early. */
-    bool incomplete = false;
-};
+    ConfigurationError(Kind kind, const std::string& what) : std::runtime_error(what), m_kind(kind) {}
+    Kind GetKind() const { return m_kind; }
 
-/** The agent's connection to the broker. */
-enum class BrokerState
-{
-    /** Nothing is delivered; verdicts are given in vain: what is in hand comes again. Publish() waits. */
-    disconnected,
-    connected,
-    /** Messages are delivered, but the broker takes none: Publish() waits. */
-    blocked
+  private:
+    Kind m_kind;
 };
 
 /** How a client behaves; every field may be left as it is. */
@@ -98,6 +91,8 @@ struct Options
     /** Get what is so at each attach and each change of it. On a thread of the library: be quick, call no client. */
     std::function<void(const Configuration& configuration)> onConfiguration;
     std::function<void(BrokerState state)> onBroker;
+    /** Gets what the agent says at each attach, before the two above. On such a thread, too. */
+    std::function<void(const Welcome& welcome)> onWelcome;
 };
 
 /**
@@ -157,6 +152,13 @@ class Client
      * @throws PublishError
      */
     void Publish(const Publication& publication, std::chrono::milliseconds deadline = std::chrono::seconds(30));
+
+    /**
+     * Asks the management plane for our configuration, for an application that knows that it wants another one; the
+     * agent asks by itself as long as there is none. What comes of it is told to Options::onConfiguration.
+     * @return what was in force when the request went out. @throws ConfigurationError
+     */
+    Configuration RequestConfiguration(std::chrono::milliseconds deadline = std::chrono::seconds(30));
 
   private:
     class Implementation;
