@@ -1,7 +1,7 @@
 """The management plane: publishes the configurations that it wants and answers the agent's sync requests."""
 
-import contextlib
 import threading
+import time
 import uuid
 
 import pika
@@ -11,7 +11,10 @@ from support.plane import CONFIGURATION
 from testbed.processes import wait_until
 
 SYNC_REQUEST = "com.brelix.vtx.messaging.appinit.AppInitRequestMsg"
+TICK = 0.02
 RECONNECT_PAUSE = 0.5
+# A channel that published to a queue while its leader was lost may never hear of it again; another one does.
+CONFIRM_PATIENCE = 15.0
 
 
 class Wanted:
@@ -39,6 +42,11 @@ class Plane(threading.Thread):
         self._wanted = {}
         self._unpublished = set()
         self._stopping = threading.Event()
+        self._connection = None
+        self._channel = None
+        # By delivery tag the application, what was published for it, and when.
+        self._unconfirmed = {}
+        self._last_tag = 0
         self.sync_requests = 0
         self.published = 0
 
@@ -64,21 +72,46 @@ class Plane(threading.Thread):
                     for wanted in self._wanted.values() for topic, priority in map(_pair, wanted.topics)}
 
     def run(self):
+        attempt = 0
         while not self._stopping.is_set():
-            try:
-                with contextlib.closing(pika.BlockingConnection(self._parameters)) as connection:
-                    self._work(connection)
-            except pika.exceptions.AMQPError:
-                self._stopping.wait(RECONNECT_PAUSE)
+            self._connection = pika.SelectConnection(
+                self._parameters[attempt % len(self._parameters)], self._on_open, self._on_open_error, self._on_closed)
+            self._connection.ioloop.start()
+            self._connection.ioloop.close()
+            attempt += 1
+            self._stopping.wait(RECONNECT_PAUSE)
 
-    def _work(self, connection):
-        channel = connection.channel()
-        channel.confirm_delivery()
-        channel.queue_declare(self._queue, durable=True, arguments=self._queue_arguments)
-        channel.basic_consume(self._queue, self._on_request)
-        while not self._stopping.is_set():
-            connection.process_data_events(time_limit=0.02)
-            self._publish_wanted(channel)
+    def _on_open(self, connection):
+        connection.channel(on_open_callback=self._on_channel)
+
+    def _on_open_error(self, connection, _error):
+        connection.ioloop.stop()
+
+    def _on_closed(self, connection, _reason):
+        self._channel = None
+        connection.ioloop.stop()
+
+    def _on_channel(self, channel):
+        self._channel = channel
+        self._unconfirmed = {}
+        self._last_tag = 0
+        channel.add_on_close_callback(self._on_channel_closed)
+        channel.add_on_return_callback(self._on_return)
+        channel.confirm_delivery(self._on_confirm)
+        channel.queue_declare(self._queue, durable=True, arguments=self._queue_arguments, callback=self._begin)
+
+    def _on_channel_closed(self, channel, _reason):
+        if channel.connection.is_open:
+            channel.connection.close()
+
+    def _on_return(self, _channel, _method, _properties, _body):
+        """Confirmed in a moment and nowhere all the same: to be published again."""
+        self._unconfirmed.clear()
+        self._connection.close()
+
+    def _begin(self, _declared):
+        self._channel.basic_consume(self._queue, self._on_request)
+        self._tick()
 
     def _on_request(self, channel, method, properties, _body):
         if properties.type == SYNC_REQUEST:
@@ -88,17 +121,35 @@ class Plane(threading.Thread):
                     self._unpublished.add(properties.app_id)
         channel.basic_ack(method.delivery_tag)
 
-    def _publish_wanted(self, channel):
+    def _tick(self):
+        if self._channel is None:
+            return
+        oldest = min((since for _, _, since in self._unconfirmed.values()), default=time.monotonic())
+        if self._stopping.is_set() or time.monotonic() - oldest > CONFIRM_PATIENCE:
+            self._connection.close()
+            return
+        self._publish_wanted()
+        self._connection.ioloop.call_later(TICK, self._tick)
+
+    def _publish_wanted(self):
+        under_way = [wanted for _, wanted, _ in self._unconfirmed.values()]
         with self._lock:
-            due = [(name, self._wanted[name]) for name in self._unpublished]
+            due = [(name, self._wanted[name]) for name in self._unpublished if self._wanted[name] not in under_way]
         for name, wanted in due:
-            channel.basic_publish(
+            self.published += 1
+            self._last_tag += 1
+            self._unconfirmed[self._last_tag] = (name, wanted, time.monotonic())
+            self._channel.basic_publish(
                 "", self._agent.client_queue, schema.configuration(wanted.topics, wanted.queues),
                 pika.BasicProperties(delivery_mode=2, type=CONFIGURATION, app_id=name, message_id=wanted.message_id),
                 mandatory=True)
-            self.published += 1
+
+    def _on_confirm(self, frame):
+        tag = frame.method.delivery_tag
+        confirmed = [one for one in self._unconfirmed if one == tag or (frame.method.multiple and one < tag)]
+        for name, wanted, _ in map(self._unconfirmed.pop, confirmed):
             with self._lock:
-                if self._wanted[name] is wanted:
+                if isinstance(frame.method, pika.spec.Basic.Ack) and self._wanted[name] is wanted:
                     self._unpublished.discard(name)
 
 
