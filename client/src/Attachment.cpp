@@ -142,6 +142,12 @@ void Attachment::OnWriteDone(bool ok)
 
 void Attachment::OnDone(const grpc::Status& status)
 {
+    bool welcomed = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        welcomed = m_welcomed;
+    }
+    m_endObserver(welcomed, status);
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_status = status;
     m_done = true;

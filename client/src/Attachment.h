@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace qel
 {
@@ -28,8 +29,14 @@ class Attachment : private grpc::ClientBidiReactor<apps::v1::AttachRequest, apps
   public:
     using Observer = std::function<void(const apps::v1::AttachResponse&)>;
 
-    /** @param observer called on gRPC's threads with each response before it is taken. */
-    explicit Attachment(Observer observer) : m_observer(std::move(observer)) {}
+    using EndObserver = std::function<void(bool welcomed, const grpc::Status& status)>;
+
+    /** Both are called on gRPC's threads: with each response before it is taken, and with the end before Finish() has
+     * it. */
+    Attachment(Observer observer, EndObserver endObserver)
+        : m_observer(std::move(observer)), m_endObserver(std::move(endObserver))
+    {
+    }
 
     void Start(apps::v1::Applications::Stub& stub, const apps::v1::Hello& hello);
 
@@ -56,6 +63,7 @@ class Attachment : private grpc::ClientBidiReactor<apps::v1::AttachRequest, apps
     void WriteMore();
 
     const Observer m_observer;
+    const EndObserver m_endObserver;
     grpc::ClientContext m_context;
     apps::v1::AttachResponse m_incoming;
 

@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace qel
@@ -27,6 +28,11 @@ bool IsRefusal(const grpc::Status& status)
 {
     return status.error_code() == grpc::StatusCode::INVALID_ARGUMENT ||
            status.error_code() == grpc::StatusCode::UNIMPLEMENTED;
+}
+
+std::string Describe(const grpc::Status& status)
+{
+    return status.ok() ? "the agent has ended the stream" : status.error_message();
 }
 
 std::chrono::milliseconds DefaultDelay(std::chrono::milliseconds first, std::uint32_t tries)
@@ -50,7 +56,7 @@ void ConsumingLoop::Run(v1::Applications::Stub& stub, const Handler& handler)
     {
         const auto began = std::chrono::steady_clock::now();
         const std::string trouble = AttachOnce(stub, handler);
-        if (IsStopped())
+        if (IsStopped() || !m_options.attachAgain)
         {
             break;
         }
@@ -67,7 +73,9 @@ void ConsumingLoop::Run(v1::Applications::Stub& stub, const Handler& handler)
 
 std::string ConsumingLoop::AttachOnce(v1::Applications::Stub& stub, const Handler& handler)
 {
-    Attachment attachment([this](const v1::AttachResponse& response) { Observe(response); });
+    Attachment attachment(
+        [this](const v1::AttachResponse& response) { Observe(response); },
+        [this](bool welcomed, const grpc::Status& status) { ObserveEnd(welcomed, status); });
     v1::Hello hello;
     hello.set_instance(m_options.instance);
     hello.set_window(m_options.window);
@@ -97,8 +105,7 @@ std::string ConsumingLoop::AttachOnce(v1::Applications::Stub& stub, const Handle
     {
         throw AttachError(status.error_message());
     }
-    return (attachment.WasWelcomed() ? "detached: " : "not attached: ") +
-           (status.ok() ? "the agent has ended the stream" : status.error_message());
+    return (attachment.WasWelcomed() ? "detached: " : "not attached: ") + Describe(status);
 }
 
 void ConsumingLoop::Observe(const v1::AttachResponse& response) const
@@ -119,11 +126,23 @@ void ConsumingLoop::Observe(const v1::AttachResponse& response) const
     }
 }
 
+void ConsumingLoop::ObserveEnd(bool welcomed, const grpc::Status& status) const
+{
+    if (m_options.onDetached)
+    {
+        m_options.onDetached({welcomed, status.error_code(), Describe(status)});
+    }
+}
+
 void ConsumingLoop::Work(Attachment& attachment, const Handler& handler) const
 {
     while (auto delivery = attachment.Next())
     {
-        attachment.Answer(Decide(*delivery, handler));
+        v1::Verdict answer = Decide(*delivery, handler);
+        if (answer.kind() != v1::Verdict::KIND_UNSPECIFIED)
+        {
+            attachment.Answer(std::move(answer));
+        }
     }
 }
 
@@ -169,6 +188,8 @@ void ConsumingLoop::Translate(const Message& message, const Verdict& verdict, v1
     case Verdict::Kind::dead:
         out.set_kind(v1::Verdict::DEAD);
         out.set_reason(ReasonText(verdict.Reason()));
+        return;
+    case Verdict::Kind::none:
         return;
     case Verdict::Kind::retry:
         break;

@@ -36,6 +36,7 @@ class ConsumingLoop
     /** One attachment from start to end. @return how it ended. @throws AttachError */
     std::string AttachOnce(apps::v1::Applications::Stub& stub, const Handler& handler);
     void Observe(const apps::v1::AttachResponse& response) const;
+    void ObserveEnd(bool welcomed, const grpc::Status& status) const;
     void Work(Attachment& attachment, const Handler& handler) const;
     apps::v1::Verdict Decide(apps::v1::Delivery& delivery, const Handler& handler) const;
     Verdict Failed(const Message& message, const std::string& what) const;

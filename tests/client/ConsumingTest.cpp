@@ -350,6 +350,33 @@ TEST_F(Consuming, TellsOfTheConfigurationAndTheBroker)
     EXPECT_THAT(broker, ElementsAre(BrokerState::connected, BrokerState::blocked));
 }
 
+TEST_F(Consuming, TellsOfTheWelcomeAndTheEndAndAttachesNoMoreThanAsked)
+{
+    std::vector<std::string> told;
+    m_options.attachAgain = false;
+    m_options.onWelcome = [&told](const Welcome& welcome)
+    { told.push_back(welcome.application + " by " + welcome.agentVersion); };
+    m_options.onDetached = [&told](const Detachment& detachment)
+    { told.push_back((detachment.wasWelcomed ? "" : "not ") + detachment.why); };
+    StartAgent(
+        [](const v1::Hello&, FakeAgent::Stream& stream)
+        {
+            stream.Write(FakeAgent::Welcome());
+            return grpc::Status(grpc::StatusCode::UNAVAILABLE, "going");
+        });
+    Client("web", m_options).Run([](const Message&) {});
+    EXPECT_THAT(told, ElementsAre("web by fake", "going"));
+}
+
+TEST_F(Consuming, NoneIsNoVerdict)
+{
+    m_options.stopPatience = std::chrono::milliseconds(0);
+    DeliverAndKeepVerdicts(2);
+    RunFor(2, [](const Message& message) { return message.body == "1" ? Verdict::Done() : Verdict::None(); });
+    ASSERT_EQ(1U, m_verdicts.size());
+    EXPECT_EQ(1U, m_verdicts[0].delivery_id());
+}
+
 TEST_F(Consuming, RunsOnceAtATime)
 {
     DeliverAndKeepVerdicts(1);

@@ -88,11 +88,15 @@ struct Options
     std::function<void(const std::string& line)> log;
     /** How long Run() goes on after Stop() to finish what it was given; the rest goes to another instance. */
     std::chrono::milliseconds stopPatience{10000};
+    /** Whether Run() attaches again when the agent ends the stream; else it returns. */
+    bool attachAgain = true;
     /** Get what is so at each attach and each change of it. On a thread of the library: be quick, call no client. */
     std::function<void(const Configuration& configuration)> onConfiguration;
     std::function<void(BrokerState state)> onBroker;
     /** Gets what the agent says at each attach, before the two above. On such a thread, too. */
     std::function<void(const Welcome& welcome)> onWelcome;
+    /** Told at each end, at once, while handlers may still work on what they have got. On such a thread, too. */
+    std::function<void(const Detachment& detachment)> onDetached;
 };
 
 /**

@@ -17,7 +17,8 @@ class Verdict
     {
         done,
         retry,
-        dead
+        dead,
+        none
     };
 
     /** Taken: the broker forgets the message. */
@@ -29,6 +30,9 @@ class Verdict
     }
     /** Never: it goes to the dead-letter queue with the reason (of which the first 1024 bytes count). */
     static Verdict Dead(std::string reason) { return {Kind::dead, std::move(reason), std::nullopt}; }
+
+    /** No word: it stays in hand and comes again when we are detached. For handlers that are stopped midway. */
+    static Verdict None() { return {Kind::none, "", std::nullopt}; }
 
     Kind GetKind() const { return m_kind; }
     const std::string& Reason() const { return m_reason; }

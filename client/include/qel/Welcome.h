@@ -28,6 +28,8 @@ struct Configuration
     std::vector<std::string> queues;
     /** The lists were too long and end early. */
     bool incomplete = false;
+
+    bool operator==(const Configuration&) const = default;
 };
 
 /** The agent's connection to the broker. */
@@ -52,6 +54,15 @@ struct Welcome
     std::string orderingKey;
     Configuration configuration;
     BrokerState broker = BrokerState::disconnected;
+};
+
+/** How it ended that we were attached, or the attempt. */
+struct Detachment
+{
+    bool wasWelcomed = false;
+    /** gRPC's code; 0: the stream ended in order. */
+    int status = 0;
+    std::string why;
 };
 
 } // namespace qel
