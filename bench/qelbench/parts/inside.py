@@ -1,0 +1,34 @@
+"""What a step costs inside of the agent's process, by Google Benchmark. `Callback` with its default dispatch at log level 4
+stands beside one inlined function that does the same work by hand: copies the type, locks the dispatcher, compares with three
+names, dispatches with a reference of its own.
+"""
+
+import json
+import subprocess
+
+from qelbench.results import Bars, Figure, Results, at_most
+
+NAME = "inside"
+TITLE = "Inside of the process"
+ORDER = 10
+
+PROGRAM = "bench/qel_handler_dispatch_bench"
+FLOOR = "ByHand"
+TARGETS = {"CallbackDefaultDispatch": at_most(1.2)}
+
+
+def nanoseconds(bench):
+    """One run of every benchmark of the program: {name: nanoseconds of processor time}."""
+    done = subprocess.run([bench.program(PROGRAM), "--benchmark_format=json",
+                           f"--benchmark_min_time={bench.pick(0.5, 0.1)}"],
+                          check=True, capture_output=True, text=True, timeout=300)
+    return {row["name"]: row["cpu_time"] for row in json.loads(done.stdout)["benchmarks"]}
+
+
+def run(bench):
+    # A run of the program is a turn: it runs its benchmarks one after the other.
+    turns = bench.interleave({"all": lambda: nanoseconds(bench)}, bench.pick(15, 5))["all"]
+    figures = {name: Figure(name, "ns a call", [turn[name] for turn in turns]) for name in turns[0]}
+    for name, target in TARGETS.items():
+        figures[name].beside(figures[FLOOR], target)
+    return Results(list(figures.values()), bars=[Bars("calls", "One call", list(figures))])
