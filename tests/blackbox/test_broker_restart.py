@@ -42,7 +42,11 @@ def check_traffic(world, agent, alpha, beta, queue):
 def test_an_orderly_restart(lonely_world):
     node, agent, alpha, beta, queue = populated(lonely_world)
     bindings = node.list_bindings()
-    node.restart()
+    with lonely_world.attach_qelctl(agent, "alpha") as watcher:
+        watcher.wait_for(lambda line: line["event"] == "welcome" and line["broker"] == "CONNECTED", "the welcome")
+        node.restart()
+        for state in ("DISCONNECTED", "CONNECTED"):
+            watcher.wait_for(lambda line, wanted=state: line["event"] == "broker" and line["state"] == wanted, state, 60)
     wait_for_consumers(node, agent, queue)
     alpha.wait_for_broker("CONNECTED")
     broker = schema.applications.Broker

@@ -99,6 +99,18 @@ def test_attach_ends_after_count_and_gives_the_verdict_asked_for(world):
         assert (dead, properties.headers["x-qel-reason"]) == (body, "tested")
 
 
+def test_attach_answers_by_rules_and_by_what_is_typed(world):
+    agent, plane = world.agent(), world.plane()
+    plane.publish("", agent.client_queue, b"bad", app_id="alpha", type="order.bad")
+    plane.publish("", agent.client_queue, b"asked", app_id="alpha", type="order.new")
+    done = qelctl("--json", "attach", "alpha", "--socket", agent.socket("alpha"), "--rule", "type=*.bad:dead",
+                  "--verdict", "ask", "--reason", "a rule", "--count", "3", input="retry 1\ndone\n")
+    deliveries = [line for line in map(json.loads, worked(done).splitlines()) if line["event"] == "delivery"]
+    assert [(line["body"], line["tries"]) for line in deliveries] == [("bad", 0), ("asked", 0), ("asked", 1)]
+    properties, dead = plane.wait_and_take(agent.dead_letter_queue, agent)
+    assert (dead, properties.headers["x-qel-reason"]) == (b"bad", "a rule")
+
+
 def test_attach_without_an_agent_says_so(tmp_path):
     done = qelctl("attach", "alpha", "--runtime-directory", tmp_path)
     assert done.returncode == 1

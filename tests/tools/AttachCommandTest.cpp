@@ -152,6 +152,81 @@ TEST_F(AttachCommandTest, DeadCarriesItsReason)
     EXPECT_EQ(m_verdicts[0].reason(), "no thanks");
 }
 
+TEST_F(AttachCommandTest, TheFirstRuleThatFitsAnswers)
+{
+    {
+        FakeAgent agent(
+            m_socket,
+            [this](const v1::Hello&, FakeAgent::Stream& stream)
+            {
+                stream.Write(FakeAgent::Welcome());
+                v1::AttachResponse batch = FakeAgent::Batch(1, 3);
+                batch.mutable_deliveries()->mutable_deliveries(0)->set_routing_key("a.b.bad");
+                batch.mutable_deliveries()->mutable_deliveries(1)->mutable_properties()->set_type("orders");
+                stream.Write(batch);
+                m_verdicts = ReadVerdicts(stream);
+                return grpc::Status::OK;
+            });
+        const ProgramResult result = RunQelctl(Attach(
+            {"--count", "3", "--rule", "key=#.bad:dead", "--rule", "type=order*:retry", "--rule", "type=*:done",
+             "--reason", "bad key"}));
+        EXPECT_EQ(result.status, 0) << result.err;
+    }
+
+    ASSERT_EQ(m_verdicts.size(), 3U);
+    EXPECT_EQ(m_verdicts[0].kind(), v1::Verdict::DEAD);
+    EXPECT_EQ(m_verdicts[0].reason(), "bad key");
+    EXPECT_EQ(m_verdicts[1].kind(), v1::Verdict::RETRY);
+    EXPECT_EQ(m_verdicts[2].kind(), v1::Verdict::DONE);
+}
+
+TEST_F(AttachCommandTest, AnswersAreReadByTheLineAndWhatHasNoneStaysInHand)
+{
+    ProgramResult result;
+    {
+        FakeAgent agent(m_socket, Deliver(4));
+        result = RunQelctl(Attach({"--verdict", "ask"}), "ack\nperhaps\nr 250\ndead no thanks\n");
+    }
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("\"perhaps\" is no answer: a or done, r or retry"));
+    EXPECT_EQ(Column(result.out, "body").size(), 4U);
+    EXPECT_EQ(m_hello.window(), 1U);
+    ASSERT_EQ(m_verdicts.size(), 3U);
+    EXPECT_EQ(m_verdicts[0].kind(), v1::Verdict::DONE);
+    EXPECT_EQ(m_verdicts[1].kind(), v1::Verdict::RETRY);
+    EXPECT_EQ(m_verdicts[1].retry_delay_ms(), 250U);
+    EXPECT_EQ(m_verdicts[2].kind(), v1::Verdict::DEAD);
+    EXPECT_EQ(m_verdicts[2].reason(), "no thanks");
+}
+
+TEST_F(AttachCommandTest, ChangesOfStateArePrinted)
+{
+    ProgramResult result;
+    {
+        FakeAgent agent(
+            m_socket,
+            [](const v1::Hello&, FakeAgent::Stream& stream)
+            {
+                stream.Write(FakeAgent::Welcome());
+                v1::AttachResponse response;
+                response.mutable_broker()->set_state(v1::Broker::CONNECTED);
+                stream.Write(response);
+                response.mutable_configuration()->set_state(v1::Configuration::FAILED);
+                stream.Write(response);
+                stream.Write(FakeAgent::Batch(1, 1));
+                ReadVerdicts(stream);
+                return grpc::Status::OK;
+            });
+        result = RunQelctl(Attach({"--count", "1"}));
+    }
+
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(
+        Column(result.out, "event"), ElementsAre("\"welcome\"", "\"broker\"", "\"configuration\"", "\"delivery\""));
+    EXPECT_THAT(Column(result.out, "state"), ElementsAre("\"CONNECTED\"", "\"FAILED\""));
+}
+
 TEST_F(AttachCommandTest, ATerminationSignalDetachesInOrder)
 {
     ProgramResult result;

@@ -103,6 +103,7 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
         {"attach", "web", "--verdict", "maybe"},
         {"attach", "web", "--retry-delay-ms", "3600001"},
         {"attach", "web", "--socket", "x", "--runtime-directory", "y"},
+        {"attach", "web", "--rule", "type:done"},
         {"attach", "web", "--nonsense"},
         {"dead-letters"},
         {"dead-letters", "list"},

@@ -2,7 +2,6 @@
 
 #include <stdexcept>
 
-#include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -26,12 +25,15 @@ void Require(bool fine, const char* what)
 
 } // namespace
 
-ProgramRun::ProgramRun(const std::vector<std::string>& arguments)
-    : m_out(memfd_create("out", MFD_CLOEXEC)), m_err(memfd_create("err", MFD_CLOEXEC))
+ProgramRun::ProgramRun(const std::vector<std::string>& arguments, const std::string& input)
+    : m_in(memfd_create("in", MFD_CLOEXEC)), m_out(memfd_create("out", MFD_CLOEXEC)),
+      m_err(memfd_create("err", MFD_CLOEXEC))
 {
-    Require(m_out >= 0 && m_err >= 0, "no memory file for the output");
+    Require(m_in >= 0 && m_out >= 0 && m_err >= 0, "no memory files for input and output");
+    Require(pwrite(m_in, input.data(), input.size(), 0) == static_cast<ssize_t>(input.size()), "no room for the input");
     unsetenv("QEL_BROKER_URL");
     unsetenv("QEL_BROKER_PASSWORD");
+    unsetenv("QEL_RUNTIME_DIRECTORY");
     std::vector<std::string> texts = {QELCTL_PROGRAM};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
@@ -44,7 +46,7 @@ ProgramRun::ProgramRun(const std::vector<std::string>& arguments)
 
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, m_in, STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, m_out, STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, m_err, STDERR_FILENO);
     const int failed = posix_spawn(&m_pid, QELCTL_PROGRAM, &actions, nullptr, pointers.data(), environ);
@@ -59,6 +61,7 @@ ProgramRun::~ProgramRun()
         kill(m_pid, SIGKILL);
         waitpid(m_pid, nullptr, 0);
     }
+    close(m_in);
     close(m_out);
     close(m_err);
 }
@@ -93,9 +96,9 @@ std::string ProgramRun::ReadAll(int file)
     return text;
 }
 
-ProgramResult RunQelctl(const std::vector<std::string>& arguments)
+ProgramResult RunQelctl(const std::vector<std::string>& arguments, const std::string& input)
 {
-    return ProgramRun(arguments).Finish();
+    return ProgramRun(arguments, input).Finish();
 }
 
 } // namespace VtxQel

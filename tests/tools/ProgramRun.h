@@ -24,7 +24,8 @@ struct ProgramResult
 class ProgramRun
 {
   public:
-    explicit ProgramRun(const std::vector<std::string>& arguments);
+    /** @param input what it reads from its standard input. */
+    explicit ProgramRun(const std::vector<std::string>& arguments, const std::string& input = "");
     ~ProgramRun();
     ProgramRun(const ProgramRun&) = delete;
     ProgramRun& operator=(const ProgramRun&) = delete;
@@ -39,11 +40,12 @@ class ProgramRun
     static std::string ReadAll(int file);
 
     pid_t m_pid = -1;
+    int m_in = -1;
     int m_out = -1;
     int m_err = -1;
 };
 
 /** Runs qelctl to its end. */
-ProgramResult RunQelctl(const std::vector<std::string>& arguments);
+ProgramResult RunQelctl(const std::vector<std::string>& arguments, const std::string& input = "");
 
 } // namespace VtxQel

@@ -11,6 +11,7 @@
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 
 namespace VtxQel
 {
@@ -99,6 +100,12 @@ AdminAnswer Send(const std::string& socket, Request request, std::chrono::millis
 }
 
 } // namespace
+
+std::string DefaultRuntimeDirectory()
+{
+    const char* const directory = std::getenv("QEL_RUNTIME_DIRECTORY");
+    return directory == nullptr ? "/run/qel" : directory;
+}
 
 void AdminClient::Register(CLI::App& verb)
 {

@@ -12,6 +12,9 @@ class App;
 namespace VtxQel
 {
 
+/** Where the agent's sockets are: the environment's QEL_RUNTIME_DIRECTORY, else /run/qel. */
+std::string DefaultRuntimeDirectory();
+
 /** What the agent answered over HTTP. */
 struct AdminAnswer
 {
@@ -29,7 +32,10 @@ class AdminClient
     static constexpr int NO_AGENT = 3;
 
     /** @param runtimeDirectory the agent's */
-    explicit AdminClient(std::string runtimeDirectory = "/run/qel") : m_runtimeDirectory(std::move(runtimeDirectory)) {}
+    explicit AdminClient(std::string runtimeDirectory = DefaultRuntimeDirectory())
+        : m_runtimeDirectory(std::move(runtimeDirectory))
+    {
+    }
 
     /** Adds --runtime-directory to a verb; it lands in this object, which must outlive the command line. */
     void Register(CLI::App& verb);

@@ -1,16 +1,18 @@
 #include "AttachCommand.h"
 
 #include "ApplicationName.h"
+#include "DeliveryPrinter.h"
 #include "Failure.h"
 #include "qel/StopOnSignals.h"
 
 #include <CLI/CLI.hpp>
 
-#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <iostream>
 #include <map>
+#include <utility>
 
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -22,13 +24,34 @@ namespace VtxQel
 namespace
 {
 
-using qel::apps::v1::Verdict;
-
-/** How long the agent may take to end a stream that we have ended on our side. */
-constexpr std::chrono::seconds endPatience{5};
-constexpr std::chrono::milliseconds firstPause{200};
-constexpr std::chrono::milliseconds longestPause{5000};
 constexpr std::size_t longestPath = sizeof(sockaddr_un::sun_path) - 1;
+/** gRPC's UNAVAILABLE. */
+constexpr int unavailable = 14;
+
+/** @throws Failure when the application's socket cannot be used. */
+void CheckSocket(const std::string& application, const std::string& socket)
+{
+    struct stat found = {};
+    if (stat(socket.c_str(), &found) != 0)
+    {
+        const bool absent = errno == ENOENT || errno == ENOTDIR;
+        throw Failure(
+            absent ? "there is no socket " + socket + ": is the agent running, is this its runtime directory, and is " +
+                         application + ".toml in its applications' directory?"
+                   : "the socket " + socket + " cannot be looked at: " + std::strerror(errno));
+    }
+    if (!S_ISSOCK(found.st_mode))
+    {
+        throw Failure(socket + " is not a socket");
+    }
+    if (access(socket.c_str(), W_OK) != 0)
+    {
+        throw Failure(
+            "the socket " + socket + " may not be used by this user: " + std::strerror(errno) +
+            ": run as the user or group that the application's drop-in names (uid " + std::to_string(found.st_uid) +
+            ", gid " + std::to_string(found.st_gid) + ")");
+    }
+}
 
 } // namespace
 
@@ -45,47 +68,76 @@ CLI::App* AttachCommand::Register(CLI::App& root)
     verb->add_option("--socket", m_socket, "The application's socket (default DIR/apps/APP.sock)")
         ->excludes(directory)
         ->type_name("PATH");
-    m_settings.instance = "qelctl-" + std::to_string(getpid());
-    verb->add_option("--instance", m_settings.instance, "Tells instances apart in the agent's log")->type_name("TEXT");
+    m_instance = "qelctl-" + std::to_string(getpid());
+    verb->add_option("--instance", m_instance, "Tells instances apart in the agent's log")->type_name("TEXT");
     verb->add_option(
-            "--window", m_settings.window, "How many deliveries may be without a verdict (default: the agent's)")
+            "--window", m_window,
+            "How many deliveries may be without a verdict (default: 1 where answers are asked for, else the agent's)")
         ->type_name("N");
-    const std::map<std::string, Verdict::Kind> verdicts = {
-        {"done", Verdict::DONE}, {"retry", Verdict::RETRY}, {"dead", Verdict::DEAD}};
+    const std::map<std::string, Answer_e> verdicts = {
+        {"done", Answer_e::done}, {"retry", Answer_e::retry}, {"dead", Answer_e::dead}, {"ask", Answer_e::ask}};
     verb->add_option(
-            "--verdict", m_settings.verdict, "The answer to every delivery: done, retry or dead (default done)")
+            "--verdict", m_verdict,
+            "The answer to what no rule fits: done, retry, dead, or ask, which waits for a key or a line (default "
+            "done)")
         ->transform(CLI::CheckedTransformer(verdicts).description(""))
         ->type_name("VERDICT");
-    verb->add_option("--reason", m_settings.reason, "With dead: why")->type_name("TEXT");
-    verb->add_option("--retry-delay-ms", m_settings.retryDelayMs, "With retry: not before so many milliseconds")
-        ->check(CLI::Range(0U, 900000U))
+    verb->add_option(
+            "--rule", m_rules,
+            "FIELD=PATTERN:VERDICT, the first that fits counts; FIELD is key (of words, * and #), type, app-id, "
+            "message-id or queue (of shell patterns); may be repeated")
+        ->type_name("RULE")
+        ->allow_extra_args(false);
+    verb->add_option("--reason", m_defaults.reason, "With dead: why")->type_name("TEXT");
+    verb->add_option_function<std::uint32_t>(
+            "--retry-delay-ms",
+            [this](std::uint32_t delay) { m_defaults.retryDelay = std::chrono::milliseconds(delay); },
+            "With retry: not before so many milliseconds")
+        ->check(CLI::Range(static_cast<std::uint32_t>(longestRetryDelay.count())))
         ->type_name("N");
-    verb->add_option("--count", m_count, "End after so many deliveries (default: never)")->type_name("N");
+    verb->add_option("--count", m_count, "End after so many answered deliveries (default: never)")->type_name("N");
     verb->add_flag("--reconnect", m_reconnect, "Attach again when the agent is away");
     return verb;
 }
 
 void AttachCommand::Run(const GlobalOptions& options)
 {
+    const AnswerRules rules(m_rules);
     const std::string socket = Socket();
-    const qel::StopOnSignals signals([this] { RequestStop(); });
-    DeliveryPrinter printer(std::cout, options.json);
-    std::chrono::milliseconds pause = firstPause;
-    while (!IsOver())
+    if (!m_reconnect)
     {
-        bool welcomed = false;
-        const std::string trouble = AttachOnce(socket, printer, welcomed);
-        if (trouble.empty())
-        {
-            return;
-        }
-        if (!m_reconnect)
-        {
-            throw Failure(trouble);
-        }
-        printer.PrintDetached(trouble);
-        pause = welcomed ? firstPause : std::min(pause * 2, longestPause);
-        Pause(pause);
+        CheckSocket(m_application, socket);
+    }
+    if (m_verdict == Answer_e::ask || rules.Asks())
+    {
+        m_prompt = std::make_unique<AnswerPrompt>(STDIN_FILENO, std::cerr, m_defaults);
+        // What waits behind a question would wait too long.
+        m_window = m_window.value_or(1);
+    }
+    DeliveryPrinter printer(std::cout, options.json);
+    qel::Client client(m_application, ClientOptions(socket, printer));
+    const qel::StopOnSignals signals([this, &client] { RequestStop(client); });
+    try
+    {
+        client.Run(
+            [this, &rules, &client, &printer](const qel::Message& message)
+            {
+                const qel::Verdict verdict = Handle(rules, message, printer);
+                if ((m_count != 0 && m_answered == m_count) || (m_prompt && m_prompt->IsOver()))
+                {
+                    RequestStop(client);
+                }
+                return verdict;
+            });
+    }
+    catch (const qel::AttachError&)
+    {
+        // The detachment has told why.
+    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_trouble.empty())
+    {
+        throw Failure(m_trouble);
     }
 }
 
@@ -101,116 +153,104 @@ std::string AttachCommand::Socket() const
     return socket;
 }
 
-void AttachCommand::CheckSocket(const std::string& socket) const
+qel::Options AttachCommand::ClientOptions(const std::string& socket, DeliveryPrinter& printer)
 {
-    struct stat found = {};
-    if (stat(socket.c_str(), &found) != 0)
+    qel::Options options;
+    options.socket = socket;
+    options.instance = m_instance;
+    options.window = m_window.value_or(0);
+    options.stopPatience = std::chrono::milliseconds(0);
+    options.attachAgain = m_reconnect;
+    options.log = [](const std::string&) {};
+    options.onWelcome = [this, &printer](const qel::Welcome& welcome)
     {
-        const bool absent = errno == ENOENT || errno == ENOTDIR;
-        throw Failure(
-            absent ? "there is no socket " + socket + ": is the agent running, is this its runtime directory, and is " +
-                         m_application + ".toml in its applications' directory?"
-                   : "the socket " + socket + " cannot be looked at: " + std::strerror(errno));
-    }
-    if (!S_ISSOCK(found.st_mode))
+        printer.PrintWelcome(welcome);
+        TakeWelcome();
+    };
+    options.onConfiguration = [&printer](const qel::Configuration& configuration)
+    { printer.PrintConfiguration(configuration); };
+    options.onBroker = [&printer](qel::BrokerState state) { printer.PrintBroker(state); };
+    options.onDetached = [this, socket, &printer](const qel::Detachment& detachment)
+    { TakeDetachment(detachment, socket, printer); };
+    return options;
+}
+
+qel::Verdict AttachCommand::Handle(const AnswerRules& rules, const qel::Message& message, DeliveryPrinter& printer)
+{
+    printer.PrintDelivery(++m_shown, message);
+    const Answer_e answer = rules.Find(message).value_or(m_verdict);
+    qel::Verdict verdict = answer == Answer_e::ask ? m_prompt->Ask() : ToVerdict(answer, m_defaults);
+    m_answered += verdict.GetKind() == qel::Verdict::Kind::none ? 0 : 1;
+    return verdict;
+}
+
+void AttachCommand::TakeWelcome()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_prompt && !m_stopping)
     {
-        throw Failure(socket + " is not a socket");
-    }
-    if (access(socket.c_str(), W_OK) != 0)
-    {
-        throw Failure(
-            "the socket " + socket + " may not be used by this user: " + std::strerror(errno) +
-            ": run as the user or group that the application's drop-in names (uid " + std::to_string(found.st_uid) +
-            ", gid " + std::to_string(found.st_gid) + ")");
+        m_prompt->Resume();
     }
 }
 
-std::string AttachCommand::AttachOnce(const std::string& socket, DeliveryPrinter& printer, bool& welcomed)
+void AttachCommand::TakeDetachment(
+    const qel::Detachment& detachment, const std::string& socket, DeliveryPrinter& printer)
 {
-    try
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_prompt)
     {
-        CheckSocket(socket);
+        m_prompt->Interrupt();
     }
-    catch (const Failure& failure)
+    if (!m_stopping)
     {
-        return failure.what();
-    }
-    Attachment attachment(m_settings, printer, m_count == 0 ? 0 : m_count - m_received);
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        attachment.Start(socket);
-        m_current = &attachment;
-        if (m_stop)
+        m_trouble = Explain(detachment, socket);
+        if (m_reconnect)
         {
-            attachment.Detach();
+            printer.PrintDetached(m_trouble);
         }
     }
-    Follow(attachment);
+    else if (detachment.wasWelcomed && detachment.status != 0)
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_current = nullptr;
+        m_trouble = "the stream did not end in order, the last verdicts may be lost: " + detachment.why;
     }
-    m_received += attachment.Deliveries();
-    welcomed = attachment.WasWelcomed();
-    return Explain(attachment, socket);
 }
 
-void AttachCommand::Follow(Attachment& attachment) const
+std::string AttachCommand::Explain(const qel::Detachment& detachment, const std::string& socket) const
 {
-    attachment.WaitUntilEnding();
-    if (!attachment.Wait(endPatience))
+    if (!detachment.wasWelcomed && detachment.status == unavailable)
     {
-        attachment.Cancel();
-        while (!attachment.Wait(endPatience))
+        try
         {
+            CheckSocket(m_application, socket);
         }
-    }
-}
-
-std::string AttachCommand::Explain(const Attachment& attachment, const std::string& socket) const
-{
-    const grpc::Status status = attachment.Status();
-    if (attachment.WasEndedByUs())
-    {
-        return status.ok() || !attachment.WasWelcomed()
-                   ? ""
-                   : "the stream did not end in order, the last verdicts may be lost: " + status.error_message();
-    }
-    if (status.ok())
-    {
-        return "the agent has ended the stream: it is stopping, or " + m_application + " was taken away from it";
-    }
-    if (!attachment.WasWelcomed() && status.error_code() == grpc::StatusCode::UNAVAILABLE)
-    {
-        return "nobody answers on " + socket + " (" + status.error_message() +
+        catch (const Failure& failure)
+        {
+            return failure.what();
+        }
+        return "nobody answers on " + socket + " (" + detachment.why +
                "): is the agent running? It also hangs up when this user is not the one in the drop-in of " +
                m_application;
     }
-    return (attachment.WasWelcomed() ? "the agent has broken the stream off: " : "the agent refuses to attach us: ") +
-           status.error_message() + " (gRPC status " + std::to_string(status.error_code()) + ")";
-}
-
-void AttachCommand::RequestStop()
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_stop = true;
-    if (m_current != nullptr)
+    if (detachment.status == 0)
     {
-        m_current->Detach();
+        return "the agent has ended the stream: it is stopping, or " + m_application + " was taken away from it";
     }
-    m_changed.notify_all();
+    return (detachment.wasWelcomed ? "the agent has broken the stream off: " : "the agent refuses to attach us: ") +
+           detachment.why + " (gRPC status " + std::to_string(detachment.status) + ")";
 }
 
-bool AttachCommand::IsOver()
+void AttachCommand::RequestStop(qel::Client& client)
 {
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_stop;
-}
-
-void AttachCommand::Pause(std::chrono::milliseconds duration)
-{
-    std::unique_lock<std::mutex> lock(m_mutex);
-    m_changed.wait_for(lock, duration, [this] { return m_stop; });
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_stopping = true;
+        m_trouble.clear();
+        if (m_prompt)
+        {
+            m_prompt->Interrupt();
+        }
+    }
+    client.Stop();
 }
 
 } // namespace VtxQel

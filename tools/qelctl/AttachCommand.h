@@ -1,19 +1,27 @@
 #pragma once
 
-#include "Attachment.h"
+#include "AdminClient.h"
+#include "AnswerPrompt.h"
+#include "AnswerRules.h"
 #include "Command.h"
+#include "qel/Client.h"
 
-#include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace VtxQel
 {
 
+class DeliveryPrinter;
+
 /**
- * `qelctl attach APP`: is an application: prints the deliveries that come over the application's socket and answers
- * each with one verdict. Ends in order on SIGINT and SIGTERM.
+ * `qelctl attach APP`: is an application: prints the deliveries that come over the application's socket and every
+ * change of state, and answers each delivery by a rule, as the developer says, or with one verdict for all. Ends in
+ * order on SIGINT and SIGTERM.
  */
 class AttachCommand : public Command
 {
@@ -23,28 +31,32 @@ class AttachCommand : public Command
 
   private:
     std::string Socket() const;
-    void CheckSocket(const std::string& socket) const;
-    /** One stream from start to end. @return why it ended; empty when this side has ended it. */
-    std::string AttachOnce(const std::string& socket, DeliveryPrinter& printer, bool& welcomed);
-    void Follow(Attachment& attachment) const;
-    std::string Explain(const Attachment& attachment, const std::string& socket) const;
-    void RequestStop();
-    bool IsOver();
-    void Pause(std::chrono::milliseconds duration);
+    qel::Options ClientOptions(const std::string& socket, DeliveryPrinter& printer);
+    qel::Verdict Handle(const AnswerRules& rules, const qel::Message& message, DeliveryPrinter& printer);
+    void TakeWelcome();
+    void TakeDetachment(const qel::Detachment& detachment, const std::string& socket, DeliveryPrinter& printer);
+    std::string Explain(const qel::Detachment& detachment, const std::string& socket) const;
+    void RequestStop(qel::Client& client);
 
     std::string m_application;
-    std::string m_runtimeDirectory = "/run/qel";
+    std::string m_runtimeDirectory = DefaultRuntimeDirectory();
     std::string m_socket;
-    AttachSettings m_settings;
+    std::string m_instance;
+    std::optional<std::uint32_t> m_window;
+    Answer_e m_verdict = Answer_e::done;
+    AnswerDefaults m_defaults;
+    std::vector<std::string> m_rules;
     std::uint64_t m_count = 0;
-    std::uint64_t m_received = 0;
     bool m_reconnect = false;
 
+    std::uint64_t m_shown = 0;
+    std::uint64_t m_answered = 0;
+    std::unique_ptr<AnswerPrompt> m_prompt;
+
     std::mutex m_mutex;
-    std::condition_variable m_changed;
-    // Guarded by m_mutex: the thread that waits for signals uses them.
-    bool m_stop = false;
-    Attachment* m_current = nullptr;
+    // Guarded by m_mutex: the thread that waits for signals and the library's use them.
+    bool m_stopping = false;
+    std::string m_trouble;
 };
 
 } // namespace VtxQel

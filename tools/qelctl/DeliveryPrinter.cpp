@@ -1,10 +1,15 @@
 #include "DeliveryPrinter.h"
 
+#include "TableJson.h"
 #include "TextForms.h"
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
+#include <chrono>
+#include <type_traits>
+#include <utility>
+#include <variant>
+#include <vector>
 
 namespace VtxQel
 {
@@ -13,103 +18,136 @@ namespace
 {
 
 using Json = nlohmann::ordered_json;
-namespace v1 = qel::apps::v1;
 
 constexpr std::size_t bodyBytesForPeople = 200;
 
-Json TextOrBase64(const std::string& bytes)
-{
-    return IsText(bytes) ? Json(bytes) : Json{{"base64", ToBase64(bytes)}};
-}
+Json ToJson(const qel::Headers& headers);
 
-Json ToJson(const v1::HeaderTable& table);
-
-Json ToJson(const v1::HeaderValue& value)
+Json ToJson(const qel::HeaderValue& value)
 {
-    switch (value.kind_case())
+    const auto convert = [](const auto& held) -> Json
     {
-    case v1::HeaderValue::kBoolean:
-        return value.boolean();
-    case v1::HeaderValue::kInteger:
-        return value.integer();
-    case v1::HeaderValue::kUnsignedInteger:
-        return value.unsigned_integer();
-    case v1::HeaderValue::kNumber:
-        return value.number();
-    case v1::HeaderValue::kText:
-        return TextOrBase64(value.text());
-    case v1::HeaderValue::kTable:
-        return ToJson(value.table());
-    case v1::HeaderValue::kArray:
-    {
-        Json list = Json::array();
-        for (const v1::HeaderValue& element : value.array().values())
+        using Type = std::decay_t<decltype(held)>;
+        if constexpr (std::is_same_v<Type, std::monostate>)
         {
-            list.push_back(ToJson(element));
+            return nullptr;
         }
-        return list;
-    }
-    case v1::HeaderValue::kTimestamp:
-        return {{"timestamp", value.timestamp().seconds()}};
-    case v1::HeaderValue::kDecimal:
-        return {{"decimals", value.decimal().decimals()}, {"value", value.decimal().value()}};
-    case v1::HeaderValue::kNull:
-    case v1::HeaderValue::KIND_NOT_SET:
-        break;
-    }
-    return nullptr;
+        else if constexpr (std::is_same_v<Type, std::string>)
+        {
+            return TextOrBase64(held);
+        }
+        else if constexpr (std::is_same_v<Type, qel::HeaderArray>)
+        {
+            Json list = Json::array();
+            for (const qel::HeaderValue& element : held)
+            {
+                list.push_back(ToJson(element));
+            }
+            return list;
+        }
+        else if constexpr (std::is_same_v<Type, qel::Headers>)
+        {
+            return ToJson(held);
+        }
+        else if constexpr (std::is_same_v<Type, std::chrono::sys_seconds>)
+        {
+            return {{"timestamp", held.time_since_epoch().count()}};
+        }
+        else if constexpr (std::is_same_v<Type, qel::Decimal>)
+        {
+            return {{"decimals", held.decimals}, {"value", held.value}};
+        }
+        else
+        {
+            return held;
+        }
+    };
+    return std::visit(convert, value.value);
 }
 
-Json ToJson(const v1::HeaderTable& table)
+Json ToJson(const qel::Headers& headers)
 {
     Json object = Json::object();
-    for (const v1::Header& header : table.headers())
+    for (const auto& [name, value] : headers)
     {
-        object[header.name()] = ToJson(header.value());
+        object[name] = ToJson(value);
     }
     return object;
 }
 
-Json ToJson(const v1::Configuration& configuration)
+std::string NameOf(qel::Configuration::State state)
 {
-    Json object = {{"state", v1::Configuration::State_Name(configuration.state())}};
-    if (!configuration.error().empty())
+    switch (state)
     {
-        object["error"] = configuration.error();
+    case qel::Configuration::State::missing:
+        return "MISSING";
+    case qel::Configuration::State::applying:
+        return "APPLYING";
+    case qel::Configuration::State::applied:
+        return "APPLIED";
+    case qel::Configuration::State::failed:
+        break;
     }
-    object["topics"] = configuration.topics();
-    object["queues"] = configuration.queues();
+    return "FAILED";
+}
+
+std::string NameOf(qel::BrokerState state)
+{
+    switch (state)
+    {
+    case qel::BrokerState::connected:
+        return "CONNECTED";
+    case qel::BrokerState::blocked:
+        return "BLOCKED";
+    case qel::BrokerState::disconnected:
+        break;
+    }
+    return "DISCONNECTED";
+}
+
+Json ToJson(const qel::Configuration& configuration)
+{
+    Json object = {{"state", NameOf(configuration.state)}};
+    if (!configuration.error.empty())
+    {
+        object["error"] = configuration.error;
+    }
+    object["topics"] = configuration.topics;
+    object["queues"] = configuration.queues;
+    if (configuration.incomplete)
+    {
+        object["incomplete"] = true;
+    }
     return object;
 }
 
-Json ToJson(const v1::Delivery& delivery)
+Json ToJson(std::uint64_t number, const qel::Message& message)
 {
-    const v1::Properties& properties = delivery.properties();
-    Json object = {
-        {"event", "delivery"},
-        {"deliveryId", delivery.delivery_id()},
-        {"exchange", delivery.exchange()},
-        {"routingKey", delivery.routing_key()},
-        {"queue", delivery.queue()},
-        {"type", properties.type()},
-        {"appId", properties.app_id()}};
-    if (IsText(delivery.body()))
+    const qel::Properties& properties = message.properties;
+    Json object = {{"event", "delivery"},          {"deliveryId", number},
+                   {"exchange", message.exchange}, {"routingKey", message.routingKey},
+                   {"queue", message.queue},       {"type", properties.type},
+                   {"appId", properties.appId}};
+    if (IsText(message.body))
     {
-        object["body"] = delivery.body();
+        object["body"] = message.body;
     }
     else
     {
-        object["bodyBase64"] = ToBase64(delivery.body());
+        object["bodyBase64"] = ToBase64(message.body);
     }
-    object["redelivered"] = delivery.redelivered();
-    object["tries"] = delivery.tries();
-    object["priority"] = delivery.priority();
+    object["redelivered"] = message.redelivered;
+    object["tries"] = message.tries;
+    object["priority"] = message.priority;
     const std::pair<const char*, const std::string*> others[] = {
-        {"messageId", &properties.message_id()},
-        {"replyTo", &properties.reply_to()},
-        {"correlationId", &properties.correlation_id()},
-        {"userId", &properties.user_id()},
-        {"contentType", &properties.content_type()}};
+        {"idempotencyKey", &message.idempotencyKey},
+        {"messageId", &properties.messageId},
+        {"replyTo", &properties.replyTo},
+        {"correlationId", &properties.correlationId},
+        {"userId", &properties.userId},
+        {"contentType", &properties.contentType},
+        {"contentEncoding", &properties.contentEncoding},
+        {"expiration", &properties.expiration}};
     for (const auto& [name, value] : others)
     {
         if (!value->empty())
@@ -117,19 +155,11 @@ Json ToJson(const v1::Delivery& delivery)
             object[name] = *value;
         }
     }
-    v1::HeaderTable headers;
-    *headers.mutable_headers() = properties.headers();
-    object["headers"] = ToJson(headers);
+    object["headers"] = ToJson(properties.headers);
     return object;
 }
 
-/** One line; bytes that are not UTF-8 outside the body become replacement characters. */
-std::string Line(const Json& object)
-{
-    return object.dump(-1, ' ', false, Json::error_handler_t::replace);
-}
-
-std::string List(const google::protobuf::RepeatedPtrField<std::string>& names)
+std::string List(const std::vector<std::string>& names)
 {
     std::string text;
     for (const std::string& name : names)
@@ -139,86 +169,111 @@ std::string List(const google::protobuf::RepeatedPtrField<std::string>& names)
     return text.empty() ? "none" : text;
 }
 
-std::string Describe(const v1::Configuration& configuration)
+std::string Describe(const qel::Configuration& configuration)
 {
-    std::string text = "configuration " + v1::Configuration::State_Name(configuration.state());
-    if (!configuration.error().empty())
+    std::string text = "configuration " + NameOf(configuration.state);
+    if (!configuration.error.empty())
     {
-        text += " (" + ForTerminal(configuration.error()) + ")";
+        text += " (" + ForTerminal(configuration.error) + ")";
     }
-    return text + ", topics: " + List(configuration.topics()) + ", queues: " + List(configuration.queues());
+    return text + ", topics: " + List(configuration.topics) + ", queues: " + List(configuration.queues) +
+           (configuration.incomplete ? ", and more" : "");
 }
 
-std::string Describe(const v1::Delivery& delivery)
+std::string Describe(std::uint64_t number, const qel::Message& message)
 {
-    const v1::Properties& properties = delivery.properties();
-    std::string text = "#" + std::to_string(delivery.delivery_id()) + " " +
-                       (delivery.exchange().empty() ? "(default exchange)" : ForTerminal(delivery.exchange())) + " " +
-                       ForTerminal(delivery.routing_key());
-    if (!properties.type().empty())
+    std::string text = "#" + std::to_string(number) + " " +
+                       (message.exchange.empty() ? "(default exchange)" : ForTerminal(message.exchange)) + " " +
+                       ForTerminal(message.routingKey);
+    if (!message.properties.type.empty())
     {
-        text += " type=" + ForTerminal(properties.type());
+        text += " type=" + ForTerminal(message.properties.type);
     }
-    if (!properties.app_id().empty())
+    if (!message.properties.appId.empty())
     {
-        text += " app-id=" + ForTerminal(properties.app_id());
+        text += " app-id=" + ForTerminal(message.properties.appId);
     }
-    text += delivery.priority() ? " priority" : "";
-    text += delivery.redelivered() ? " redelivered" : "";
-    text += delivery.tries() > 0 ? " tries=" + std::to_string(delivery.tries()) : "";
-    const std::string& body = delivery.body();
-    text += ": \"" + ForTerminal(body.substr(0, bodyBytesForPeople)) + "\"";
-    if (body.size() > bodyBytesForPeople)
+    text += message.priority ? " priority" : "";
+    text += message.redelivered ? " redelivered" : "";
+    text += message.tries > 0 ? " tries=" + std::to_string(message.tries) : "";
+    text += ": \"" + ForTerminal(message.body.substr(0, bodyBytesForPeople)) + "\"";
+    if (message.body.size() > bodyBytesForPeople)
     {
-        text += "... (" + std::to_string(body.size()) + " bytes)";
+        text += "... (" + std::to_string(message.body.size()) + " bytes)";
     }
     return text;
 }
 
 } // namespace
 
-void DeliveryPrinter::PrintWelcome(const v1::Welcome& welcome)
+void DeliveryPrinter::PrintWelcome(const qel::Welcome& welcome)
 {
-    if (m_json)
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_configuration = welcome.configuration;
+    m_broker = welcome.broker;
+    Json line = {{"event", "welcome"},
+                 {"application", welcome.application},
+                 {"agentVersion", welcome.agentVersion},
+                 {"window", welcome.window},
+                 {"broker", NameOf(welcome.broker)},
+                 {"configuration", ToJson(welcome.configuration)}};
+    if (!welcome.orderingKey.empty())
     {
-        const Json line = {
-            {"event", "welcome"},
-            {"application", welcome.application()},
-            {"agentVersion", welcome.agent_version()},
-            {"window", welcome.window()},
-            {"configuration", ToJson(welcome.configuration())}};
-        m_out << Line(line) << std::endl;
-        return;
+        line["orderingKey"] = welcome.orderingKey;
     }
-    m_out << "attached as " << ForTerminal(welcome.application()) << " (agent " << ForTerminal(welcome.agent_version())
-          << ", window " << welcome.window() << "), " << Describe(welcome.configuration()) << std::endl;
+    Print(
+        line, "attached as " + ForTerminal(welcome.application) + " (agent " + ForTerminal(welcome.agentVersion) +
+                  ", window " + std::to_string(welcome.window) + "), broker " + NameOf(welcome.broker) + ", " +
+                  Describe(welcome.configuration));
 }
 
-void DeliveryPrinter::PrintConfiguration(const v1::Configuration& configuration)
+void DeliveryPrinter::PrintConfiguration(const qel::Configuration& configuration)
 {
-    if (m_json)
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_configuration == configuration)
     {
-        Json line = {{"event", "configuration"}};
-        line.update(ToJson(configuration));
-        m_out << Line(line) << std::endl;
         return;
     }
-    m_out << Describe(configuration) << std::endl;
+    m_configuration = configuration;
+    Json line = {{"event", "configuration"}};
+    line.update(ToJson(configuration));
+    Print(line, Describe(configuration));
 }
 
-void DeliveryPrinter::PrintDelivery(const v1::Delivery& delivery)
+void DeliveryPrinter::PrintBroker(qel::BrokerState state)
 {
-    m_out << (m_json ? Line(ToJson(delivery)) : Describe(delivery)) << std::endl;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_broker == state)
+    {
+        return;
+    }
+    m_broker = state;
+    Print({{"event", "broker"}, {"state", NameOf(state)}}, "broker " + NameOf(state));
+}
+
+void DeliveryPrinter::PrintDelivery(std::uint64_t number, const qel::Message& message)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_json)
+    {
+        Print(ToJson(number, message), "");
+    }
+    else
+    {
+        Print({}, Describe(number, message));
+    }
 }
 
 void DeliveryPrinter::PrintDetached(const std::string& why)
 {
-    if (m_json)
-    {
-        m_out << Line({{"event", "detached"}, {"error", why}}) << std::endl;
-        return;
-    }
-    m_out << "detached: " << ForTerminal(why) << std::endl;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    Print({{"event", "detached"}, {"error", why}}, "detached: " + ForTerminal(why));
+}
+
+// One line; bytes that are not UTF-8 outside the body become replacement characters.
+void DeliveryPrinter::Print(const Json& line, const std::string& text)
+{
+    m_out << (m_json ? line.dump(-1, ' ', false, Json::error_handler_t::replace) : text) << std::endl;
 }
 
 } // namespace VtxQel
