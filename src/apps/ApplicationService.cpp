@@ -12,7 +12,8 @@ namespace VtxQel
 namespace proto = qel::apps::v1;
 
 ApplicationService::ApplicationService(ServiceContext context)
-    : m_context(std::move(context)), m_quota(boost::make_shared<PublishQuota>())
+    : m_context(std::move(context)), m_quota(boost::make_shared<PublishQuota>()),
+      m_complaints(boost::make_shared<Complaints>(m_context.application->Name()))
 {
 }
 
@@ -35,7 +36,7 @@ void ApplicationService::BrokerChanged()
 grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>* ApplicationService::Attach(
     grpc::CallbackServerContext* /*context*/)
 {
-    const auto session = boost::make_shared<AttachSession>(m_context);
+    const auto session = boost::make_shared<AttachSession>(m_context, m_complaints);
     bool fits = false;
     {
         const std::lock_guard lock(m_mutex);

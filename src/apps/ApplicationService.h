@@ -48,6 +48,7 @@ class ApplicationService : public RawApplications
 
     const ServiceContext m_context;
     const boost::shared_ptr<PublishQuota> m_quota;
+    const boost::shared_ptr<Complaints> m_complaints;
     std::mutex m_mutex;
     /** Guarded by m_mutex; ended sessions are swept when one is added. */
     std::vector<boost::weak_ptr<AttachSession>> m_sessions;

@@ -86,7 +86,10 @@ std::string CheckWindow(std::uint32_t window)
 
 } // namespace
 
-AttachSession::AttachSession(ServiceContext context) : m_context(std::move(context)) {}
+AttachSession::AttachSession(ServiceContext context, boost::shared_ptr<Complaints> complaints)
+    : m_context(std::move(context)), m_complaints(std::move(complaints))
+{
+}
 
 void AttachSession::Start()
 {
@@ -229,6 +232,7 @@ void AttachSession::OnCancel()
 void AttachSession::OnDone()
 {
     Detach();
+    LogEnd();
     const boost::shared_ptr<AttachSession> last = std::move(m_self);
 }
 
@@ -296,6 +300,10 @@ std::string AttachSession::TakeHello(const proto::Hello& hello)
         End(SessionEnd::unavailable, "the agent is stopping");
         return "";
     }
+    QEL_LOG(
+        vtx::LevelNotice, "application %s: instance %s attached with a window of %u",
+        m_context.application->Name().c_str(), m_instance.empty() ? "without a name" : m_instance.c_str(),
+        m_context.application->EffectiveWindow(hello.window()));
     {
         const std::lock_guard lock(m_mutex);
         m_id = id;
@@ -408,6 +416,29 @@ void AttachSession::EndWith(const grpc::Status& status)
         m_finished = true;
         lock.unlock();
         Finish(status);
+    }
+}
+
+/** What the instance did wrong is the operator's business in any case; that it comes and goes only when he asks. */
+void AttachSession::LogEnd()
+{
+    std::unique_lock lock(m_mutex);
+    const grpc::Status status = m_ending.value_or(grpc::Status::CANCELLED);
+    const bool wasAttached = m_id.has_value();
+    lock.unlock();
+    const std::string instance = m_instance.empty() ? "without a name" : m_instance;
+    const bool isFault = status.error_code() == grpc::StatusCode::INVALID_ARGUMENT ||
+                         status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED ||
+                         status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED;
+    if (isFault)
+    {
+        m_complaints->Write(SFormat("ended instance %s: %s", instance.c_str(), status.error_message().c_str()));
+    }
+    else if (wasAttached)
+    {
+        QEL_LOG(
+            vtx::LevelNotice, "application %s: instance %s detached: %s", m_context.application->Name().c_str(),
+            instance.c_str(), status.ok() ? "its stream has ended" : status.error_message().c_str());
     }
 }
 

@@ -3,6 +3,7 @@
 #include "apps/Application.h"
 #include "apps/ApplicationSession.h"
 #include "apps/BrokerState.h"
+#include "apps/Complaints.h"
 #include "apps/ConfigurationCall.h"
 #include "apps/Subscriptions.h"
 #include "apps/Timers.h"
@@ -49,7 +50,7 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
                       public boost::enable_shared_from_this<AttachSession>
 {
   public:
-    explicit AttachSession(ServiceContext context);
+    AttachSession(ServiceContext context, boost::shared_ptr<Complaints> complaints);
 
     /** Waits for the instance's Hello. Call once, when a shared pointer owns the session. */
     void Start();
@@ -85,8 +86,10 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     void FillDeliveries();
     void EndWith(const grpc::Status& status);
     void Detach();
+    void LogEnd();
 
     const ServiceContext m_context;
+    const boost::shared_ptr<Complaints> m_complaints;
     /** Used by the reading side only. */
     grpc::ByteBuffer m_received;
     qel::apps::v1::AttachRequest m_request;

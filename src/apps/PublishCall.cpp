@@ -55,18 +55,24 @@ grpc::Status StatusOf(PublishResult result, const std::string& why)
     case PublishResult::confirmed:
         return grpc::Status::OK;
     case PublishResult::noRoute:
-        return {grpc::StatusCode::NOT_FOUND, text("no queue takes the routing key")};
+        return {
+            grpc::StatusCode::NOT_FOUND,
+            text("no queue takes the message") +
+                ": is its receiver configured? Without no_route_is_error the broker drops such messages"};
     case PublishResult::refused:
-        return {grpc::StatusCode::INVALID_ARGUMENT, text("the broker refuses the message")};
+        return {
+            grpc::StatusCode::INVALID_ARGUMENT,
+            text("the broker refuses the message") + ": not sent, mend the message or the broker's configuration"};
     case PublishResult::timedOut:
         return {
-            grpc::StatusCode::DEADLINE_EXCEEDED, text("the broker has not confirmed in time and may have the message")};
+            grpc::StatusCode::DEADLINE_EXCEEDED,
+            text("no confirm in time") + ": the broker may have the message, repeat it with the same message_id"};
     case PublishResult::notSent:
         return {grpc::StatusCode::UNAVAILABLE, text("the broker is away") + ": not sent, try again later"};
     case PublishResult::overloaded:
         break;
     }
-    return {grpc::StatusCode::UNAVAILABLE, text("too much is waiting to be published: not sent, try again")};
+    return {grpc::StatusCode::UNAVAILABLE, text("too much is waiting to be published") + ": not sent, try again later"};
 }
 
 PublishCall::PublishCall(boost::shared_ptr<PublishQuota> quota) : m_quota(std::move(quota)) {}

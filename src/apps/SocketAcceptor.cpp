@@ -1,9 +1,9 @@
 #include "apps/SocketAcceptor.h"
 
 #include "common/SFormat.h"
-#include "logging/Log.h"
 
 #include <cerrno>
+#include <chrono>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -16,7 +16,6 @@ namespace
 {
 
 constexpr std::chrono::milliseconds pauseWithoutDescriptors{100};
-constexpr std::chrono::seconds quietTime{10};
 
 int NewReserve()
 {
@@ -32,8 +31,8 @@ bool IsExhaustion(int error)
 
 SocketAcceptor::SocketAcceptor(
     boost::asio::io_context& io, const std::string& path, const ApplicationSettings& settings, Serve serve)
-    : m_application(settings.name), m_owner(OwnerOf(settings)), m_serve(std::move(serve)),
-      m_socket(std::make_unique<ListeningSocket>(path, m_owner)), m_descriptor(io), m_pause(io), m_reserve(NewReserve())
+    : m_owner(OwnerOf(settings)), m_serve(std::move(serve)), m_socket(std::make_unique<ListeningSocket>(path, m_owner)),
+      m_descriptor(io), m_pause(io), m_reserve(NewReserve()), m_complaints(settings.name)
 {
 }
 
@@ -102,7 +101,7 @@ void SocketAcceptor::AcceptAll()
 
 void SocketAcceptor::RefuseOne()
 {
-    Complain("no file descriptor is left for a connection: refused");
+    m_complaints.Write("no file descriptor is left for a connection: refused");
     if (m_reserve >= 0)
     {
         ::close(m_reserve);
@@ -130,7 +129,7 @@ void SocketAcceptor::Admit(int socket)
     if (!peer || !MayConnect(*peer, m_owner))
     {
         ::close(socket);
-        Complain(
+        m_complaints.Write(
             peer ? SFormat(
                        "refused process %d of user %u, group %u: only user %u and group %u may attach",
                        static_cast<int>(peer->process), peer->user, peer->group, m_owner.user, m_owner.group)
@@ -138,24 +137,8 @@ void SocketAcceptor::Admit(int socket)
     }
     else if (!m_serve(socket))
     {
-        Complain("refused a connection: the application has as many as it may");
+        m_complaints.Write("refused a connection: the application has as many as it may");
     }
-}
-
-/** One line in ten seconds: whoever knocks in vain must not fill the log. */
-void SocketAcceptor::Complain(const std::string& text)
-{
-    const auto now = std::chrono::steady_clock::now();
-    if (now < m_quietUntil)
-    {
-        ++m_unsaid;
-        return;
-    }
-    m_quietUntil = now + quietTime;
-    QEL_LOG(
-        vtx::LevelWarning, "application %s: %s (%zu more since the last such line)", m_application.c_str(),
-        text.c_str(), m_unsaid);
-    m_unsaid = 0;
 }
 
 } // namespace VtxQel

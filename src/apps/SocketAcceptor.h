@@ -1,5 +1,6 @@
 #pragma once
 
+#include "apps/Complaints.h"
 #include "apps/ListeningSocket.h"
 
 #include <boost/asio/io_context.hpp>
@@ -7,7 +8,6 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -42,9 +42,7 @@ class SocketAcceptor : public boost::enable_shared_from_this<SocketAcceptor>
     void AcceptAll();
     void RefuseOne();
     void Admit(int socket);
-    void Complain(const std::string& text);
 
-    const std::string m_application;
     const SocketOwner m_owner;
     const Serve m_serve;
     std::unique_ptr<ListeningSocket> m_socket;
@@ -53,8 +51,7 @@ class SocketAcceptor : public boost::enable_shared_from_this<SocketAcceptor>
     bool m_closed = false;
     /** Given up for a moment to be able to accept and close a connection when no other descriptor is left. */
     int m_reserve = -1;
-    std::chrono::steady_clock::time_point m_quietUntil;
-    std::size_t m_unsaid = 0;
+    Complaints m_complaints;
 };
 
 } // namespace VtxQel

@@ -2,6 +2,7 @@
 
 #include "apps/AppsException.h"
 #include "apps/GatewayFixture.h"
+#include "fakes/LogCapture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -141,6 +142,33 @@ TEST_F(GatewayTest, AnInstanceThatDetachesWithNothingInHandEndsAtOnce)
     AttachLive(client, "first");
     client.SendDetach();
     EXPECT_TRUE(client.Finish().ok());
+}
+
+TEST_F(GatewayTest, TheLogHasWhoComesAndGoesAndWhoBreaksARule)
+{
+    const Fakes::LogCapture log(5);
+    const auto hasLines = [&log](std::size_t count) { return [&log, count] { return log.Lines().size() == count; }; };
+    TestClient good(PathOf("first"));
+    good.Attach(3);
+    good.SendDetach();
+    EXPECT_TRUE(good.Finish().ok());
+    EXPECT_TRUE(Eventually(hasLines(2)));
+    for (int time = 0; time < 3; ++time)
+    {
+        TestClient nameless(PathOf("second"));
+        nameless.Open();
+        nameless.SendHello(70000, "");
+        nameless.Finish();
+    }
+    // So that nothing more is written to a log that is gone.
+    m_gateway.Stop(std::chrono::milliseconds(0));
+    EXPECT_THAT(
+        log.Lines(),
+        ElementsAre(
+            "5 qel - application first: instance test attached with a window of 3",
+            "5 qel - application first: instance test detached: its stream has ended",
+            "4 qel - application second: ended instance without a name: the window is 70000: ask for 1 to 65535 "
+            "deliveries (0 more since the last such line)"));
 }
 
 TEST_F(GatewayTest, AWrongVerdictWhileDetachingIsStillWrong)
@@ -530,6 +558,7 @@ struct PublishCase
 {
     PublishResult result;
     grpc::StatusCode code;
+    const char* text;
 };
 
 class PublishTest : public GatewayTest, public testing::WithParamInterface<PublishCase>
@@ -551,7 +580,7 @@ TEST_P(PublishTest, TheOutcomeBecomesAStatus)
     proto::PublishResponse response;
     const grpc::Status status = client.GetStub().Publish(&context, request, &response);
     EXPECT_EQ(status.error_code(), GetParam().code);
-    EXPECT_EQ(status.error_message(), GetParam().result == PublishResult::confirmed ? "" : "because");
+    EXPECT_EQ(status.error_message(), GetParam().text);
     const auto messages = m_publisher.Messages();
     ASSERT_EQ(messages.size(), 1U);
     EXPECT_EQ(messages[0].exchange, "e");
@@ -565,11 +594,17 @@ TEST_P(PublishTest, TheOutcomeBecomesAStatus)
 INSTANTIATE_TEST_SUITE_P(
     All, PublishTest,
     testing::Values(
-        PublishCase{PublishResult::confirmed, grpc::StatusCode::OK},
-        PublishCase{PublishResult::noRoute, grpc::StatusCode::NOT_FOUND},
-        PublishCase{PublishResult::refused, grpc::StatusCode::INVALID_ARGUMENT},
-        PublishCase{PublishResult::timedOut, grpc::StatusCode::DEADLINE_EXCEEDED},
-        PublishCase{PublishResult::overloaded, grpc::StatusCode::UNAVAILABLE}));
+        PublishCase{PublishResult::confirmed, grpc::StatusCode::OK, ""},
+        PublishCase{
+            PublishResult::noRoute, grpc::StatusCode::NOT_FOUND,
+            "because: is its receiver configured? Without no_route_is_error the broker drops such messages"},
+        PublishCase{
+            PublishResult::refused, grpc::StatusCode::INVALID_ARGUMENT,
+            "because: not sent, mend the message or the broker's configuration"},
+        PublishCase{
+            PublishResult::timedOut, grpc::StatusCode::DEADLINE_EXCEEDED,
+            "because: the broker may have the message, repeat it with the same message_id"},
+        PublishCase{PublishResult::overloaded, grpc::StatusCode::UNAVAILABLE, "because: not sent, try again later"}));
 
 TEST_F(GatewayTest, AMessageThatCouldNotBeSentIsSaidToBeUnsent)
 {
