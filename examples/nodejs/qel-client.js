@@ -19,16 +19,24 @@ const FOLDERS = [process.env.QEL_PROTO ?? '', path.join(__dirname, '../../proto'
 const PERSISTENT = 2;
 const LONGEST_REASON = 1024;
 const LONGEST_DELAY_MS = 900000;
-const REFUSALS = [grpc.status.INVALID_ARGUMENT, grpc.status.RESOURCE_EXHAUSTED, grpc.status.PERMISSION_DENIED,
-  grpc.status.UNIMPLEMENTED];
+// What would be refused again.
+const FINAL = [grpc.status.INVALID_ARGUMENT, grpc.status.NOT_FOUND, grpc.status.FAILED_PRECONDITION,
+  grpc.status.RESOURCE_EXHAUSTED, grpc.status.PERMISSION_DENIED, grpc.status.UNIMPLEMENTED];
+const PROPERTIES = ['type', 'replyTo', 'correlationId', 'appId', 'messageId', 'userId', 'contentType',
+  'contentEncoding', 'expiration', 'deliveryMode', 'priority', 'timestamp', 'headers'];
 
 const { Applications } = grpc.loadPackageDefinition(loader.loadSync(FILE, {
   includeDirs: FOLDERS.filter((folder) => fs.existsSync(path.join(folder, FILE))),
   longs: String, enums: String, defaults: true, oneofs: true,
 })).qel.apps.v1;
 
+/** An Error whose texts begin with the name of its class. */
+class QelError extends Error {
+  get name() { return this.constructor.name; }
+}
+
 /** Returned or thrown by a handler: the message comes again, after so many milliseconds if that is given. */
-class Retry extends Error {
+class Retry extends QelError {
   constructor(why = '', delayMs = undefined) {
     super(why);
     this.delayMs = delayMs;
@@ -36,13 +44,13 @@ class Retry extends Error {
 }
 
 /** Returned or thrown by a handler: the message can never be worked on and goes to the dead-letter queue. */
-class Dead extends Error {}
+class Dead extends QelError {}
 
 /** The agent refuses the application for good. */
-class AttachError extends Error {}
+class AttachError extends QelError {}
 
 /** A message was not published. */
-class PublishError extends Error {}
+class PublishError extends QelError {}
 
 /** No queue takes the routing key. */
 class NoRoute extends PublishError {}
@@ -53,11 +61,32 @@ class Refused extends PublishError {}
 /** No confirm came in time. Publish it again with the same messageId: the broker may have it. */
 class Unconfirmed extends PublishError {}
 
+/** The management plane was not asked for a configuration. */
+class ConfigurationError extends QelError {}
+
+/** The management plane is not there. Ask later; as long as there is no configuration the agent asks, too. */
+class NoPlane extends ConfigurationError {}
+
+/** The operator has to mend the agent's configuration. */
+class NotSetUp extends ConfigurationError {}
+
+/** Asked less than a second ago: the answer to that is on its way. */
+class TooSoon extends ConfigurationError {}
+
+/** The agent or the broker was away until the timeout: the management plane may have the request or not. */
+class NotConfirmed extends ConfigurationError {}
+
 /**
- * An application's side of its agent. run() and publish() come back by themselves when the agent has been away.
+ * An application's side of its agent. run(), publish() and requestConfiguration() come back by themselves when the
+ * agent has been away.
  *
- * Events: 'log' with a line on each change and failure (without a listener they go to standard error), 'configuration'
- * and 'broker' with what is so at each attach and each change.
+ * Events:
+ *   'log'            a line on each change and failure; without a listener they go to standard error
+ *   'welcome'        at each attach { application, agentVersion, window, orderingKey, configuration, broker }
+ *   'configuration'  at each attach and change { state, error, topics, queues, incomplete }; the state is 'MISSING',
+ *                    'APPLYING', 'APPLIED' or 'FAILED'
+ *   'broker'         at each attach and change the agent's connection to the broker, { state }: 'DISCONNECTED',
+ *                    'CONNECTED' or 'BLOCKED'
  */
 class Client extends EventEmitter {
   /**
@@ -130,32 +159,29 @@ class Client extends EventEmitter {
 
   /**
    * Publishes and waits until the broker has taken responsibility. While the agent is away or has too much waiting it
-   * tries again; a repetition has the same messageId. Properties are AMQP's, for example { correlationId: '7' }.
-   * Throws a PublishError.
+   * tries again; a repetition has the same messageId. Properties are AMQP's, for example { correlationId: '7' };
+   * headers are an object of texts, Buffers, numbers, bigints and booleans. Throws a PublishError.
    */
   async publish(exchange, routingKey, body, { noRouteIsError = true, timeoutMs = 30000, ...properties } = {}) {
-    const bytes = Object.entries({ messageId: randomUUID(), deliveryMode: PERSISTENT, ...properties })
-      .map(([name, value]) => [name, typeof value === 'string' ? Buffer.from(value) : value]);
     const request = { exchange, routingKey: Buffer.from(routingKey), body: Buffer.from(body), noRouteIsError,
-      properties: Object.fromEntries(bytes) };
-    const deadline = Date.now() + timeoutMs;
-    const pauses = new BackOff(50, 1000);
-    for (;;) {
-      const error = await this.attempt(request, deadline);
-      if (!error) {
-        return;
-      }
-      if (error.code === grpc.status.NOT_FOUND) {
-        throw new NoRoute(error.details);
-      }
-      if (REFUSALS.includes(error.code)) {
-        throw new Refused(error.details);
-      }
-      const pause = pauses.next();
-      if (Date.now() + pause >= deadline) {
-        throw new Unconfirmed(error.details);
-      }
-      await new Promise((resolve) => { setTimeout(resolve, pause); });
+      properties: propertiesFrom({ messageId: randomUUID(), deliveryMode: PERSISTENT, ...properties }) };
+    try {
+      await this.call('Publish', request, timeoutMs);
+    } catch (error) {
+      throw publishError(error);
+    }
+  }
+
+  /**
+   * Asks the management plane for our configuration, for an application that knows that it wants another one; the
+   * agent asks by itself as long as there is none. What comes of it is the event 'configuration'. Returns what was in
+   * force when the request went out. Throws a ConfigurationError.
+   */
+  async requestConfiguration({ timeoutMs = 30000 } = {}) {
+    try {
+      return (await this.call('RequestConfiguration', {}, timeoutMs)).configuration;
+    } catch (error) {
+      throw configurationError(error);
     }
   }
 
@@ -165,8 +191,27 @@ class Client extends EventEmitter {
       { noRouteIsError: false, correlationId: request.properties.correlationId });
   }
 
-  attempt(request, deadline) {
-    return new Promise((resolve) => { this.stub.publish(request, { deadline }, resolve); });
+  /** Calls the agent again and again until it has answered for good or the time is over. */
+  async call(method, request, timeoutMs) {
+    const { path: name, requestSerialize, responseDeserialize } = Applications.service[method];
+    // Once, and so that a request that is none fails here.
+    const bytes = requestSerialize(request);
+    const deadline = Date.now() + timeoutMs;
+    const pauses = new BackOff(50, 1000);
+    for (;;) {
+      try {
+        return await new Promise((resolve, reject) => {
+          this.stub.makeUnaryRequest(name, (same) => same, responseDeserialize, bytes, { deadline },
+            (error, response) => (error ? reject(error) : resolve(response)));
+        });
+      } catch (error) {
+        const pause = pauses.next();
+        if (FINAL.includes(error.code) || Date.now() + pause >= deadline) {
+          throw error;
+        }
+        await new Promise((resolve) => { setTimeout(resolve, pause); });
+      }
+    }
   }
 
   /** Waits so long, or until we are stopped. */
@@ -210,6 +255,9 @@ class Stream {
   take(response) {
     const { welcome, deliveries } = response;
     this.welcomed = true;
+    if (welcome) {
+      this.client.emit('welcome', welcome);
+    }
     for (const kind of ['configuration', 'broker']) {
       const value = (welcome ?? response)[kind];
       if (value) {
@@ -305,9 +353,16 @@ class Message {
     this.idempotencyKey = delivery.idempotencyKey;
   }
 
+  get type() { return this.properties.type.toString(); }
+
   get replyTo() { return this.properties.replyTo.toString(); }
 
+  get correlationId() { return this.properties.correlationId.toString(); }
+
   get messageId() { return this.properties.messageId.toString(); }
+
+  /** An object; texts in it are Buffers, whole numbers are strings of digits. */
+  get headers() { return tableFrom(this.properties.headers); }
 }
 
 /** Pauses at random between nothing and a limit that doubles up to the longest. */
@@ -340,9 +395,68 @@ function verdictFor(deliveryId, message, answer, retryDelayMs) {
   return { deliveryId, kind: 'DONE' };
 }
 
+function publishError(error) {
+  const { code, details } = error;
+  switch (code) {
+    case undefined: return error;
+    case grpc.status.NOT_FOUND: return new NoRoute(details);
+    // gRPC itself refuses it, in words of its own.
+    case grpc.status.RESOURCE_EXHAUSTED: return new Refused(`the message is too large for the agent: ${details}`);
+    default: return FINAL.includes(code) ? new Refused(details) : new Unconfirmed(details);
+  }
+}
+
+function configurationError({ code, details }) {
+  switch (code) {
+    case grpc.status.NOT_FOUND: return new NoPlane(details);
+    case grpc.status.RESOURCE_EXHAUSTED: return new TooSoon(details);
+    default: return FINAL.includes(code) ? new NotSetUp(details) : new NotConfirmed(details);
+  }
+}
+
+/** Properties as the .proto file has them. */
+function propertiesFrom({ headers = {}, ...given }) {
+  const unknown = Object.keys(given).find((name) => !PROPERTIES.includes(name));
+  if (unknown) {
+    throw new TypeError(`there is no property ${unknown}: use ${PROPERTIES.join(', ')}`);
+  }
+  const bytes = Object.entries(given)
+    .map(([name, value]) => [name, typeof value === 'string' ? Buffer.from(value) : value]);
+  return { ...Object.fromEntries(bytes), headers: Object.entries(headers).map(([name, value]) => (
+    { name: Buffer.from(name), value: headerValueFrom(name, value) })) };
+}
+
+function headerValueFrom(name, value) {
+  switch (typeof value) {
+    case 'boolean': return { boolean: value };
+    case 'bigint': return { integer: value.toString() };
+    case 'number': return Number.isSafeInteger(value) ? { integer: value } : { number: value };
+    case 'string': return { text: Buffer.from(value) };
+    default:
+  }
+  if (Buffer.isBuffer(value)) {
+    return { text: value };
+  }
+  throw new TypeError(`the header ${name} is ${value}: use a text, a Buffer, a number, a bigint or a boolean`);
+}
+
+function tableFrom(headers) {
+  return Object.fromEntries(headers.map(({ name, value }) => [name.toString(), valueFrom(value)]));
+}
+
+function valueFrom(value) {
+  switch (value.kind) {
+    case 'null': case undefined: return null;
+    case 'table': return tableFrom(value.table.headers);
+    case 'array': return value.array.values.map(valueFrom);
+    default: return value[value.kind];
+  }
+}
+
 /** As much of a text as fits into so many bytes. */
 function utf8Prefix(text, most) {
   return new TextDecoder().decode(Buffer.from(text).subarray(0, most), { stream: true });
 }
 
-module.exports = { Client, Message, Retry, Dead, AttachError, PublishError, NoRoute, Refused, Unconfirmed };
+module.exports = { Client, Message, Retry, Dead, AttachError, PublishError, NoRoute, Refused, Unconfirmed,
+  ConfigurationError, NoPlane, NotSetUp, TooSoon, NotConfirmed };

@@ -19,6 +19,7 @@ import signal
 import socket as sockets
 import threading
 import time
+import typing
 import uuid
 
 import grpc
@@ -27,7 +28,9 @@ from qel.apps.v1 import applications_pb2 as v1
 _log = logging.getLogger("qel")
 _SERVICE = "/qel.apps.v1.Applications/"
 _CODE = grpc.StatusCode
-_REFUSALS = {_CODE.INVALID_ARGUMENT, _CODE.RESOURCE_EXHAUSTED, _CODE.PERMISSION_DENIED, _CODE.UNIMPLEMENTED}
+# What would be refused again.
+_FINAL = {_CODE.INVALID_ARGUMENT, _CODE.NOT_FOUND, _CODE.FAILED_PRECONDITION, _CODE.RESOURCE_EXHAUSTED,
+          _CODE.PERMISSION_DENIED, _CODE.UNIMPLEMENTED}
 _PERSISTENT = 2
 _LONGEST_REASON = 1024
 _LONGEST_DELAY_MS = 900_000
@@ -63,6 +66,53 @@ class Refused(PublishError):
 
 class Unconfirmed(PublishError):
     """No confirm came in time. Publish it again with the same message_id: the broker may have it."""
+
+
+class ConfigurationError(Exception):
+    """The management plane was not asked for a configuration."""
+
+
+class NoPlane(ConfigurationError):
+    """The management plane is not there. Ask later; as long as there is no configuration the agent asks, too."""
+
+
+class NotSetUp(ConfigurationError):
+    """The operator has to mend the agent's configuration."""
+
+
+class TooSoon(ConfigurationError):
+    """Asked less than a second ago: the answer to that is on its way."""
+
+
+class NotConfirmed(ConfigurationError):
+    """The agent or the broker was away until the timeout: the management plane may have the request or not."""
+
+
+class Configuration(typing.NamedTuple):
+    """What the management plane has configured for the application.
+
+    state is "MISSING", "APPLYING", "APPLIED" or "FAILED", with `error`; `incomplete` says that the lists were too long.
+    """
+
+    state: str
+    error: str
+    topics: list
+    queues: list
+    incomplete: bool
+
+
+class Welcome(typing.NamedTuple):
+    """What the agent says when an instance has attached.
+
+    ordering_key is "routing_key", "header:NAME" or empty; broker is "DISCONNECTED", "CONNECTED" or "BLOCKED".
+    """
+
+    application: str
+    agent_version: str
+    window: int
+    ordering_key: str
+    configuration: Configuration
+    broker: str
 
 
 class Message:
@@ -111,11 +161,12 @@ class Message:
 class Client:
     """An application's side of its agent.
 
-    run() and publish() come back by themselves when the agent has been away. publish() and stop() may be called from any
-    thread, from the handler and, stop(), from a signal handler.
+    run(), publish() and request_configuration() come back by themselves when the agent has been away. All but run() may
+    be called from any thread and from the handler; stop() from a signal handler, too.
     """
 
-    def __init__(self, application, socket=None, instance=None, window=0, retry_delay=1.0, stop_patience=10.0):
+    def __init__(self, application, socket=None, instance=None, window=0, retry_delay=1.0, stop_patience=10.0,
+                 on_welcome=None, on_configuration=None, on_broker=None):
         """Connects to nothing yet.
 
         socket         else apps/NAME.sock below the environment's QEL_RUNTIME_DIRECTORY, else below /run/qel
@@ -123,11 +174,19 @@ class Client:
         window         how many messages may be without a verdict at once; 0: what the agent is configured with
         retry_delay    seconds until a message comes again that the handler raised at; doubles with every try
         stop_patience  seconds in which run() finishes, after stop(), what it was given
+
+        run() calls these between two messages; what they raise ends it:
+        on_welcome        gets a Welcome at each attach
+        on_configuration  gets a Configuration at each attach and each change of it
+        on_broker         gets the state of the agent's connection to the broker, as in Welcome, likewise
         """
         directory = os.environ.get("QEL_RUNTIME_DIRECTORY", "/run/qel")
         self._hello = v1.Hello(instance=instance or f"{sockets.gethostname()[:32]}/{os.getpid()}", window=window)
         self._retry_delay = retry_delay
         self._stop_patience = stop_patience
+        self._on_welcome = on_welcome
+        self._on_configuration = on_configuration
+        self._on_broker = on_broker
         self._stopping = False
         self._stream = None
         self._wake = queue.SimpleQueue()
@@ -137,8 +196,10 @@ class Client:
             options=[("grpc.use_local_subchannel_pool", 1), ("grpc.max_receive_message_length", -1),
                      ("grpc.initial_reconnect_backoff_ms", 100), ("grpc.min_reconnect_backoff_ms", 100),
                      ("grpc.max_reconnect_backoff_ms", 1000)])
-        self._publish = self._channel.unary_unary(
-            _SERVICE + "Publish", v1.PublishRequest.SerializeToString, v1.PublishResponse.FromString)
+        # Bytes, so that a request that is none fails where it is made.
+        self._publish = self._channel.unary_unary(_SERVICE + "Publish")
+        self._request_configuration = self._channel.unary_unary(
+            _SERVICE + "RequestConfiguration", None, v1.RequestConfigurationResponse.FromString)
         self._attach = self._channel.stream_stream(
             _SERVICE + "Attach", v1.AttachRequest.SerializeToString, v1.AttachResponse.FromString)
 
@@ -194,29 +255,30 @@ class Client:
             exchange=exchange, routing_key=_bytes(routing_key), body=_bytes(body), no_route_is_error=no_route_is_error,
             properties=v1.Properties(**{name: _bytes(value) for name, value in properties.items()},
                                      headers=[_header(*header) for header in (headers or {}).items()]))
-        until = time.monotonic() + timeout
-        pauses = _BackOff(0.05, 1.0)
-        while True:
-            try:
-                self._publish(request, timeout=max(0.0, until - time.monotonic()))
-                return
-            except grpc.RpcError as error:
-                if error.code() == _CODE.NOT_FOUND:
-                    raise NoRoute(error.details()) from None
-                if error.code() in _REFUSALS:
-                    raise Refused(error.details()) from None
-                pause = pauses.next()
-                if time.monotonic() + pause >= until:
-                    raise Unconfirmed(error.details()) from None
-                time.sleep(pause)
+        try:
+            _call(self._publish, request, timeout)
+        except grpc.RpcError as error:
+            raise _publish_error(error) from None
 
     def reply(self, request, body):
         """Publishes the answer to a request; it is no error when the requester is gone."""
         self.publish("", request.reply_to, body, no_route_is_error=False, correlation_id=request.correlation_id)
 
+    def request_configuration(self, timeout=30.0):
+        """Asks the management plane for our configuration, for an application that knows that it wants another one.
+
+        The agent asks by itself as long as there is none. What comes of it is told to on_configuration; returned is
+        what was in force when the request went out. @raises ConfigurationError
+        """
+        try:
+            answer = _call(self._request_configuration, v1.RequestConfigurationRequest(), timeout)
+        except grpc.RpcError as error:
+            raise _configuration_error(error) from None
+        return _configuration(answer.configuration)
+
     def _attach_once(self, handler):
         """One attachment from start to end; why it ended."""
-        self._stream = stream = _Stream(self._attach, self._hello)
+        self._stream = stream = _Stream(self._attach, self._hello, self._observe)
         try:
             for delivery in stream.deliveries(lambda: self._stopping, self._stop_patience):
                 stream.answer(self._decide(delivery, handler))
@@ -228,6 +290,16 @@ class Client:
         if not stream.welcomed and stream.error.code() in (_CODE.INVALID_ARGUMENT, _CODE.UNIMPLEMENTED):
             raise AttachError(stream.error.details())
         return f"{'detached' if stream.welcomed else 'not attached'}: {stream.error.details()}"
+
+    def _observe(self, response):
+        welcome = response.welcome if response.HasField("welcome") else None
+        if welcome and self._on_welcome:
+            self._on_welcome(Welcome(welcome.application, welcome.agent_version, welcome.window, welcome.ordering_key,
+                                     _configuration(welcome.configuration), _state(v1.Broker, welcome.broker)))
+        if self._on_configuration and (welcome or response.HasField("configuration")):
+            self._on_configuration(_configuration((welcome or response).configuration))
+        if self._on_broker and (welcome or response.HasField("broker")):
+            self._on_broker(_state(v1.Broker, (welcome or response).broker))
 
     def _decide(self, delivery, handler):
         verdict = v1.Verdict(delivery_id=delivery.delivery_id, kind=v1.Verdict.DONE)
@@ -261,9 +333,10 @@ class _Stream:
 
     _ENDED = object()
 
-    def __init__(self, attach, hello):
+    def __init__(self, attach, hello, observe):
         self.welcomed = False
         self.error = None
+        self._observe = observe
         self._incoming = queue.SimpleQueue()
         self._outgoing = queue.SimpleQueue()
         self._verdicts = collections.deque()
@@ -288,6 +361,7 @@ class _Stream:
             if response is None:
                 continue
             self.welcomed = True
+            self._observe(response)
             for delivery in response.deliveries.deliveries:
                 if until is not None and time.monotonic() > until:
                     return
@@ -344,6 +418,46 @@ class _BackOff:
 
     def reset(self):
         self._limit = self._first
+
+
+def _call(method, request, timeout):
+    """Calls the agent again and again until it has answered for good or the time is over. @raises grpc.RpcError"""
+    data = request.SerializeToString()
+    until = time.monotonic() + timeout
+    pauses = _BackOff(0.05, 1.0)
+    while True:
+        try:
+            return method(data, timeout=max(0.0, until - time.monotonic()))
+        except grpc.RpcError as error:
+            pause = pauses.next()
+            if error.code() in _FINAL or time.monotonic() + pause >= until:
+                raise
+        time.sleep(pause)
+
+
+def _publish_error(error):
+    if error.code() == _CODE.NOT_FOUND:
+        return NoRoute(error.details())
+    if error.code() == _CODE.RESOURCE_EXHAUSTED:
+        # gRPC itself refuses it, in words of its own.
+        return Refused("the message is too large for the agent: " + error.details())
+    return (Refused if error.code() in _FINAL else Unconfirmed)(error.details())
+
+
+def _configuration_error(error):
+    kinds = {_CODE.NOT_FOUND: NoPlane, _CODE.RESOURCE_EXHAUSTED: TooSoon}
+    return kinds.get(error.code(), NotSetUp if error.code() in _FINAL else NotConfirmed)(error.details())
+
+
+def _configuration(configuration):
+    return Configuration(_state(v1.Configuration, configuration), configuration.error, list(configuration.topics),
+                         list(configuration.queues), configuration.incomplete)
+
+
+def _state(kind, message):
+    """The name of a state; of one that is newer than we are, that of none."""
+    known = kind.State.DESCRIPTOR.values_by_number
+    return known.get(message.state, known[0]).name
 
 
 def _text(octets):
