@@ -24,15 +24,16 @@ COMMANDS = {
 class Example:
     """One example, run for an application of an agent: COMMANDS[language](name) and its arguments.
 
+    further  variables of its environment
     feed() writes lines to its input; `lines()` has what it has printed so far.
     """
 
-    def __init__(self, agent, command, folder=None):
+    def __init__(self, agent, command, folder=None, further=None):
         self._agent = agent
         self._output = agent.folder / f"example-{id(self)}.out"
         self._errors = self._output.with_suffix(".err")
         environment = {**os.environ, "QEL_RUNTIME_DIRECTORY": str(agent.runtime_directory), "PYTHONPATH": str(STUBS),
-                       "QEL_PROTO": str(PROTO_ROOT)}
+                       "QEL_PROTO": str(PROTO_ROOT), **(further or {})}
         with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
             self._process = spawn(command, stdin=subprocess.PIPE, stdout=output, stderr=errors, env=environment,
                                   cwd=folder)
@@ -56,11 +57,17 @@ class Example:
 
     def wait_for(self, *lines):
         """Waits until it has printed these, among others, in any order."""
-        def printed():
-            assert self._process.poll() is None or set(lines) <= set(self.lines()), f"it has ended\n{self.diagnose()}"
-            return set(lines) <= set(self.lines())
+        self.wait_until(lambda: set(lines) <= set(self.lines()), f"{lines[-1]!r} and {len(lines) - 1} more lines")
 
-        wait_until(printed, f"{lines[-1]!r} and {len(lines) - 1} more lines", 60.0, self.diagnose)
+    def wait_until(self, condition, what):
+        """Waits until what depends on it holds; not when it has ended."""
+        def holds():
+            ended = self._process.poll() is not None
+            value = condition()
+            assert value or not ended, f"it has ended before {what}\n{self.diagnose()}"
+            return value
+
+        wait_until(holds, what, 60.0, self.diagnose)
 
     def finish(self):
         """Ends its input; the exit status when it has ended by itself."""
