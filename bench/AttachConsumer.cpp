@@ -141,7 +141,11 @@ int main(int argc, char** argv)
         return 2;
     }
     const std::uint64_t messages = std::strtoull(argv[2], nullptr, 10);
-    const auto channel = grpc::CreateChannel(std::string("unix:") + argv[1], grpc::InsecureChannelCredentials());
+    grpc::ChannelArguments arguments;
+    // A batch has as many bytes as its messages, which may be of any size.
+    arguments.SetMaxReceiveMessageSize(-1);
+    const auto channel =
+        grpc::CreateCustomChannel(std::string("unix:") + argv[1], grpc::InsecureChannelCredentials(), arguments);
     const auto stub = v1::Applications::NewStub(channel);
     Consumer consumer(messages);
     consumer.Start(*stub);
