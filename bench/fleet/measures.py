@@ -1,5 +1,6 @@
 """The measurements on one node with one fleet."""
 
+import bisect
 import statistics
 import time
 import uuid
@@ -13,6 +14,12 @@ PING = "com.brelix.vtx.messaging.ping.PingRequest"
 REASSIGN = "com.brelix.vtx.messaging.discovery.ReassignHint"
 REPLIES = 1000
 READ_EVERY = 20
+
+
+def most_in_a_second(moments):
+    """The most of these moments that any one second has."""
+    ordered = sorted(moments)
+    return max(bisect.bisect_left(ordered, first + 1.0) - index for index, first in enumerate(ordered))
 
 
 def spread(values):
@@ -36,7 +43,7 @@ class Measures:
         self.gauge = BrokerGauge(node)
         self._progress = progress
         self._patience = patience
-        self.gauge.accepted()
+        self._opened = self.gauge.opened()
 
     def start(self):
         """All agents start at once: until every one consumes with its bindings in place."""
@@ -44,11 +51,12 @@ class Measures:
         self.fleet.start()
         figures = self._wait(lambda one: one["serving"], "consuming")
         done = clock.read()
-        return {**done, "agent_seconds": spread(one["last_restored"] - clock.began for one in figures)}
+        return {**done, "agent_seconds": spread(one["last_restored"] - clock.began for one in figures),
+                "most_in_a_second": most_in_a_second(one["last_restored"] for one in figures)}
 
     def settle(self):
-        """What the node lists in the end is what so many agents have, and how many connections it took since the last
-        call. @raises ProcessFailed when the node lists anything else
+        """What the node lists in the end is what so many agents have, and how many connections it took to get there.
+        @raises ProcessFailed when the node lists anything else
         """
         agents = self.fleet.agents
         wanted = {"connections": 2 * agents, "consumers": 2 * agents, "queues": 3 * agents,
@@ -62,7 +70,7 @@ class Measures:
 
         # The publishing connections come with the first loop probes, a moment after the consumers.
         wait_until(as_wanted, f"the broker to list {wanted}", self._patience, lambda: f"it lists {found}")
-        return {**found, **self.gauge.accepted()}
+        return {**found, "opened": self.gauge.opened() - self._opened}
 
     def idle(self, seconds):
         """Nothing happens but heartbeats and loop probes."""
@@ -99,8 +107,8 @@ class Measures:
         """The broker stops in order and starts again: until every agent consumes again."""
         before = self.fleet.figures()
         self.node.stop(patience=self._patience)
-        # Those that knock while it stops are not the storm's.
-        self.gauge.accepted()
+        # It begins to count anew.
+        self._opened = 0
         launched = time.monotonic()
         self.node.launch()
         self.node.wait_until_up(self._patience)
@@ -111,12 +119,14 @@ class Measures:
         last = max(one["last_restored"] for one in figures)
         return {"boot_seconds": round(up - launched, 2), "back_after_boot_seconds": round(last - up, 2), **done,
                 "down_seconds": spread(one["last_restored"] - one["last_disconnected"] for one in figures),
+                "most_in_a_second": most_in_a_second(one["last_restored"] for one in figures),
                 "restorations": sum(one["restorations"] - other["restorations"] for one, other in zip(figures, before))}
 
     def reassign(self, port):
         """A reassign hint to each agent: until all of them consume by the node's other port."""
         before = self.fleet.figures()
         with Plane(self.node.url(port=port)) as plane:
+            self._opened = self.gauge.opened()
             clock = Stopwatch(broker=self.node.pid)
             for name in self.fleet.names:
                 plane.publish(name, type=REASSIGN)
@@ -125,7 +135,8 @@ class Measures:
         done = clock.read()
         grown = {name: sum(one[name] - other[name] for one, other in zip(figures, before))
                  for name in ("moves", "failed_moves", "disconnections")}
-        return {**done, "moved_seconds": round(max(one["last_restored"] for one in figures) - hinted, 2), **grown}
+        return {**done, "moved_seconds": round(max(one["last_restored"] for one in figures) - hinted, 2),
+                "most_in_a_second": most_in_a_second(one["last_restored"] for one in figures), **grown}
 
     def _moved(self, before, hinted):
         deadline = time.monotonic() + self._patience
