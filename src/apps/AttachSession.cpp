@@ -208,6 +208,7 @@ void AttachSession::OnWriteDone(bool /*ok*/)
     {
         // Otherwise the response is reused, and its memory with it.
         m_response.Clear();
+        m_spare.clear();
         m_batchBytes = 0;
     }
     if (!m_ending)
@@ -386,18 +387,27 @@ bool AttachSession::FillResponse()
 
 void AttachSession::FillDeliveries()
 {
-    proto::DeliveryBatch& batch = *m_response.mutable_deliveries();
-    batch.Clear();
+    auto& deliveries = *m_response.mutable_deliveries()->mutable_deliveries();
+    int count = 0;
     m_batchBytes = 0;
-    while (!m_outbox.empty() && batch.deliveries_size() < mostInBatch && m_batchBytes < mostBytesInBatch)
+    for (; !m_outbox.empty() && count < mostInBatch && m_batchBytes < mostBytesInBatch; ++count)
     {
         const SessionDelivery& next = m_outbox.front();
         m_batchBytes += next.message->GetFootprint();
-        proto::Delivery& delivery = *batch.add_deliveries();
+        if (count == deliveries.size() && !m_spare.empty())
+        {
+            deliveries.AddAllocated(m_spare.back().release());
+            m_spare.pop_back();
+        }
+        proto::Delivery& delivery = count < deliveries.size() ? deliveries[count] : *deliveries.Add();
         ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), delivery);
         delivery.set_idempotency_key(
             IdempotencyKey(m_context.application->Name(), next.message->GetProperties()->messageId));
         m_outbox.pop_front();
+    }
+    while (deliveries.size() > count)
+    {
+        m_spare.emplace_back(deliveries.ReleaseLast());
     }
 }
 

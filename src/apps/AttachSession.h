@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -100,6 +101,8 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     std::mutex m_mutex;
     /** Guarded by m_mutex, like everything below; the response belongs to the write while there is one. */
     qel::apps::v1::AttachResponse m_response;
+    /** Deliveries of larger batches. Used again without a Clear(), which would free much of what they need again. */
+    std::vector<std::unique_ptr<qel::apps::v1::Delivery>> m_spare;
     grpc::ByteBuffer m_toSend;
     std::deque<SessionDelivery> m_outbox;
     /** What the response holds: bodies and headers. */

@@ -5,6 +5,7 @@
 #include "common/Utf8.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
 #include <stdexcept>
 
@@ -270,19 +271,36 @@ proto::Configuration::State ToProto(ConfigurationState state)
     return proto::Configuration::FAILED;
 }
 
+struct TextField
+{
+    std::string RmqProperties::*from;
+    std::string* (proto::Properties::*to)();
+};
+
+constexpr std::array<TextField, 9> textFields{
+    {{&RmqProperties::type, &proto::Properties::mutable_type},
+     {&RmqProperties::replyTo, &proto::Properties::mutable_reply_to},
+     {&RmqProperties::correlationId, &proto::Properties::mutable_correlation_id},
+     {&RmqProperties::appId, &proto::Properties::mutable_app_id},
+     {&RmqProperties::messageId, &proto::Properties::mutable_message_id},
+     {&RmqProperties::userId, &proto::Properties::mutable_user_id},
+     {&RmqProperties::contentType, &proto::Properties::mutable_content_type},
+     {&RmqProperties::contentEncoding, &proto::Properties::mutable_content_encoding},
+     {&RmqProperties::expiration, &proto::Properties::mutable_expiration}}};
+
 } // namespace
 
 void ToProto(const RmqProperties& properties, proto::Properties& out)
 {
-    out.set_type(properties.type);
-    out.set_reply_to(properties.replyTo);
-    out.set_correlation_id(properties.correlationId);
-    out.set_app_id(properties.appId);
-    out.set_message_id(properties.messageId);
-    out.set_user_id(properties.userId);
-    out.set_content_type(properties.contentType);
-    out.set_content_encoding(properties.contentEncoding);
-    out.set_expiration(properties.expiration);
+    out.Clear();
+    for (const TextField& field : textFields)
+    {
+        const std::string& text = properties.*field.from;
+        if (!text.empty())
+        {
+            *(out.*field.to)() = text;
+        }
+    }
     if (properties.deliveryMode)
     {
         out.set_delivery_mode(*properties.deliveryMode);
@@ -309,6 +327,10 @@ void ToProto(const SessionDelivery& delivery, bool isPriority, proto::Delivery& 
     if (body->length != 0)
     {
         out.set_body(body->bytes, body->length);
+    }
+    else
+    {
+        out.clear_body();
     }
     ToProto(*message.GetProperties(), *out.mutable_properties());
     out.set_redelivered(delivery.redelivered);

@@ -12,10 +12,13 @@
 namespace VtxQel
 {
 
-/** Copies the properties into their form for applications. Tables nested beyond any sense end in a null. */
+/**
+ * Copies the properties into their form for applications, in place of what is there. Tables nested beyond any sense end
+ * in a null.
+ */
 void ToProto(const RmqProperties& properties, qel::apps::v1::Properties& proto);
 
-/** Fills a delivery for an application. */
+/** Fills a delivery for an application but for its idempotency key, in place of what is there. */
 void ToProto(const SessionDelivery& delivery, bool isPriority, qel::apps::v1::Delivery& proto);
 
 /** Fills the state of a configuration; of very long lists the beginning, and says so. */

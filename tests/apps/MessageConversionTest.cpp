@@ -86,6 +86,20 @@ TEST(MessageConversion, AbsentPropertiesStayAbsent)
     ExpectEqual(again, RmqProperties());
 }
 
+TEST(MessageConversion, ADeliveryKeepsNothingOfTheOneWhosePlaceItTakes)
+{
+    AnswerLog log;
+    const auto full =
+        boost::make_shared<FakeDelivery>(log, FakeMessage{"body", "client", "key", {}, 1, true, FullProperties()});
+    const auto empty = boost::make_shared<FakeDelivery>(log, FakeMessage{"", "client"});
+    proto::Delivery used;
+    ToProto(SessionDelivery{1, full, 1, true}, true, used);
+    ToProto(SessionDelivery{2, empty}, false, used);
+    proto::Delivery fresh;
+    ToProto(SessionDelivery{2, empty}, false, fresh);
+    EXPECT_EQ(used.SerializeAsString(), fresh.SerializeAsString());
+}
+
 TEST(MessageConversion, AnUnsignedHeaderComesBackAsASignedOne)
 {
     RmqProperties properties;
