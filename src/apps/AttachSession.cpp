@@ -18,7 +18,7 @@ constexpr std::size_t longestInstance = 64;
 constexpr std::size_t longestReason = 1024;
 /** Well below the 30 min after which RabbitMQ closes the channel of a consumer that does not answer. */
 constexpr std::uint32_t longestRetryDelay = 900000;
-constexpr int mostInBatch = 64;
+constexpr std::size_t mostInBatch = 64;
 constexpr std::size_t mostBytesInBatch = 1048576;
 constexpr std::size_t mostBytesKept = 65536;
 
@@ -168,13 +168,18 @@ void AttachSession::Flush()
 {
     {
         const std::lock_guard lock(m_mutex);
-        if (m_writing || m_ending || !FillResponse())
+        if (m_writing || m_ending || !TakeNext())
         {
             return;
         }
         m_writing = true;
-        Serialize(m_response, m_toSend);
     }
+    // Without the lock: enqueuing, for which the application's lock is held, does not wait for it.
+    if (!m_batch.empty())
+    {
+        FillDeliveries();
+    }
+    Serialize(m_response, m_toSend);
     StartWrite(&m_toSend);
 }
 
@@ -350,8 +355,8 @@ std::string AttachSession::TakeWindow(const proto::WindowUpdate& update)
     return wrong;
 }
 
-/** Puts what waits into the response; `false` when nothing does. Call with the lock held. */
-bool AttachSession::FillResponse()
+/** Puts what waits into the response, deliveries into the batch; `false` when nothing does. With the lock held. */
+bool AttachSession::TakeNext()
 {
     if (m_welcomeDue)
     {
@@ -377,23 +382,23 @@ bool AttachSession::FillResponse()
         m_response.mutable_broker()->set_state(ToProto(m_context.broker));
         return true;
     }
-    if (m_outbox.empty())
+    m_batchBytes = 0;
+    while (!m_outbox.empty() && m_batch.size() < mostInBatch && m_batchBytes < mostBytesInBatch)
     {
-        return false;
+        m_batchBytes += m_outbox.front().message->GetFootprint();
+        m_batch.push_back(std::move(m_outbox.front()));
+        m_outbox.pop_front();
     }
-    FillDeliveries();
-    return true;
+    return !m_batch.empty();
 }
 
+/** Makes the response of the batch. */
 void AttachSession::FillDeliveries()
 {
     auto& deliveries = *m_response.mutable_deliveries()->mutable_deliveries();
     int count = 0;
-    m_batchBytes = 0;
-    for (; !m_outbox.empty() && count < mostInBatch && m_batchBytes < mostBytesInBatch; ++count)
+    for (const SessionDelivery& next : m_batch)
     {
-        const SessionDelivery& next = m_outbox.front();
-        m_batchBytes += next.message->GetFootprint();
         if (count == deliveries.size() && !m_spare.empty())
         {
             deliveries.AddAllocated(m_spare.back().release());
@@ -403,8 +408,9 @@ void AttachSession::FillDeliveries()
         ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), delivery);
         delivery.set_idempotency_key(
             IdempotencyKey(m_context.application->Name(), next.message->GetProperties()->messageId));
-        m_outbox.pop_front();
+        ++count;
     }
+    m_batch.clear();
     while (deliveries.size() > count)
     {
         m_spare.emplace_back(deliveries.ReleaseLast());

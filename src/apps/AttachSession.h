@@ -83,7 +83,7 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
 
     void CheckHello();
     void Note(bool& due);
-    bool FillResponse();
+    bool TakeNext();
     void FillDeliveries();
     void EndWith(const grpc::Status& status);
     void Detach();
@@ -99,14 +99,15 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     std::string m_instance;
 
     std::mutex m_mutex;
-    /** Guarded by m_mutex, like everything below; the response belongs to the write while there is one. */
+    /** Guarded by m_mutex, like everything below; these five belong to the write while there is one. */
     qel::apps::v1::AttachResponse m_response;
+    std::vector<SessionDelivery> m_batch;
     /** Deliveries of larger batches. Used again without a Clear(), which would free much of what they need again. */
     std::vector<std::unique_ptr<qel::apps::v1::Delivery>> m_spare;
     grpc::ByteBuffer m_toSend;
-    std::deque<SessionDelivery> m_outbox;
-    /** What the response holds: bodies and headers. */
+    /** What the batch has, or the response made of it: bodies and headers. */
     std::size_t m_batchBytes = 0;
+    std::deque<SessionDelivery> m_outbox;
     bool m_helloTaken = false;
     bool m_welcomeDue = false;
     bool m_configurationDue = false;
