@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <mutex>
+#include <unordered_set>
 #include <utility>
 
 namespace VtxQel
@@ -11,14 +12,6 @@ namespace
 {
 
 constexpr std::size_t longestError = 1024;
-
-void AddOnce(std::vector<std::string>& names, const std::string& name)
-{
-    if (std::find(names.begin(), names.end(), name) == names.end())
-    {
-        names.push_back(name);
-    }
-}
 
 } // namespace
 
@@ -322,16 +315,25 @@ Receivers Subscriptions::ResolveTopic(bool urgent, const std::string& routingKey
     else
     {
         // A topic that is only coming may not be bound yet: there may be no copy in the priority queue.
-        const auto isServed = [&other](const Entry& entry)
+        std::unordered_set<const Subscriber*> served;
+        for (const Entry& better : other)
         {
-            const auto isSame = [&entry](const Entry& better) { return better == entry && better.IsCommitted(); };
-            return std::any_of(other.begin(), other.end(), isSame);
-        };
+            if (better.IsCommitted())
+            {
+                served.insert(better.subscriber);
+            }
+        }
+        const auto isServed = [&served](const Entry& entry) { return served.contains(entry.subscriber); };
         receivers.servedElsewhere = std::erase_if(taking, isServed) != 0 && taking.empty();
     }
+    std::unordered_set<const Subscriber*> named;
     for (const Entry& entry : taking)
     {
-        AddOnce(receivers.applications, entry.subscriber->name);
+        // Nearly always there is one, which is not worth a set.
+        if (taking.size() == 1 || named.insert(entry.subscriber).second)
+        {
+            receivers.applications.push_back(entry.subscriber->name);
+        }
     }
     return receivers;
 }
