@@ -139,7 +139,7 @@ class Folder
 
 boost::shared_ptr<RmqInfo> Names()
 {
-    const auto info = boost::make_shared<RmqInfo>();
+    auto info = boost::make_shared<RmqInfo>();
     info->exchange = "qel";
     info->clientQueue = "qel.client.bench";
     info->priorityQueue = "qel.priority.bench";

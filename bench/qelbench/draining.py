@@ -1,5 +1,6 @@
 """An agent's client queue that is filled while the agent is halted, and emptied by applications that answer at once."""
 
+import dataclasses
 import pathlib
 import re
 import signal
@@ -19,6 +20,16 @@ BARE_BATCH = 100
 PATIENCE = 600
 
 
+@dataclasses.dataclass
+class Drained:
+    """One run, to the last verdict: its seconds, the agent's CPU seconds and most MiB, the messages that were parked."""
+
+    seconds: float
+    cpu: float
+    most_mib: float
+    parked: int
+
+
 def _most_resident_mib(pid):
     """The most memory of the process that was in RAM since _forget_most()."""
     status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
@@ -32,14 +43,14 @@ def _forget_most(pid):
 class DrainedAgent:
     """A running agent with so many applications, each with one topic; the first of them may be attached."""
 
-    def __init__(self, bench, agent_id, applications, queue_type="classic"):
+    def __init__(self, bench, agent_id, applications, prefetch=PREFETCH):
         self._bench, self.node = bench, bench.node()
-        self._folder = bench.scratch(agent_id)
+        self._folder, self._prefetch = bench.scratch(agent_id), prefetch
         self.names = [f"app-{number}" for number in range(applications)]
         self.agent = AgentProcess(self._folder, agent_id, self.node.url(), {
             # It is halted for as long as filling takes, and the broker shall not mind.
-            "broker": {"queue_type": queue_type, "prefetch": PREFETCH, "heartbeat_seconds": 300},
-            "log": {"level": 4}}, {name: {"window": 2 * PREFETCH} for name in self.names})
+            "broker": {"queue_type": "classic", "prefetch": prefetch, "heartbeat_seconds": 300},
+            "log": {"level": 4}}, {name: {"window": 2 * prefetch} for name in self.names})
         self.admin = Admin(self.agent)
 
     def __enter__(self):
@@ -85,7 +96,7 @@ class DrainedAgent:
         wait_until(as_wanted, f"the queues to hold {wanted}", 60, lambda: f"they hold {left}")
 
     def drain(self, attached, messages, body):
-        """With so many applications attached: seconds and the agent's CPU seconds to the last verdict, its most MiB.
+        """One run with so many applications attached.
 
         Everything arrives, or it fails: a consumer ends when it has answered its share, and the queue is empty then.
         """
@@ -112,7 +123,8 @@ class DrainedAgent:
                 raise RuntimeError(f"a consumer failed: {[tail(output) for output in outputs]}"
                                    f"{self.agent.log_tail()}")
             self.expect_left(0)
-            return seconds, used, _most_resident_mib(self.agent.pid)
+            parked = sum(one["parked"] for one in self.admin.status()["applications"])
+            return Drained(seconds, used, _most_resident_mib(self.agent.pid), parked)
         finally:
             self.agent.signal(signal.SIGCONT)
             for consumer in consumers:
@@ -128,7 +140,7 @@ class DrainedAgent:
         output = self._folder / "bare.out"
         with open(output, "wb") as out:
             consumer = spawn([self._bench.program("bench/qel_bare_consumer"), self.node.url(), self.agent.client_queue,
-                              messages, PREFETCH, BARE_BATCH], stdout=out, stderr=out)
+                              messages, self._prefetch, min(BARE_BATCH, self._prefetch)], stdout=out, stderr=out)
         try:
             wait_until(lambda: self.node.list_consumers(), "the bare consumer to consume", 60, lambda: tail(output))
             consumer.send_signal(signal.SIGSTOP)

@@ -1,9 +1,12 @@
 """What a message's size costs: a filled client queue is emptied through the agent into one application that answers at once,
-and beside it by a bare consumer of the same queue that acknowledges by the hundred. However large the bodies are, the agent
-holds 64 MiB of them at the most (`broker.max_held_bytes`) and what is on its way to the application.
+and beside it by a bare consumer of the same queue that acknowledges by the hundred; 1,000 messages are sent ahead
+(`broker.prefetch`). Of large bodies those are more than the applications together may hold, half of `broker.max_held_bytes`,
+and the agent puts what is too much into the application's parking queue, where it comes back from: such messages travel twice.
+Therefore a second agent has so small a prefetch that 16 MiB are sent ahead at the most. The memory is the most of the whole
+process: bodies held, their copies on the way in and out.
 """
 
-from qelbench.draining import DrainedAgent
+from qelbench.draining import PREFETCH, DrainedAgent
 from qelbench.results import Curve, Figure, Results
 
 NAME = "bodies"
@@ -14,6 +17,8 @@ SIZES = (0, 256, 4096, 65536, 1 << 20, 16 << 20)
 MOST_MESSAGES, QUICK_MESSAGES = 30000, 3000
 MOST_BYTES, QUICK_BYTES = 512 << 20, 48 << 20
 FEWEST_MESSAGES = 4
+MOST_AHEAD = 16 << 20
+BARE, AGENT, FITTED = "bare consumer", "agent", "agent, smaller prefetch"
 
 
 def name_of(size):
@@ -29,44 +34,60 @@ def messages_of(bench, size):
     return max(FEWEST_MESSAGES, min(bench.pick(MOST_MESSAGES, QUICK_MESSAGES), fit))
 
 
-def run_size(bench, size):
-    """One run by the agent and one by the bare consumer: ((rate, µs), (rate, µs), MiB at most)."""
-    messages, body = messages_of(bench, size), b"x" * size
-    with DrainedAgent(bench, f"bodies-{size}", 1) as drained:
-        seconds, cpu, most = drained.drain(1, messages, body)
-        agent = messages / seconds, 1e6 * cpu / messages
+def fitting_prefetch(size):
+    """So many messages of this size are sent ahead that they never fill the agent."""
+    return max(1, min(PREFETCH, MOST_AHEAD // max(size, 1)))
+
+
+def through_the_agent(bench, size, prefetch):
+    messages = messages_of(bench, size)
+    with DrainedAgent(bench, f"bodies-{size}-{prefetch}", 1, prefetch) as drained:
+        one = drained.drain(1, messages, b"x" * size)
     bench.wait_for_no_connection(bench.node())
-    return agent, drained.bare(messages, body), most
+    return drained, (messages / one.seconds, 1e6 * one.cpu / messages, one.most_mib, 100 * one.parked / messages)
 
 
-def add_way(results, size, name, rows, beside=()):
-    """The figures of one way for one size: rate and processor time, beside those of another way when given."""
-    figures = (results.add(Figure(f"{name_of(size)}, {name}: rate", "messages/s", [row[0] for row in rows])),
-               results.add(Figure(f"{name_of(size)}, {name}: processor time", "µs a message",
-                                  [row[1] for row in rows])))
-    for figure, other in zip(figures, beside):
-        figure.beside(other)
-    return figures
+def run_size(bench, size):
+    """One turn: {way: (messages a second, microseconds a message, most MiB, parked of a hundred)}, bare without the last."""
+    drained, usual = through_the_agent(bench, size, PREFETCH)
+    turn = {BARE: drained.bare(messages_of(bench, size), b"x" * size), AGENT: usual}
+    if fitting_prefetch(size) != PREFETCH:
+        _, turn[FITTED] = through_the_agent(bench, size, fitting_prefetch(size))
+    return turn
+
+
+def add_way(results, size, way, rows):
+    """One way's figures for one size: rate, processor time, and the agent's memory and parked messages."""
+    text = f"{name_of(size)}, {way}"
+    figures = [Figure(f"{text}: rate", "messages/s", [row[0] for row in rows]),
+               Figure(f"{text}: processor time", "µs a message", [row[1] for row in rows])]
+    if way != BARE:
+        figures += [Figure(f"{text}: throughput", "MB/s", [row[0] * size / 1e6 for row in rows]),
+                    Figure(f"{text}: most memory", "MiB", [row[2] for row in rows]),
+                    Figure(f"{text}: parked", "%", [row[3] for row in rows])]
+    return [results.add(figure) for figure in figures]
 
 
 def run(bench):
     measured = bench.interleave({size: lambda size=size: run_size(bench, size) for size in SIZES}, bench.pick(5, 1))
     results = Results()
-    rates, costs, memory = {"agent": [], "bare consumer": []}, {"agent": [], "bare consumer": []}, []
-    for size, runs in measured.items():
-        agent, bare, most = zip(*runs)
-        by_name = {"bare consumer": add_way(results, size, "bare consumer", bare)}
-        by_name["agent"] = add_way(results, size, "agent", agent, by_name["bare consumer"])
-        results.add(Figure(f"{name_of(size)}, agent: throughput", "MB/s", [row[0] * size / 1e6 for row in agent]))
-        held = results.add(Figure(f"{name_of(size)}, agent: most memory", "MiB", list(most)))
-        # A logarithmic axis has no place for an empty body.
-        place = max(size, 1)
-        for name, (rate, cost) in by_name.items():
-            rates[name].append((place, rate.median))
-            costs[name].append((place, cost.median))
-        memory.append((place, held.median))
+    curves = {kind: {way: [] for way in (BARE, AGENT, FITTED)} for kind in ("rate", "cost", "memory")}
+    for size, turns in measured.items():
+        bare = ()
+        for way in turns[0]:
+            figures = add_way(results, size, way, [turn[way] for turn in turns])
+            for figure, beside in zip(figures, bare):
+                figure.beside(beside)
+            bare = bare or figures
+            # A logarithmic axis has no place for an empty body.
+            place = max(size, 1)
+            curves["rate"][way].append((place, figures[0].median))
+            curves["cost"][way].append((place, figures[1].median))
+            if way != BARE:
+                curves["memory"][way].append((place, figures[3].median))
+    del curves["memory"][BARE]
     results.curves = [
-        Curve("rate", "Messages a second by size", "bytes", "messages/s", rates, log_x=True, log_y=True),
-        Curve("cost", "Processor time by size", "bytes", "µs a message", costs, log_x=True, log_y=True),
-        Curve("memory", "The agent's memory at its most", "bytes", "MiB", {"agent": memory}, log_x=True)]
+        Curve("rate", "Messages a second by size", "bytes", "messages/s", curves["rate"], log_x=True, log_y=True),
+        Curve("cost", "Processor time by size", "bytes", "µs a message", curves["cost"], log_x=True, log_y=True),
+        Curve("memory", "The agent's memory at its most", "bytes", "MiB", curves["memory"], log_x=True)]
     return results
