@@ -20,6 +20,10 @@ class QelctlProcess:
         with open(self._output, "wb") as output, open(self._errors, "wb") as errors:
             self._process = spawn([program("qelctl"), "--json", verb, *arguments], stdout=output, stderr=errors)
 
+    @property
+    def pid(self):
+        return self._process.pid
+
     def __enter__(self):
         return self
 

@@ -43,7 +43,7 @@ TEST(CommandLine, HelpAndVersionSucceed)
     EXPECT_EQ(help.status, 0);
     for (const char* verb :
          {"status", "apps", "routes", "explain", "plan", "health", "doctor", "log-level", "diagnostics", "ping",
-          "configure", "plane", "reassign", "publish", "attach", "dead-letters"})
+          "configure", "plane", "reassign", "publish", "attach", "dev", "dead-letters"})
     {
         EXPECT_THAT(help.out, HasSubstr(verb));
         EXPECT_EQ(RunQelctl({verb, "--help"}).status, 0) << verb;
@@ -61,7 +61,7 @@ TEST(CommandLine, TheManualPageDescribesEveryOption)
     std::set<std::string> offered = OptionsIn(RunQelctl({"--help"}).out);
     for (const char* verb :
          {"status", "apps", "routes", "explain", "plan", "health", "doctor", "log-level", "diagnostics", "ping",
-          "configure", "plane", "reassign", "publish", "attach"})
+          "configure", "plane", "reassign", "publish", "attach", "dev"})
     {
         offered.merge(OptionsIn(RunQelctl({verb, "--help"}).out));
     }
@@ -105,6 +105,9 @@ TEST(CommandLine, WhatMakesNoSenseEndsWithStatusTwoAndAReason)
         {"attach", "web", "--socket", "x", "--runtime-directory", "y"},
         {"attach", "web", "--rule", "type:done"},
         {"attach", "web", "--nonsense"},
+        {"dev"},
+        {"dev", "no/name"},
+        {"dev", "web", "--port", "65536"},
         {"dead-letters"},
         {"dead-letters", "list"},
         {"dead-letters", "list", "a", "--limit", "0", "--broker", unreachable},

@@ -1,9 +1,8 @@
 #pragma once
 
 #include "Command.h"
-#include "ManagementSession.h"
+#include "PlaneServer.h"
 
-#include <atomic>
 #include <string>
 
 namespace VtxQel
@@ -20,13 +19,8 @@ class PlaneCommand : public Command
     void Run(const GlobalOptions& options) override;
 
   private:
-    RequestService Service() const;
-
     std::string m_directory;
-    std::string m_exchange;
-    std::string m_routingKey;
-    std::string m_queue;
-    std::atomic<bool> m_stop{false};
+    PlaneAddress m_address;
 };
 
 } // namespace VtxQel

@@ -2,6 +2,7 @@
 #include "AttachCommand.h"
 #include "ConfigureCommand.h"
 #include "DeadLettersCommand.h"
+#include "DevCommand.h"
 #include "DiagnosticsCommand.h"
 #include "DoctorCommand.h"
 #include "ExplainCommand.h"
@@ -87,6 +88,7 @@ int main(int argc, char** argv)
     commands.push_back(std::make_unique<ReassignCommand>());
     commands.push_back(std::make_unique<PublishCommand>());
     commands.push_back(std::make_unique<AttachCommand>());
+    commands.push_back(std::make_unique<DevCommand>());
     commands.push_back(std::make_unique<DeadLettersCommand>());
     std::map<const CLI::App*, Command*> verbs;
     for (const auto& command : commands)
