@@ -18,9 +18,6 @@ namespace
 {
 
 constexpr std::uint16_t RPC_CHANNEL = MoveTrial::RPC_CHANNEL;
-constexpr std::uint16_t ECHO_CHANNEL = RPC_CHANNEL + 1;
-/** Consumers take all channels from here on, up to the last that the broker allows. */
-constexpr std::uint16_t FIRST_CONSUMER_CHANNEL = ECHO_CHANNEL + 1;
 constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
@@ -138,8 +135,9 @@ void ConsumeLink::OnOpen()
 
 void ConsumeLink::MakeConsumers()
 {
+    const std::uint16_t last = m_connection->ChannelMax();
     m_consumers = std::make_unique<Consumers>(
-        *m_connection, FIRST_CONSUMER_CHANNEL,
+        *m_connection, Consumers::Channels{RPC_CHANNEL + 1, static_cast<std::uint16_t>(last - 1)},
         Consumers::Context{
             m_listener, m_generation,
             [this, connection = m_connection.get()](const std::string& queue, bool deleted, const std::string& why)
@@ -150,7 +148,7 @@ void ConsumeLink::MakeConsumers()
                     OnConsumerLost(queue, deleted, why);
                 }
             }});
-    m_echo = std::make_unique<Echo>(*m_connection, ECHO_CHANNEL);
+    m_echo = std::make_unique<Echo>(*m_connection, last);
 }
 
 void ConsumeLink::Restore(DesiredTopology desired)

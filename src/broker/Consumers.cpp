@@ -11,8 +11,9 @@ namespace VtxQel
 
 using State = DeliveryChannel::State;
 
-Consumers::Consumers(AmqpConnection& connection, std::uint16_t firstChannel, Context context)
-    : m_connection(connection), m_nextChannel(firstChannel), m_context(std::move(context))
+Consumers::Consumers(AmqpConnection& connection, const Channels& channels, Context context)
+    : m_connection(connection), m_nextChannel(channels.first), m_lastChannel(channels.last),
+      m_context(std::move(context))
 {
 }
 
@@ -44,7 +45,7 @@ std::uint16_t Consumers::FreeChannel()
         m_closedByBroker.erase(number);
         return number;
     }
-    return m_nextChannel > m_connection.ChannelMax() || m_nextChannel == 0 ? std::uint16_t{0} : m_nextChannel++;
+    return m_nextChannel > m_lastChannel ? std::uint16_t{0} : m_nextChannel++;
 }
 
 void Consumers::Cancel(const std::string& queue, Done done)

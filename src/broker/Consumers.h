@@ -38,8 +38,14 @@ class Consumers
         OnLost onLost;
     };
 
-    /** Channels are numbered from `firstChannel` on. */
-    Consumers(AmqpConnection& connection, std::uint16_t firstChannel, Context context);
+    /** The numbers of the channels that may be opened; none when the last is smaller than the first. */
+    struct Channels
+    {
+        std::uint16_t first;
+        std::uint16_t last;
+    };
+
+    Consumers(AmqpConnection& connection, const Channels& channels, Context context);
 
     /** Consumes the queue, or joins the consumer that there is already. */
     void Start(const QueueSpec& queue, Done done);
@@ -87,6 +93,7 @@ class Consumers
 
     AmqpConnection& m_connection;
     std::uint16_t m_nextChannel;
+    const std::uint16_t m_lastChannel;
     const Context m_context;
     std::set<std::uint16_t> m_freeChannels;
     /** Of these the ones that the broker has closed: what it had sent on them before may still come. */
