@@ -74,6 +74,7 @@ void LoopProbe::Send(std::uint64_t session)
             m_awaited = true;
             m_overdue = false;
             m_confirmed = false;
+            m_noQueue = false;
             m_publishError.clear();
             m_sentAt = Clock::now();
             m_arrivals = m_actions.arrivals();
@@ -101,6 +102,7 @@ void LoopProbe::OnPublished(std::uint64_t number, PublishResult result, const st
     if (number == m_number)
     {
         m_confirmed = result == PublishResult::confirmed;
+        m_noQueue = result == PublishResult::noRoute;
         m_publishError = why;
     }
 }
@@ -139,32 +141,43 @@ void LoopProbe::Returned(const std::string& id)
 void LoopProbe::OnDeadline(std::uint64_t number)
 {
     std::uint64_t failuresInARow = 0;
+    bool noQueue = false;
     {
         const std::lock_guard lock(m_mutex);
         if (number != m_number || !m_awaited || m_overdue)
         {
             return;
         }
-        if (!m_confirmed)
+        noQueue = m_noQueue;
+        if (noQueue)
+        {
+            // The broker can lose a queue that it was still making when we asked for it again, and says nothing.
+            failuresInARow = ++m_status.failuresInARow;
+            Fail("the loop probe finds no queue " + m_queue);
+        }
+        else if (!m_confirmed)
         {
             Fail(
                 "the loop probe could not be published: " +
                 (m_publishError.empty() ? std::string("the broker has not confirmed it") : m_publishError));
             return;
         }
-        if (m_actions.arrivals() != m_arrivals || m_actions.isSaturated())
+        else if (m_actions.arrivals() != m_arrivals || m_actions.isSaturated())
         {
             m_arrivals = m_actions.arrivals();
             m_status.state = State::behind;
             m_actions.after(m_settings.deadline, [this, number] { OnDeadline(number); });
             return;
         }
-        failuresInARow = ++m_status.failuresInARow;
-        Fail(
-            "the loop probe has not come back within " + std::to_string(m_settings.deadline.count()) +
-            " s: no message comes from queue " + m_queue + " (does another consumer hold it?)");
+        else
+        {
+            failuresInARow = ++m_status.failuresInARow;
+            Fail(
+                "the loop probe has not come back within " + std::to_string(m_settings.deadline.count()) +
+                " s: no message comes from queue " + m_queue + " (does another consumer hold it?)");
+        }
     }
-    if (failuresInARow == 1)
+    if (failuresInARow == 1 && !noQueue)
     {
         m_actions.consumeAgain();
     }

@@ -67,8 +67,8 @@ struct LoopProbeActions
  *
  * It publishes a message to the agent's own queue and waits for it. One that the broker has confirmed and that does not
  * come back, while nothing else comes either, is a failure: after the first in a row the queue is consumed anew, after
- * the 2nd, 4th, 8th … the connection is made anew. Any thread. The object
- * outlives the tasks that it has given to `after`.
+ * the 2nd, 4th, 8th … the connection is made anew. At once it is made anew when the broker finds no such queue: with
+ * the queue its bindings are gone. Any thread. The object outlives the tasks that it has given to `after`.
  */
 class LoopProbe
 {
@@ -113,6 +113,8 @@ class LoopProbe
     /** It has failed; a return is still welcome. */
     bool m_overdue = false;
     bool m_confirmed = false;
+    /** The broker says that there is no such queue. */
+    bool m_noQueue = false;
     std::string m_publishError;
     Clock::time_point m_sentAt;
     std::uint64_t m_arrivals = 0;

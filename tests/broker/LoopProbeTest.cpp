@@ -188,6 +188,19 @@ TEST_F(LoopProbeTest, AProbeThatCannotBePublishedSaysNothingOfTheConsumer)
     EXPECT_THAT(done, IsEmpty());
 }
 
+TEST_F(LoopProbeTest, AQueueThatIsGoneMakesTheConnectionAnewFromTheFirstTimeOn)
+{
+    probe.Start();
+    for (int failure = 1; failure <= 4; ++failure)
+    {
+        published.back().second(PublishResult::noRoute, "no queue is bound");
+        Pass(30s);
+    }
+    EXPECT_THAT(probe.NotReady(), HasSubstr("finds no queue queue"));
+    EXPECT_THAT(done, ElementsAre("reconnect", "reconnect", "reconnect")) << "after the 1st, 2nd and 4th";
+    EXPECT_EQ(probe.Status().failed, 4U);
+}
+
 TEST_F(LoopProbeTest, WhatIsOnItsWayWhenTheConnectionEndsDoesNotCount)
 {
     probe.Start();
