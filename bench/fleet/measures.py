@@ -45,13 +45,14 @@ class Measures:
         self._patience = patience
         self._opened = self.gauge.opened()
 
-    def start(self):
-        """All agents start at once: until every one consumes with its bindings in place."""
+    def start(self, within=0.0):
+        """All agents start, evenly over the time: until every one consumes with its bindings in place."""
         clock = Stopwatch(broker=self.node.pid)
-        self.fleet.start()
+        self.fleet.start(within)
         figures = self._wait(lambda one: one["serving"], "consuming")
         done = clock.read()
-        return {**done, "agent_seconds": spread(one["last_restored"] - clock.began for one in figures),
+        return {**done, "within": within,
+                "agent_seconds": spread(one["last_restored"] - clock.began for one in figures),
                 "most_in_a_second": most_in_a_second(one["last_restored"] for one in figures)}
 
     def settle(self):
