@@ -13,6 +13,7 @@ import pytest
 
 from support import schema
 from support.application import call_with_bytes
+from support.client import qel_client
 
 PROBE = """
 import socket, sys
@@ -137,6 +138,7 @@ class Worker:
 
     def __init__(self, world, agent, work):
         self.application = world.attach(agent, "alpha", window=5)
+        assert self.application.welcome.ordering_key == "header:customer"
         self.leaves = self._crashes = False
         self._work = work
         self._thread = threading.Thread(target=self._run)
@@ -164,15 +166,39 @@ class Worker:
             self.application.verdict(delivery, "done")
 
 
+class ClientWorker:
+    """An instance made with the client for Python, which writes down what it works on."""
+
+    def __init__(self, _, agent, work):
+        self.leaves = False
+        self._work = work
+        self._welcomes = []
+        self._client = qel_client.Client("alpha", socket=agent.socket("alpha"), window=5,
+                                         on_welcome=self._welcomes.append)
+        self._thread = threading.Thread(target=self._client.run, args=(self._take,))
+        self._thread.start()
+        agent.wait_until(lambda: self._welcomes, "an instance to be welcomed")
+        assert self._welcomes[0].ordering_key == "header:customer"
+
+    def leave(self):
+        self.leaves = True
+        self._client.stop()
+        self._thread.join(60)
+        assert not self._thread.is_alive()
+        self._client.close()
+
+    def _take(self, message):
+        self._work.append((message.headers["customer"], int(message.body), self))
+
+
 CUSTOMERS = [f"customer {number}" for number in range(7)]
 
 
-@pytest.mark.parametrize("end", ["leave", "crash"])
-def test_a_rolling_restart_of_two_instances_loses_nothing_and_keeps_each_customers_order(world, end):
+@pytest.mark.parametrize("kind, end", [(Worker, "leave"), (Worker, "crash"), (ClientWorker, "leave")])
+def test_a_rolling_restart_of_two_instances_loses_nothing_and_keeps_each_customers_order(world, kind, end):
     agent = world.agent(applications={"alpha": {"ordering_key": "header:customer"}})
     work, published = [], 0
-    workers = [Worker(world, agent, work), Worker(world, agent, work)]
-    assert workers[0].application.welcome.ordering_key == "header:customer"
+    workers = [kind(world, agent, work), kind(world, agent, work)]
 
     def publish(count):
         nonlocal published
@@ -187,7 +213,7 @@ def test_a_rolling_restart_of_two_instances_loses_nothing_and_keeps_each_custome
             publish(100)
             getattr(old, end)()
             publish(100)
-            workers.append(Worker(world, agent, work))
+            workers.append(kind(world, agent, work))
         publish(100)
         agent.wait_until(lambda: {number for _, number, _ in work} == set(range(published)), "everything to be done")
     for worker in workers[2:]:
