@@ -6,6 +6,7 @@ The tests are the life of one host, in their order.
 
 import contextlib
 import json
+import os
 import re
 import shutil
 import subprocess
@@ -129,13 +130,13 @@ def test_the_programs_do_not_tell_where_they_were_built(host, packages, name):
         assert str(folder.resolve()).encode() not in contents
 
 
-def test_the_bill_of_materials_names_what_the_package_needs(host):
-    bill = json.loads(host.path("usr/share/doc/qel-agent/sbom.cdx.json").read_text(encoding="utf-8"))
+def checked_bill(file, package, kind, version):
+    """{name: component} of a bill of materials that is in order and names what is installed here."""
+    bill = json.loads(file.read_text(encoding="utf-8"))
     assert (bill["bomFormat"], bill["specVersion"], bill["version"]) == ("CycloneDX", "1.5", 1)
     assert re.fullmatch(r"urn:uuid:[0-9a-f]{8}(-[0-9a-f]{4}){3}-[0-9a-f]{12}", bill["serialNumber"])
     ours = bill["metadata"]["component"]
-    assert (ours["type"], ours["name"]) == ("application", "qel-agent")
-    assert ours["version"] == host.run("dpkg-query", "-W", "-f", "${Version}", "qel-agent")
+    assert (ours["type"], ours["name"], ours["version"]) == (kind, package, version)
     components = {each["name"]: each for each in bill["components"]}
     for each in components.values():
         assert each["version"] == subprocess.run(["dpkg-query", "-W", "-f", "${Version}\\n", each["name"]], check=True,
@@ -143,11 +144,50 @@ def test_the_bill_of_materials_names_what_the_package_needs(host):
         assert re.fullmatch(r"pkg:deb/debian/[\w%.-]+@[\w%.:~-]+\?arch=(amd64|arm64|all)", each["purl"])
     [needs] = bill["dependencies"]
     assert needs == {"ref": ours["bom-ref"], "dependsOn": [each["bom-ref"] for each in bill["components"]]}
+    return components
+
+
+def test_the_bill_of_materials_names_what_the_package_needs(host):
+    components = checked_bill(host.path("usr/share/doc/qel-agent/sbom.cdx.json"), "qel-agent", "application",
+                              host.run("dpkg-query", "-W", "-f", "${Version}", "qel-agent"))
     linked = {name for name, each in components.items() if each["scope"] == "required"}
     depends = host.run("dpkg-query", "-W", "-f", "${Depends}", "qel-agent")
     provided = host.run("dpkg-query", "-W", "-f", "${Provides} ", *linked)
     assert linked | set(re.findall(r"\blib[\w.+-]+", provided)) >= set(re.findall(r"\blib[\w.+-]+", depends))
     assert {"libcli11-dev", "nlohmann-json3-dev", "libboost-dev"} <= set(components) - linked
+
+
+@pytest.fixture(scope="module")
+def library(packages, folder):
+    """The contents of the package for developers; what it depends on is installed here."""
+    [package] = packages.glob("libqel-client-dev_*.deb")
+    subprocess.run(["dpkg-deb", "--extract", package, folder / "library"], check=True)
+    return folder / "library", package
+
+
+def test_the_bill_of_materials_of_the_library_names_what_it_depends_on(library):
+    root, package = library
+    fields = subprocess.run(["dpkg-deb", "--show", "--showformat=${Version}\t${Depends}", package], check=True,
+                            stdout=subprocess.PIPE, text=True).stdout
+    version, depends = fields.split("\t")
+    [file] = root.glob("usr/share/doc/libqel-client-dev/sbom.*.cdx.json")
+    components = checked_bill(file, "libqel-client-dev", "library", version)
+    assert {name: each["scope"] for name, each in components.items()} == dict.fromkeys(depends.split(", "), "required")
+
+
+def test_a_program_is_compiled_with_the_library_as_documented(library, folder):
+    root, _ = library
+    [command] = re.findall(r"`(g\+\+ [^`]+)`", (ROOT / "docs/applications.md").read_text(encoding="utf-8"))
+    [pc_file] = root.glob("usr/lib/*/pkgconfig/qel-client.pc")
+    examples = root / "usr/share/doc/libqel-client-dev/examples/cpp"
+    subprocess.run(["sh", "-ec", command], cwd=examples, check=True,
+                   env={**os.environ, "PKG_CONFIG_PATH": str(pc_file.parent)})
+    # There is no agent, which it says, and goes on.
+    with subprocess.Popen([examples / "consumer", "web"], stderr=subprocess.PIPE, text=True,
+                          env={**os.environ, "QEL_RUNTIME_DIRECTORY": str(folder)}) as consumer:
+        assert "web: not attached: " in consumer.stderr.readline()
+        consumer.terminate()
+        assert consumer.wait(60) == 0
 
 
 def test_the_documentation_leads_to_a_running_agent(host, reader):
