@@ -125,9 +125,20 @@ def commands(heading, replacements):
     return [block.splitlines() for block in blocks]
 
 
-@pytest.mark.parametrize("heading", ["In C++", "In Python", "In Node.js"])
+def other_examples(heading):
+    """The commands of the worker, the service and the publisher, of the language's column."""
+    page = (ROOT / "docs/applications.md").read_text(encoding="utf-8")
+    table = page.split("### The other examples\n")[1].split("\n## ")[0]
+    return [shlex.split(re.findall("`([^`]+)` [|]", row)[HEADINGS.index(heading)])
+            for row in table.splitlines() if row.startswith("| a ")]
+
+
+HEADINGS = ["In C++", "In Python", "In Node.js"]
+
+
+@pytest.mark.parametrize("heading", HEADINGS)
 def test_the_documentation_leads_to_a_first_message(world, library, heading):
-    agent = world.agent(applications=["web"])
+    agent, plane = world.agent(applications=["web"]), world.plane()
     folder = world.folder / "mine"
     folder.mkdir()
     replacements = {"/usr/share/doc/libqel-client-dev/examples": EXAMPLES, "/usr/share/qel/proto": PROTO_ROOT,
@@ -147,3 +158,17 @@ def test_the_documentation_leads_to_a_first_message(world, library, heading):
         shell(publish)
         consumer.wait_for("web.jobs hello")
         assert consumer.stop() == 0
+    worker, service, publisher = other_examples(heading)
+    with Example(agent, worker, folder) as running:
+        shell(publish.replace("'hello'", str(agent.config_file)))
+        running.wait_for(f"size {agent.config_file} {agent.config_file.stat().st_size}")
+        assert running.stop() == 0
+    requester = Requester(plane, "web.jobs")
+    with Example(agent, service, folder) as running:
+        requester.ask("hello")
+        running.wait_until(lambda: requester.has_answers("hello"), "the answer")
+        assert running.stop() == 0
+    with Example(agent, publisher, folder) as running:
+        running.feed("hello again")
+        running.wait_for("published hello again")
+        assert running.finish() == 0
