@@ -3,12 +3,14 @@
 import json
 import os
 import pathlib
+import shlex
 import signal
 import socket
 import subprocess
 
 import pytest
 from support.application import GrpcApplication
+from support.pages import commands
 from support.paths import program
 from support.plane import ManagementPlane
 from support.qelctl import QelctlProcess
@@ -100,17 +102,23 @@ def test_an_application_has_what_it_needs_and_nothing_is_left(lonely_world, fold
     assert list(folder.iterdir()) == []
 
 
-def test_a_child_that_dies_ends_everything_and_what_is_kept_is_used_again(lonely_world):
-    kept = lonely_world.folder / "kept"
-    with Dev(lonely_world.folder, "--keep", kept) as dev:
-        dev.configuration.write_text('{"topicInfo": [{"topic": "mine"}]}', encoding="utf-8")
+def test_the_documentation_can_be_followed_and_what_is_kept_is_used_again(lonely_world, monkeypatch):
+    monkeypatch.chdir(lonely_world.folder)
+    first, rest = commands()["applications.md", "Without a fleet"].split("\n", 1)
+    *start, name, keep, folder = shlex.split(first)
+    assert (start, name, keep) == (["qelctl", "dev"], "web", "--keep")
+    with Dev(lonely_world.folder, keep, folder) as dev:
+        done = subprocess.run(["sh", "-ec", rest], capture_output=True, text=True, timeout=120, check=False, env={
+            **os.environ, "PATH": f"{program('qelctl').parent}:{os.environ['PATH']}"})
+        assert done.returncode == 0, done.stdout + done.stderr
+        assert 'orders.bad: "hello"' in done.stdout and "a bad one" in done.stdout
         [agent] = [pid for pid, name in dev.children.items() if name == "qel-agent"]
         os.kill(agent, signal.SIGKILL)
         assert dev.process.wait_for_exit(60) == 1
         assert "the agent was ended by the signal Killed" in dev.process.errors()
         dev.wait_until_gone()
-    with Dev(lonely_world.folder, "--keep", kept) as dev, GrpcApplication(dev, "web").wait_for_welcome() as application:
-        application.wait_for_state("APPLIED", ["mine"])
+    with Dev(lonely_world.folder, keep, folder) as dev, GrpcApplication(dev, "web").wait_for_welcome() as application:
+        application.wait_for_state("APPLIED", ["orders.#"])
         [broker] = [pid for pid, name in dev.children.items() if name == "beam.smp"]
         os.kill(broker, signal.SIGKILL)
         assert dev.process.wait_for_exit(60) == 1

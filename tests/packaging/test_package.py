@@ -24,7 +24,8 @@ from testbed.processes import wait_until
 APPLICATION = "example"
 UNIT = "qel-agent.service"
 # Pages whose commands need another scene: the tests that follow them.
-ELSEWHERE = {"applications.md": "test_examples.py", "configuration.md": "test_tls.py", "cluster.md": "test_cluster.py"}
+ELSEWHERE = {"applications.md": "test_examples.py, test_dev.py", "configuration.md": "test_tls.py",
+             "cluster.md": "test_cluster.py"}
 
 # What the administrator does in the editor.
 EDITOR = """#!/bin/sh
