@@ -50,7 +50,7 @@ std::string NewFolder()
 
 std::string KeptFolder(const std::string& name)
 {
-    const std::string path = fs::absolute(name).lexically_normal().string();
+    std::string path = fs::absolute(name).lexically_normal().string();
     CheckName(path, "--keep");
     std::error_code error;
     fs::create_directories(path, error);
