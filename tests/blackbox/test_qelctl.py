@@ -179,6 +179,14 @@ def test_reassign_moves_the_agent_to_the_other_broker_address(lonely_world):
     worked(qelctl("--broker", node.url(), "ping", agent.agent_id))
 
 
+def test_publish_many_large_messages(world, tmp_path):
+    """More bytes than may wait for the broker's confirms at a time."""
+    body = tmp_path / "body"
+    body.write_bytes(b"x" * (16 << 20))
+    worked(qelctl("--broker", world.node.url(), "publish", "--routing-key", "no.such.queue", "--count", "6",
+                  "--body-file", body))
+
+
 @pytest.mark.parametrize("arguments", [[], ["dance"], ["ping"], ["publish", "--routing-key", "q"]])
 def test_a_wrong_command_line_ends_with_status_2(arguments):
     done = qelctl("--broker", "amqp://127.0.0.1:1/", *arguments)

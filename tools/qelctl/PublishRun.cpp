@@ -11,6 +11,8 @@ namespace
 {
 
 constexpr std::uint64_t mostUnconfirmed = 500;
+/** Half of what the session takes. */
+constexpr std::uint64_t mostUnconfirmedBytes = 33554432;
 
 } // namespace
 
@@ -18,6 +20,8 @@ std::uint64_t PublishRun::Execute(ManagementSession& session, const OutgoingMess
 {
     const auto start = std::chrono::steady_clock::now();
     m_lastProgress = start;
+    const std::uint64_t most = std::clamp<std::uint64_t>(
+        mostUnconfirmedBytes / std::max<std::size_t>(message.body.size(), 1), 1, mostUnconfirmed);
     for (std::uint64_t sent = 0; sent < m_count; ++sent)
     {
         if (m_rate > 0)
@@ -28,7 +32,7 @@ std::uint64_t PublishRun::Execute(ManagementSession& session, const OutgoingMess
         }
         {
             std::unique_lock<std::mutex> lock(m_mutex);
-            m_changed.wait(lock, [this] { return m_unconfirmed < mostUnconfirmed; });
+            m_changed.wait(lock, [this, most] { return m_unconfirmed < most; });
             if (m_trouble.result != PublishResult::confirmed)
             {
                 break;
