@@ -24,6 +24,17 @@ def resident_mib(pid):
     return int(status.split("VmRSS:")[1].split()[0]) / 1024
 
 
+def forget_most_resident(pid):
+    """From now on most_resident_mib() counts."""
+    pathlib.Path(f"/proc/{pid}/clear_refs").write_text("5", encoding="ascii")
+
+
+def most_resident_mib(pid):
+    """The most memory of a process that was in RAM."""
+    status = pathlib.Path(f"/proc/{pid}/status").read_text(encoding="ascii")
+    return int(status.split("VmHWM:")[1].split()[0]) / 1024
+
+
 class Context:
     """The build, the broker and the size of the run. For the main thread: processes that it starts end with it.
 

@@ -15,7 +15,7 @@ import subprocess
 from support.agent import AgentProcess
 from testbed.processes import end, spawn, tail, wait_until
 
-from .context import cpu_seconds
+from .context import cpu_seconds, forget_most_resident, most_resident_mib
 
 APPLICATION = "bench"
 TYPE = "job"
@@ -25,18 +25,19 @@ PREFETCH = 1000
 class Drain:
     """One queue, the agent's client queue, and the ways to drain it. Each run gives {"rate": messages/s, "cpu": us}.
 
-    The processor time is that of the whole consuming process, from the first message to the last acknowledgement.
+    The processor time is that of the whole consuming process, from the first message to the last acknowledgement. Of the
+    agent there are also "most", its memory in MiB at its most, and "parked", the messages that took that way.
     """
 
-    def __init__(self, bench, queue_type, messages, body_bytes=256):
+    def __init__(self, bench, queue_type, messages, body_bytes=256, prefetch=PREFETCH):
         self.bench, self.node = bench, bench.node()
-        self.messages, self.body_bytes = messages, body_bytes
+        self.messages, self.body_bytes, self.prefetch = messages, body_bytes, prefetch
         self.folder = bench.scratch(queue_type)
         self.agent = AgentProcess(self.folder / "agent", f"{self.folder.name}", self.node.url(), {
             # It is halted for as long as filling takes, and the broker shall not mind.
-            "broker": {"queue_type": queue_type, "prefetch": PREFETCH, "heartbeat_seconds": 300,
+            "broker": {"queue_type": queue_type, "prefetch": prefetch, "heartbeat_seconds": 300,
                        "loop_probe_seconds": 0},
-            "log": {"level": 4}}, {APPLICATION: {"window": 2 * PREFETCH}})
+            "log": {"level": 4}}, {APPLICATION: {"window": 2 * prefetch}})
         self.queue = self.agent.client_queue
         self.output = self.folder / "out"
         self.body = self.folder / "body"
@@ -51,20 +52,22 @@ class Drain:
         try:
             self._wait(lambda: "welcome" in self._printed(), "the application to be attached")
             self._wait(self._is_live, "the application to be done with its parking queue")
+            forget_most_resident(self.agent.pid)
             with self._halted(self.agent.pid) as used:
                 result = self._await_result(consumer)
                 self.expect_left(0)
+            memory = {"most": most_resident_mib(self.agent.pid), "parked": self._shown(APPLICATION)["parked"]}
             if result["messages"] != self.messages:
                 raise RuntimeError(f"{result['messages']} verdicts instead of {self.messages}")
         finally:
             end(consumer)
             self.agent.stop()
         self.bench.wait_for_no_connection(self.node)
-        return self._figures(result["seconds"], used[0])
+        return {**self._figures(result["seconds"], used[0]), **memory}
 
     def bare(self, batch):
         """A consumer in C that does nothing but acknowledge, so many at a time."""
-        consumer = self._spawn("bench/qel_bare_consumer", self.node.url(), self.queue, self.messages, PREFETCH, batch)
+        consumer = self._spawn("bench/qel_bare_consumer", self.node.url(), self.queue, self.messages, self.prefetch, batch)
         try:
             with self._halted(consumer.pid):
                 if consumer.wait(600) != 0:
@@ -127,7 +130,7 @@ class Drain:
         server = self._spawn("bench/qel_verdict_server", socket, *server_arguments)
         wait_until(socket.exists, "the worker to listen")
         with open(self.folder / "peer.out", "wb") as out:
-            peer = spawn([*command, self.node.url(), self.queue, PREFETCH, socket], stdout=out, stderr=out)
+            peer = spawn([*command, self.node.url(), self.queue, self.prefetch, socket], stdout=out, stderr=out)
         try:
             self._wait(lambda: self.node.list_consumers().get(self.queue), "the peer to consume")
             yield peer, server
@@ -169,11 +172,15 @@ class Drain:
 
         return wait_until(result, "everything to be drained", 600, self._printed)
 
-    def _is_live(self):
+    def _is_live(self, application=APPLICATION):
         """Messages go to the application at once, not by the parking queue that it begins with."""
+        return self._shown(application)["flow"] == "live"
+
+    def _shown(self, application):
+        """What the agent says of the application."""
         listed = subprocess.run([self.bench.program("tools/qelctl/qelctl"), "apps", "--json", "--runtime-directory",
                                  self.agent.runtime_directory], check=True, stdout=subprocess.PIPE, timeout=60).stdout
-        return [one["flow"] for one in json.loads(listed) if one["name"] == APPLICATION] == ["live"]
+        return next(one for one in json.loads(listed) if one["name"] == application)
 
     def _spawn(self, program, *arguments):
         with open(self.output, "wb") as out:

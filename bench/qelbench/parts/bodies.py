@@ -6,7 +6,7 @@ Therefore a second agent has so small a prefetch that 16 MiB are sent ahead at t
 process: bodies held, their copies on the way in and out.
 """
 
-from qelbench.draining import PREFETCH, DrainedAgent
+from qelbench.drain import PREFETCH, Drain
 from qelbench.results import Curve, Figure, Results
 
 NAME = "bodies"
@@ -18,6 +18,7 @@ MOST_MESSAGES, QUICK_MESSAGES = 30000, 3000
 MOST_BYTES, QUICK_BYTES = 512 << 20, 48 << 20
 FEWEST_MESSAGES = 4
 MOST_AHEAD = 16 << 20
+BATCH = 100
 BARE, AGENT, FITTED = "bare consumer", "agent", "agent, smaller prefetch"
 
 
@@ -39,43 +40,37 @@ def fitting_prefetch(size):
     return max(1, min(PREFETCH, MOST_AHEAD // max(size, 1)))
 
 
-def through_the_agent(bench, size, prefetch):
-    messages = messages_of(bench, size)
-    with DrainedAgent(bench, f"bodies-{size}-{prefetch}", 1, prefetch) as drained:
-        one = drained.drain(1, messages, b"x" * size)
-    bench.wait_for_no_connection(bench.node())
-    return drained, (messages / one.seconds, 1e6 * one.cpu / messages, one.most_mib, 100 * one.parked / messages)
+def ways_of(bench, size):
+    """What takes turns for one size: {way: action}."""
+    usual, fitted = (Drain(bench, "classic", messages_of(bench, size), size, prefetch)
+                     for prefetch in (PREFETCH, fitting_prefetch(size)))
+    ways = {BARE: lambda: usual.bare(BATCH), AGENT: usual.through_the_agent}
+    if fitted.prefetch != PREFETCH:
+        ways[FITTED] = fitted.through_the_agent
+    return ways
 
 
-def run_size(bench, size):
-    """One turn: {way: (messages a second, microseconds a message, most MiB, parked of a hundred)}, bare without the last."""
-    drained, usual = through_the_agent(bench, size, PREFETCH)
-    turn = {BARE: drained.bare(messages_of(bench, size), b"x" * size), AGENT: usual}
-    if fitting_prefetch(size) != PREFETCH:
-        _, turn[FITTED] = through_the_agent(bench, size, fitting_prefetch(size))
-    return turn
-
-
-def add_way(results, size, way, rows):
-    """One way's figures for one size: rate, processor time, and the agent's memory and parked messages."""
+def add_way(results, size, way, runs):
+    """One way's figures for one size: rate, processor time, and the agent's throughput, memory and parked messages."""
     text = f"{name_of(size)}, {way}"
-    figures = [Figure(f"{text}: rate", "messages/s", [row[0] for row in rows]),
-               Figure(f"{text}: processor time", "µs a message", [row[1] for row in rows])]
+    figures = [Figure(f"{text}: rate", "messages/s", [run["rate"] for run in runs]),
+               Figure(f"{text}: processor time", "µs a message", [run["cpu"] for run in runs])]
     if way != BARE:
-        figures += [Figure(f"{text}: throughput", "MB/s", [row[0] * size / 1e6 for row in rows]),
-                    Figure(f"{text}: most memory", "MiB", [row[2] for row in rows]),
-                    Figure(f"{text}: parked", "%", [row[3] for row in rows])]
+        figures += [Figure(f"{text}: throughput", "MB/s", [run["rate"] * size / 1e6 for run in runs]),
+                    Figure(f"{text}: most memory", "MiB", [run["most"] for run in runs]),
+                    Figure(f"{text}: parked", "messages", [run["parked"] for run in runs])]
     return [results.add(figure) for figure in figures]
 
 
 def run(bench):
-    measured = bench.interleave({size: lambda size=size: run_size(bench, size) for size in SIZES}, bench.pick(5, 1))
     results = Results()
     curves = {kind: {way: [] for way in (BARE, AGENT, FITTED)} for kind in ("rate", "cost", "memory")}
-    for size, turns in measured.items():
+    for size in SIZES:
+        bench.progress(f"{messages_of(bench, size)} bodies of {name_of(size)}")
+        turns = bench.interleave(ways_of(bench, size), bench.pick(5, 1))
         bare = ()
-        for way in turns[0]:
-            figures = add_way(results, size, way, [turn[way] for turn in turns])
+        for way, runs in turns.items():
+            figures = add_way(results, size, way, runs)
             for figure, beside in zip(figures, bare):
                 figure.beside(beside)
             bare = bare or figures
