@@ -25,8 +25,12 @@ const FINAL = [grpc.status.INVALID_ARGUMENT, grpc.status.NOT_FOUND, grpc.status.
 const PROPERTIES = ['type', 'replyTo', 'correlationId', 'appId', 'messageId', 'userId', 'contentType',
   'contentEncoding', 'expiration', 'deliveryMode', 'priority', 'timestamp', 'headers'];
 
+const includeDirs = FOLDERS.filter((folder) => fs.existsSync(path.join(folder, FILE)));
+if (includeDirs.length === 0) {
+  throw new Error(`there is no ${FILE}: install libqel-client-dev, or say in QEL_PROTO in which folder it is`);
+}
 const { Applications } = grpc.loadPackageDefinition(loader.loadSync(FILE, {
-  includeDirs: FOLDERS.filter((folder) => fs.existsSync(path.join(folder, FILE))),
+  includeDirs,
   longs: String, enums: String, defaults: true, oneofs: true,
 })).qel.apps.v1;
 
