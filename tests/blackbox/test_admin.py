@@ -209,6 +209,20 @@ def test_a_consumer_that_gets_nothing_is_found_out(world):
     assert admin.status()["loopProbe"]["failuresInARow"] == 0
 
 
+def test_a_queue_that_goes_without_a_word_is_made_again(world, node):
+    # Classic: what is left of a quorum queue on the broker would keep the next one of its name from being made.
+    agent = world.agent(options={"broker": {"queue_type": "classic", "loop_probe_seconds": 1,
+                                            "loop_probe_deadline_seconds": 1}})
+    admin = Admin(agent).wait_until_ready()
+    # Unlike delete_queue this tells no consumer; the broker does so when the making of a queue took it too long.
+    node.ctl("eval", f"rabbit_amqqueue:internal_delete(rabbit_misc:r(<<\"/\">>, queue, <<\"{agent.client_queue}\">>), "
+                     "<<\"test\">>).")
+    agent.wait_until(lambda: admin.status()["connection"]["reconnects"]["probe"] > 0, "the agent to connect anew")
+    assert f"the loop probe finds no queue {agent.client_queue}" in agent.log()
+    admin.wait_until_ready()
+    assert agent.client_queue in node.list_queues()
+
+
 def test_the_probe_can_be_turned_off(world):
     agent = world.agent(options={"broker": {"loop_probe_seconds": 0}})
     admin = Admin(agent).wait_until_ready()
