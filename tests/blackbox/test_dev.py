@@ -115,7 +115,7 @@ def test_the_documentation_can_be_followed_and_what_is_kept_is_used_again(lonely
         [agent] = [pid for pid, name in dev.children.items() if name == "qel-agent"]
         os.kill(agent, signal.SIGKILL)
         assert dev.process.wait_for_exit(60) == 1
-        assert "the agent was ended by the signal Killed" in dev.process.errors()
+        assert "the agent was ended by the signal Killed; its last words:\n" in dev.process.errors()
         dev.wait_until_gone()
     with Dev(lonely_world.folder, keep, folder) as dev, GrpcApplication(dev, "web").wait_for_welcome() as application:
         application.wait_for_state("APPLIED", ["orders.#"])

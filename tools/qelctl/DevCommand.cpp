@@ -180,8 +180,8 @@ std::string DevCommand::WriteAgentFiles(const DevFolder& folder, const PrivateBr
     folder.WriteOnce(ConfigurationName(m_application), SampleConfiguration(m_application));
     return folder.Write(
         "qel.toml", std::string("[agent]\nid = \"") + agentId + "\"\n" + directories + "\n[broker]\nurls = [\"" +
-                        broker.Url() + "\"]\npassword_file = \"" + broker.PasswordFile() +
-                        "\"\n\n[management]\nrouting_key = \"" + PlaneAddress().routingKey +
+                        broker.UrlWithoutUser() + "\"]\nuser = \"" + PrivateBroker::USER + "\"\npassword_file = \"" +
+                        broker.PasswordFile() + "\"\n\n[management]\nrouting_key = \"" + PlaneAddress().routingKey +
                         "\"\n\n[applications]\ndirectory = \"" + applications + "\"\n");
 }
 

@@ -160,11 +160,6 @@ PrivateBroker::PrivateBroker(
         ChildProgram{"the broker", server, {}, environment, m_output, folder.IsKept() ? SIGTERM : SIGKILL}, onEnd);
 }
 
-std::string PrivateBroker::Url() const
-{
-    return std::string("amqp://") + USER + "@127.0.0.1:" + std::to_string(m_port) + "/";
-}
-
 bool PrivateBroker::IsUp() const
 {
     return ReadAll(m_output).find("Server startup complete") != std::string::npos;

@@ -31,8 +31,9 @@ class PrivateBroker
     PrivateBroker(
         const DevFolder& folder, const std::string& programs, std::uint16_t port, const std::function<void()>& onEnd);
 
-    /** The AMQP URL, without the password. */
-    std::string Url() const;
+    /** The AMQP URL with the user, or without, for who names it elsewhere; never with the password. */
+    std::string Url() const { return "amqp://" + std::string(USER) + "@" + Address(); }
+    std::string UrlWithoutUser() const { return "amqp://" + Address(); }
     /** Where the password is. */
     const std::string& PasswordFile() const { return m_passwordFile; }
     const std::string& Password() const { return m_password; }
@@ -45,6 +46,8 @@ class PrivateBroker
     bool HasLostAPort() const;
 
   private:
+    std::string Address() const { return "127.0.0.1:" + std::to_string(m_port) + "/"; }
+
     std::uint16_t m_port;
     std::string m_passwordFile;
     std::string m_password;
