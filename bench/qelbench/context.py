@@ -14,7 +14,7 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 
 def cpu_seconds(pid):
-    """The processor time that a process and its threads have used, to the nanosecond (the kernel's clock of a process)."""
+    """The processor time that a process and its threads have used, by the kernel's clock of the process."""
     return time.clock_gettime((~pid << 3) | 2)
 
 
@@ -82,8 +82,14 @@ class Context:
         """The broker that the parts share, each finding it empty; started when it is first asked for."""
         if self._node is None:
             self.progress("starting RabbitMQ")
-            self._node = self._ends.enter_context(RabbitNode(self.folder / "rabbit"))
+            self._node = self._ends.enter_context(RabbitNode(self.scratch("rabbit")))
         return self._node
+
+    def drop_node(self):
+        """Ends the shared broker, after a failure; whoever asks next gets a new one."""
+        if self._node:
+            self._node.stop()
+            self._node = None
 
     def new_node(self, name, **options):
         """A broker of one's own as a context manager, for a part that restarts or reconfigures it."""

@@ -9,6 +9,7 @@ from support.admin import Admin
 from support.plane import ManagementPlane
 from testbed.processes import end, spawn, tail
 
+from .agents import wait_until_live
 from .context import resident_mib
 from .drain import PREFETCH, Drain
 
@@ -42,8 +43,10 @@ class Crowd(Drain):
         with contextlib.ExitStack() as ends:
             ends.callback(self.agent.stop)
             consumers = [self._attach(name, ends) for name in self._attached]
-            self._wait(lambda: all("welcome" in self._said(name) and self._is_live(name) for name in self._attached),
+            self._wait(lambda: all("welcome" in self._said(name) for name in self._attached),
                        "the applications to be attached")
+            for name in self._attached:
+                wait_until_live(self.bench, self.agent, name)
             with self._halted(self.agent.pid) as used:
                 began = time.monotonic()
                 statuses = [consumer.wait(PATIENCE) for consumer in consumers]

@@ -1,8 +1,8 @@
 """Draining a filled queue: what the agent, a bare consumer and the peers are measured by.
 
-Who drains is connected and halted while the queue is filled, then goes on: the broker keeps a queue that has a consumer in
-another state than one that has none. A run counts when everything has arrived and the broker has nothing left, unacknowledged
-messages included.
+Who drains is connected and halted while the queue is filled, then goes on: the broker keeps a queue that has a
+consumer in another state than one that has none. A run counts when everything has arrived and the broker has nothing
+left, unacknowledged messages included.
 """
 
 import contextlib
@@ -12,9 +12,9 @@ import re
 import signal
 import subprocess
 
-from support.agent import AgentProcess
 from testbed.processes import end, spawn, tail, wait_until
 
+from .agents import new_agent, shown, wait_until_live
 from .context import cpu_seconds, forget_most_resident, most_resident_mib
 
 APPLICATION = "bench"
@@ -33,11 +33,9 @@ class Drain:
         self.bench, self.node = bench, bench.node()
         self.messages, self.body_bytes, self.prefetch = messages, body_bytes, prefetch
         self.folder = bench.scratch(queue_type)
-        self.agent = AgentProcess(self.folder / "agent", f"{self.folder.name}", self.node.url(), {
-            # It is halted for as long as filling takes, and the broker shall not mind.
-            "broker": {"queue_type": queue_type, "prefetch": prefetch, "heartbeat_seconds": 300,
-                       "loop_probe_seconds": 0},
-            "log": {"level": 4}}, {APPLICATION: {"window": 2 * prefetch}})
+        # It is halted for as long as filling takes: the broker shall not mind, and it sends itself nothing then.
+        self.agent = new_agent(bench, self.folder, queue_type, {APPLICATION: {"window": 2 * prefetch}},
+                               prefetch=prefetch, heartbeat_seconds=300, loop_probe_seconds=0)
         self.queue = self.agent.client_queue
         self.output = self.folder / "out"
         self.body = self.folder / "body"
@@ -45,18 +43,22 @@ class Drain:
         self.agent.start()  # declares the queue
         self.agent.stop()
 
-    def through_the_agent(self):
-        """Through the agent to an attached application's verdict."""
+    def through_the_agent(self, meanwhile=lambda _going_on: None):
+        """Through the agent to an attached application's verdict.
+
+        meanwhile  called with a function that tells whether it is still being drained
+        """
         self.agent.start()
         consumer = self._spawn("bench/qel_attach_consumer", self.agent.socket(APPLICATION), self.messages)
         try:
             self._wait(lambda: "welcome" in self._printed(), "the application to be attached")
-            self._wait(self._is_live, "the application to be done with its parking queue")
+            wait_until_live(self.bench, self.agent, APPLICATION)
             forget_most_resident(self.agent.pid)
             with self._halted(self.agent.pid) as used:
+                meanwhile(lambda: consumer.poll() is None)
                 result = self._await_result(consumer)
                 self.expect_left(0)
-            memory = {"most": most_resident_mib(self.agent.pid), "parked": self._shown(APPLICATION)["parked"]}
+            memory = {"most": most_resident_mib(self.agent.pid), "parked": shown(self.bench, self.agent, APPLICATION)["parked"]}
             if result["messages"] != self.messages:
                 raise RuntimeError(f"{result['messages']} verdicts instead of {self.messages}")
         finally:
@@ -106,7 +108,7 @@ class Drain:
             raise RuntimeError(f"the peer has handed over {taken} messages instead of {messages}")
 
     def expect_left(self, count, rejected=0):
-        """The queue holds so many messages, unacknowledged ones included, and no other queue but that of rejected ones any.
+        """The queue holds so many messages, unacknowledged ones included, and that of rejected ones; no other any.
 
         But for a parking queue, where a marker of an agent that has ended may be left; the next one takes it away.
         """
@@ -171,16 +173,6 @@ class Drain:
             return lines[0] if lines else None
 
         return wait_until(result, "everything to be drained", 600, self._printed)
-
-    def _is_live(self, application=APPLICATION):
-        """Messages go to the application at once, not by the parking queue that it begins with."""
-        return self._shown(application)["flow"] == "live"
-
-    def _shown(self, application):
-        """What the agent says of the application."""
-        listed = subprocess.run([self.bench.program("tools/qelctl/qelctl"), "apps", "--json", "--runtime-directory",
-                                 self.agent.runtime_directory], check=True, stdout=subprocess.PIPE, timeout=60).stdout
-        return next(one for one in json.loads(listed) if one["name"] == application)
 
     def _spawn(self, program, *arguments):
         with open(self.output, "wb") as out:

@@ -8,9 +8,10 @@ from .results import Results
 
 INTRODUCTION = """# Benchmarks
 
-Written by `bench/run`; the same figures for machines are in [results.json](benchmarks/results.json). Every figure is the
-median of runs that took turns with those of what it is compared with (A B C A B C ...), with the least and the most of the
-runs; a ratio is the median of the ratios within each turn. Broker, agent, applications and the measurement share one machine.
+Written by `bench/run`; the same figures for machines are in [results.json](benchmarks/results.json). Every figure is
+the median of runs that took turns with those of what it is compared with (A B C A B C ...), with the least and the
+most of the runs; a ratio is the median of the ratios within each turn. Broker, agent, applications and the
+measurement share one machine.
 """
 
 
@@ -41,7 +42,8 @@ class Document:
     def write(self):
         self.folder.mkdir(parents=True, exist_ok=True)
         self.file.write_text(json.dumps(self.content, indent=1, sort_keys=True) + "\n", encoding="utf-8")
-        found = [(part, self.content["parts"][part.NAME]) for part in parts.find() if part.NAME in self.content["parts"]]
+        contents = self.content["parts"]
+        found = [(part, contents[part.NAME]) for part in parts.find() if part.NAME in contents]
         for old in self.folder.glob("*.svg"):
             old.unlink()
         sections = [self._section(part, found_by_part) for part, found_by_part in found]

@@ -1,7 +1,7 @@
 """What a part of the benchmarks finds: figures with their spread, what they are compared with, and curves to draw.
 
-A figure is never one run: it is the median of runs that took turns with those of what it is compared with, and a ratio is
-the median of the ratios within each turn, so that a slow minute of the machine meets both sides.
+A figure is never one run: it is the median of runs that took turns with those of what it is compared with, and a
+ratio is the median of the ratios within each turn, so that a slow minute of the machine meets both sides.
 """
 
 import dataclasses

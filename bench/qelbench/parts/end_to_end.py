@@ -1,6 +1,6 @@
-"""How fast persistent messages of 256 bytes get from a filled client queue through the agent to an attached application's
-*done*, beside a bare consumer of the same queue, in C, that does nothing but acknowledge: each message on its own, or a hundred
-at a time, since the agent batches, too. Processor time is that of the whole process.
+"""How fast persistent messages of 256 bytes get from a filled client queue through the agent to an attached
+application's *done*, beside a bare consumer of the same queue, in C, that does nothing but acknowledge: each message
+on its own, or a hundred at a time, since the agent batches, too. Processor time is that of the whole process.
 """
 
 from qelbench.drain import Drain

@@ -1,6 +1,6 @@
-"""What a step costs inside of the agent's process, by Google Benchmark. `Callback` with its default dispatch at log level 4
-stands beside one inlined function that does the same work by hand: copies the type, locks the dispatcher, compares with three
-names, dispatches with a reference of its own.
+"""What a step costs inside of the agent's process, by Google Benchmark. `Callback` with its default dispatch at log
+level 4 stands beside one inlined function that does the same work by hand: copies the type, locks the dispatcher,
+compares with three names, dispatches with a reference of its own.
 """
 
 import json

@@ -1,14 +1,14 @@
-"""The same work by consumers in other languages and libraries, each a small program written to be fast (`bench/peers`): take
-from the same queue with the same prefetch (1000), tell by the message's type, hand the body to another process over a Unix
-socket, wait for its verdict, then acknowledge that message. Messages are on their way side by side: nobody waits for one verdict
-before handing over the next message.
+"""The same work by consumers in other languages and libraries, each a small program written to be fast
+(`bench/peers`): take from the same queue with the same prefetch (1000), tell by the message's type, hand the body to
+another process over a Unix socket, wait for its verdict, then acknowledge that message. Messages are on their way
+side by side: nobody waits for one verdict before handing over the next message.
 
-Before anything is measured, each program is given messages of which the other process answers only some: exactly those may be
-acknowledged, and one message of another type may not be handed over.
+Before anything is measured, each program is given messages of which the other process answers only some: exactly
+those may be acknowledged, and one message of another type may not be handed over.
 
-The agent does this work with an attached application as the other process, so its protocol on the socket is gRPC where the
-peers' is four bytes of length, the body and one byte of verdict; and it acknowledges in batches, after the verdicts. Only the
-consuming process's time counts, not that of the process behind the socket.
+The agent does this work with an attached application as the other process, so its protocol on the socket is gRPC
+where the peers' is four bytes of length, the body and one byte of verdict; and it acknowledges in batches, after the
+verdicts. Only the consuming process's time counts, not that of the process behind the socket.
 """
 
 import os
