@@ -58,7 +58,8 @@ class Drain:
                 meanwhile(lambda: consumer.poll() is None)
                 result = self._await_result(consumer)
                 self.expect_left(0)
-            memory = {"most": most_resident_mib(self.agent.pid), "parked": shown(self.bench, self.agent, APPLICATION)["parked"]}
+            memory = {"most": most_resident_mib(self.agent.pid),
+                      "parked": shown(self.bench, self.agent, APPLICATION)["parked"]}
             if result["messages"] != self.messages:
                 raise RuntimeError(f"{result['messages']} verdicts instead of {self.messages}")
         finally:

@@ -3,9 +3,7 @@ level 4 stands beside one inlined function that does the same work by hand: copi
 compares with three names, dispatches with a reference of its own.
 """
 
-import json
-import subprocess
-
+from qelbench import googlebenchmark
 from qelbench.results import Bars, Figure, Results, at_most
 
 NAME = "inside"
@@ -19,10 +17,8 @@ TARGETS = {"CallbackDefaultDispatch": at_most(1.2)}
 
 def nanoseconds(bench):
     """One run of every benchmark of the program: {name: nanoseconds of processor time}."""
-    done = subprocess.run([bench.program(PROGRAM), "--benchmark_format=json",
-                           f"--benchmark_min_time={bench.pick(0.5, 0.1)}"],
-                          check=True, capture_output=True, text=True, timeout=300)
-    return {row["name"]: row["cpu_time"] for row in json.loads(done.stdout)["benchmarks"]}
+    found = googlebenchmark.run(bench.program(PROGRAM), seconds=bench.pick(0.5, 0.1))
+    return {name: row["cpu"] for name, row in found.items()}
 
 
 def run(bench):
