@@ -3,7 +3,7 @@
 import inspect
 import json
 
-from . import parts, plots
+from . import parts
 from .results import Results
 
 INTRODUCTION = """# Benchmarks
@@ -80,6 +80,9 @@ class Document:
             lines += ["| What | Unit | Median | Least to most | Runs | Compared with |", "|---|---|---|---|---|---|",
                       *map(_figure_row, results.figures), ""]
         by_name = {figure.name: figure for figure in results.figures}
+        if results.bars or results.curves:
+            # Not at the top: without pictures nothing is needed that the tests do without.
+            from . import plots  # pylint: disable=import-outside-toplevel
         for bars in results.bars:
             plots.draw_bars(bars, by_name, self._picture(part, bars))
             lines += [f"![{bars.title}](benchmarks/{self._picture(part, bars).name})", ""]
