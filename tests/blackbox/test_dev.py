@@ -1,5 +1,6 @@
 """qelctl dev: an application's whole surroundings, and nothing of them afterwards."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -57,12 +58,13 @@ class Dev:
 
 
 def children_of(pid):
-    """{pid: name} of all processes below this one."""
+    """{pid: name} of all processes below this one; some of the broker's come and go."""
     found = {}
     for listed in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
-        for child in map(int, listed.read_text(encoding="ascii").split()):
-            found[child] = pathlib.Path(f"/proc/{child}/comm").read_text(encoding="utf-8").strip()
-            found.update(children_of(child))
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            for child in map(int, listed.read_text(encoding="ascii").split()):
+                found.update(children_of(child))
+                found[child] = pathlib.Path(f"/proc/{child}/comm").read_text(encoding="utf-8").strip()
     return found
 
 
