@@ -7,10 +7,9 @@
 // Without SOCKET it consumes the queue itself; with it, it attaches there as an application of the agent that does. It
 // prints "ready" when it does either, and begins when it has read a line.
 
+#include "Blocking.h"
 #include "qel/apps/v1/applications.grpc.pb.h"
 
-#include <amqp.h>
-#include <amqp_tcp_socket.h>
 #include <grpcpp/grpcpp.h>
 
 #include <chrono>
@@ -28,38 +27,13 @@ namespace
 {
 
 namespace v1 = qel::apps::v1;
+using blocking::channel;
+using blocking::Connect;
+using blocking::Require;
 using Clock = std::chrono::steady_clock;
 
-constexpr amqp_channel_t channel = 1;
 constexpr std::size_t bodyBytes = 256;
 constexpr std::uint16_t prefetch = 1000;
-
-void Require(bool holds, const char* what)
-{
-    if (!holds)
-    {
-        throw std::runtime_error(std::string(what) + " failed");
-    }
-}
-
-void Require(const amqp_rpc_reply_t& reply, const char* what)
-{
-    Require(reply.reply_type == AMQP_RESPONSE_NORMAL, what);
-}
-
-amqp_connection_state_t Connect(std::string url)
-{
-    amqp_connection_info info{};
-    amqp_default_connection_info(&info);
-    Require(amqp_parse_url(url.data(), &info) == AMQP_STATUS_OK && info.ssl == 0, "reading the URL");
-    amqp_connection_state_t connection = amqp_new_connection();
-    Require(amqp_socket_open(amqp_tcp_socket_new(connection), info.host, info.port) == AMQP_STATUS_OK, "connecting");
-    const char* vhost = *info.vhost == '\0' ? "/" : info.vhost;
-    Require(amqp_login(connection, vhost, 0, 131072, 0, AMQP_SASL_METHOD_PLAIN, info.user, info.password), "login");
-    amqp_channel_open(connection, channel);
-    Require(amqp_get_rpc_reply(connection), "opening a channel");
-    return connection;
-}
 
 /** The times from sending to now of what arrives. */
 class Latencies
@@ -134,10 +108,7 @@ std::jthread PublishWhenTold(char** argv)
 void ConsumeBare(Latencies& latencies, char** argv)
 {
     amqp_connection_state_t connection = Connect(argv[1]);
-    amqp_basic_qos(connection, channel, 0, prefetch, 0);
-    Require(amqp_get_rpc_reply(connection), "setting the prefetch");
-    amqp_basic_consume(connection, channel, amqp_cstring_bytes(argv[2]), amqp_empty_bytes, 0, 0, 0, amqp_empty_table);
-    Require(amqp_get_rpc_reply(connection), "consuming");
+    blocking::Consume(connection, argv[2], prefetch);
     const std::jthread publisher = PublishWhenTold(argv);
     while (!latencies.Complete())
     {

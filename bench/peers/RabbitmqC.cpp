@@ -3,8 +3,7 @@
 //
 //   qel_rabbitmqc_peer URL QUEUE PREFETCH SOCKET
 
-#include <amqp.h>
-#include <amqp_tcp_socket.h>
+#include "Blocking.h"
 
 #include <array>
 #include <cstdint>
@@ -25,39 +24,8 @@
 namespace
 {
 
-constexpr amqp_channel_t channel = 1;
-
-void Require(bool holds, const char* what)
-{
-    if (!holds)
-    {
-        throw std::runtime_error(std::string(what) + " failed");
-    }
-}
-
-void Require(const amqp_rpc_reply_t& reply, const char* what)
-{
-    Require(reply.reply_type == AMQP_RESPONSE_NORMAL, what);
-}
-
-amqp_connection_state_t Connect(std::string url, const std::string& queue, std::uint16_t prefetch)
-{
-    amqp_connection_info info{};
-    amqp_default_connection_info(&info);
-    Require(amqp_parse_url(url.data(), &info) == AMQP_STATUS_OK && info.ssl == 0, "reading the URL");
-    amqp_connection_state_t connection = amqp_new_connection();
-    Require(amqp_socket_open(amqp_tcp_socket_new(connection), info.host, info.port) == AMQP_STATUS_OK, "connecting");
-    const char* vhost = *info.vhost == '\0' ? "/" : info.vhost;
-    Require(amqp_login(connection, vhost, 0, 131072, 0, AMQP_SASL_METHOD_PLAIN, info.user, info.password), "login");
-    amqp_channel_open(connection, channel);
-    Require(amqp_get_rpc_reply(connection), "opening a channel");
-    amqp_basic_qos(connection, channel, 0, prefetch, 0);
-    Require(amqp_get_rpc_reply(connection), "setting the prefetch");
-    amqp_basic_consume(
-        connection, channel, amqp_cstring_bytes(queue.c_str()), amqp_empty_bytes, 0, 0, 0, amqp_empty_table);
-    Require(amqp_get_rpc_reply(connection), "consuming");
-    return connection;
-}
+using blocking::channel;
+using blocking::Require;
 
 int ConnectWorker(const std::string& path)
 {
@@ -167,7 +135,9 @@ int main(int argc, char** argv)
     try
     {
         const int worker = ConnectWorker(argv[4]);
-        Peer(Connect(argv[1], argv[2], static_cast<std::uint16_t>(std::atoi(argv[3]))), worker).Run();
+        amqp_connection_state_t connection = blocking::Connect(argv[1]);
+        blocking::Consume(connection, argv[2], static_cast<std::uint16_t>(std::atoi(argv[3])));
+        Peer(connection, worker).Run();
     }
     catch (const std::exception& e)
     {

@@ -47,7 +47,7 @@ class Context:
     def __init__(self, build, quick, repetitions=None):
         self.build = pathlib.Path(build).resolve()
         self.quick = quick
-        self.repetitions = repetitions or (3 if quick else 7)
+        self.repetitions = repetitions or (2 if quick else 7)
         self._ends = contextlib.ExitStack()
         self._node = None
         self._serial = 0

@@ -46,7 +46,7 @@ def of_queue_type(bench, queue_type, peers, results):
         bench.progress(f"{name} acknowledges what has a verdict, and nothing else")
     ways = {"qel's agent": drain.through_the_agent,
             **{name: lambda command=command: drain.peer(command) for name, command in peers.items()}}
-    turns = bench.interleave(ways, bench.pick(5, 2))
+    turns = bench.interleave(ways, bench.pick(5, 1))
     for what, unit, suffix in (("rate", "messages/s", ""), ("cpu", "µs a message", ", processor time")):
         figures = [results.add(Figure(f"{queue_type}: {name}{suffix}", unit, [run[what] for run in runs]))
                    for name, runs in turns.items()]
