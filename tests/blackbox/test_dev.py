@@ -61,10 +61,13 @@ def children_of(pid):
     """{pid: name} of all processes below this one; some of the broker's come and go."""
     found = {}
     for listed in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
+        children = ""
         with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            for child in map(int, listed.read_text(encoding="ascii").split()):
-                found.update(children_of(child))
+            children = listed.read_text(encoding="ascii")
+        for child in map(int, children.split()):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
                 found[child] = pathlib.Path(f"/proc/{child}/comm").read_text(encoding="utf-8").strip()
+            found.update(children_of(child))
     return found
 
 

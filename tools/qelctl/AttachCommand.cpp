@@ -122,7 +122,7 @@ void AttachCommand::Run(const GlobalOptions& options)
         client.Run(
             [this, &rules, &client, &printer](const qel::Message& message)
             {
-                const qel::Verdict verdict = Handle(rules, message, printer);
+                qel::Verdict verdict = Handle(rules, message, printer);
                 if ((m_count != 0 && m_answered == m_count) || (m_prompt && m_prompt->IsOver()))
                 {
                     RequestStop(client);
