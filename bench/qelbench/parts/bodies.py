@@ -13,7 +13,7 @@ NAME = "bodies"
 TITLE = "Growth: bodies"
 ORDER = 52
 
-SIZES = (0, 256, 4096, 65536, 1 << 20, 16 << 20)
+SIZES, QUICK_SIZES = (0, 256, 4096, 65536, 1 << 20, 16 << 20), (0, 65536, 16 << 20)
 MOST_MESSAGES, QUICK_MESSAGES = 30000, 3000
 MOST_BYTES, QUICK_BYTES = 512 << 20, 48 << 20
 FEWEST_MESSAGES = 4
@@ -65,9 +65,9 @@ def add_way(results, size, way, runs):
 def run(bench):
     results = Results()
     curves = {kind: {way: [] for way in (BARE, AGENT, FITTED)} for kind in ("rate", "cost", "memory")}
-    for size in SIZES:
+    for size in bench.pick(SIZES, QUICK_SIZES):
         bench.progress(f"{messages_of(bench, size)} bodies of {name_of(size)}")
-        turns = bench.interleave(ways_of(bench, size), bench.pick(5, 1))
+        turns = bench.interleave(ways_of(bench, size), bench.pick(3, 1))
         bare = ()
         for way, runs in turns.items():
             figures = add_way(results, size, way, runs)

@@ -58,7 +58,7 @@ class Turn:
 
 def on_a_broker(bench, results):
     """Every size in turns with the bare loop. Returns the points of the curves."""
-    sizes = {10: bench.repetitions, **bench.pick({1000: bench.repetitions, 10000: 3, 100000: 1}, {300: 3})}
+    sizes = {10: bench.repetitions, **bench.pick({1000: bench.repetitions, 10000: 3, 100000: 1}, {10: 2, 200: 2})}
     points = {"agent": [], "bare loop": [], "all replaced": [], "1 % replaced": [], "the same again": []}
     with ConfiguredAgent(bench.scratch("configurations"), bench.node(), QUEUE_TYPE) as configured:
         bare = BareBinds(bench.program("bench/qel_bare_binds"), configured, QUEUE_TYPE)
@@ -78,7 +78,7 @@ def add_figures(results, count, runs):
         return results.add(Figure(f"{count:,} topics, {name}", unit, [scale * run[kind][what] / count for run in runs]))
 
     bare = figure("bare loop", "bare")
-    agent = figure("agent", "anew").beside(bare, at_most(MOST_BESIDE_BARE) if count >= 300 else None)
+    agent = figure("agent", "anew").beside(bare, at_most(MOST_BESIDE_BARE) if count >= 200 else None)
     gone = figure("bare loop, unbinding", "bare unbind")
     others = figure("agent, all replaced", "others")
     part = figure("agent, 1 % replaced", "one percent").beside(others)
@@ -104,9 +104,9 @@ def memory(bench, results):
 
 def inside_the_process(bench, results):
     """The agent's own part, from Google Benchmark. Returns the points of the curves."""
-    only = "/(10|1000)$" if bench.quick else ""
-    runs = [googlebenchmark.run(bench.program("bench/qel_configuration_bench"), only, bench.pick(0.5, 0.05))
-            for _ in range(bench.repetitions)]
+    only = bench.pick("", "/(10|1000)$")
+    runs = [googlebenchmark.run(bench.program("bench/qel_configuration_bench"), only, bench.pick(0.2, 0.05))
+            for _ in range(bench.pick(3, 2))]
     points = {}
     for name in runs[0]:
         base, _, argument = name.partition("/")
