@@ -164,11 +164,13 @@ class Plane:
     def __init__(self, url):
         self._connection = pika.BlockingConnection(pika.URLParameters(url))
         self._channel = self._connection.channel()
-        self._channel.basic_qos(prefetch_count=REPLIES)
-        self.queue = self._channel.queue_declare(f"fleet.replies.{uuid.uuid4()}", exclusive=True).method.queue
+        # Not the one that publishes: the broker would hold the replies back until it is through with all the pings.
+        reading = self._connection.channel()
+        reading.basic_qos(prefetch_count=REPLIES)
+        self.queue = reading.queue_declare(f"fleet.replies.{uuid.uuid4()}", exclusive=True).method.queue
         #: By correlation id the moment at which a reply came.
         self.replies = {}
-        self._channel.basic_consume(self.queue, self._on_reply)
+        reading.basic_consume(self.queue, self._on_reply)
 
     def __enter__(self):
         return self
