@@ -256,7 +256,7 @@ void AmqpConnection::OnFrame(const RawFrame& frame)
 {
     if (frame.type != AMQP_FRAME_HEARTBEAT)
     {
-        m_lastFrame = std::chrono::steady_clock::now();
+        m_lastFrame = m_lastReceived;
     }
     switch (frame.type)
     {

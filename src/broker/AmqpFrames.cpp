@@ -226,7 +226,7 @@ void AddHeader(AmqpContent& content, const RawFrame& frame, AmqpPool& pool, std:
         }
         else
         {
-            *content.properties = FromAmqp(*static_cast<const amqp_basic_properties_t*>(decoded));
+            FromAmqp(*static_cast<const amqp_basic_properties_t*>(decoded), *content.properties);
         }
     }
     content.isOverLimit = content.declaredSize > maxBody;

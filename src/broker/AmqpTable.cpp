@@ -289,38 +289,41 @@ amqp_basic_properties_t ToAmqp(const RmqProperties& properties, AmqpPool& pool)
     return out;
 }
 
-RmqProperties FromAmqp(const amqp_basic_properties_t& in)
+void FromAmqp(const amqp_basic_properties_t& encoded, RmqProperties& properties)
 {
     // The decoder leaves fields without a flag as they were.
-    const auto text = [&in](amqp_flags_t flag, amqp_bytes_t field)
-    { return (in._flags & flag) != 0 ? FromAmqp(field) : std::string(); };
-    RmqProperties out;
-    out.type = text(AMQP_BASIC_TYPE_FLAG, in.type);
-    out.replyTo = text(AMQP_BASIC_REPLY_TO_FLAG, in.reply_to);
-    out.correlationId = text(AMQP_BASIC_CORRELATION_ID_FLAG, in.correlation_id);
-    out.appId = text(AMQP_BASIC_APP_ID_FLAG, in.app_id);
-    out.messageId = text(AMQP_BASIC_MESSAGE_ID_FLAG, in.message_id);
-    out.userId = text(AMQP_BASIC_USER_ID_FLAG, in.user_id);
-    out.contentType = text(AMQP_BASIC_CONTENT_TYPE_FLAG, in.content_type);
-    out.contentEncoding = text(AMQP_BASIC_CONTENT_ENCODING_FLAG, in.content_encoding);
-    out.expiration = text(AMQP_BASIC_EXPIRATION_FLAG, in.expiration);
-    if ((in._flags & AMQP_BASIC_DELIVERY_MODE_FLAG) != 0)
+    const auto take = [&encoded](amqp_flags_t flag, amqp_bytes_t field, std::string& to)
     {
-        out.deliveryMode = in.delivery_mode;
-    }
-    if ((in._flags & AMQP_BASIC_PRIORITY_FLAG) != 0)
+        if ((encoded._flags & flag) != 0)
+        {
+            to.assign(static_cast<const char*>(field.bytes), field.len);
+        }
+    };
+    take(AMQP_BASIC_TYPE_FLAG, encoded.type, properties.type);
+    take(AMQP_BASIC_REPLY_TO_FLAG, encoded.reply_to, properties.replyTo);
+    take(AMQP_BASIC_CORRELATION_ID_FLAG, encoded.correlation_id, properties.correlationId);
+    take(AMQP_BASIC_APP_ID_FLAG, encoded.app_id, properties.appId);
+    take(AMQP_BASIC_MESSAGE_ID_FLAG, encoded.message_id, properties.messageId);
+    take(AMQP_BASIC_USER_ID_FLAG, encoded.user_id, properties.userId);
+    take(AMQP_BASIC_CONTENT_TYPE_FLAG, encoded.content_type, properties.contentType);
+    take(AMQP_BASIC_CONTENT_ENCODING_FLAG, encoded.content_encoding, properties.contentEncoding);
+    take(AMQP_BASIC_EXPIRATION_FLAG, encoded.expiration, properties.expiration);
+    if ((encoded._flags & AMQP_BASIC_DELIVERY_MODE_FLAG) != 0)
     {
-        out.priority = in.priority;
+        properties.deliveryMode = encoded.delivery_mode;
     }
-    if ((in._flags & AMQP_BASIC_TIMESTAMP_FLAG) != 0)
+    if ((encoded._flags & AMQP_BASIC_PRIORITY_FLAG) != 0)
     {
-        out.timestamp = in.timestamp;
+        properties.priority = encoded.priority;
     }
-    if ((in._flags & AMQP_BASIC_HEADERS_FLAG) != 0)
+    if ((encoded._flags & AMQP_BASIC_TIMESTAMP_FLAG) != 0)
     {
-        out.headers = FromAmqp(in.headers);
+        properties.timestamp = encoded.timestamp;
     }
-    return out;
+    if ((encoded._flags & AMQP_BASIC_HEADERS_FLAG) != 0)
+    {
+        properties.headers = FromAmqp(encoded.headers);
+    }
 }
 
 } // namespace VtxQel

@@ -51,6 +51,7 @@ class AmqpPool
 amqp_table_t ToAmqp(const RmqTable& table, AmqpPool& pool);
 RmqTable FromAmqp(const amqp_table_t& table);
 amqp_basic_properties_t ToAmqp(const RmqProperties& properties, AmqpPool& pool);
-RmqProperties FromAmqp(const amqp_basic_properties_t& properties);
+/** @param properties without any yet: what is absent is left alone */
+void FromAmqp(const amqp_basic_properties_t& encoded, RmqProperties& properties);
 
 } // namespace VtxQel

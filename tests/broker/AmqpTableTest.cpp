@@ -30,7 +30,9 @@ RmqProperties Decode(const std::string& encoded)
     AmqpPool pool;
     void* decoded = nullptr;
     EXPECT_EQ(amqp_decode_properties(AMQP_BASIC_CLASS, pool.Get(), ToAmqp(encoded), &decoded), 0);
-    return FromAmqp(*static_cast<const amqp_basic_properties_t*>(decoded));
+    RmqProperties properties;
+    FromAmqp(*static_cast<const amqp_basic_properties_t*>(decoded), properties);
+    return properties;
 }
 
 RmqTable EveryKind()
