@@ -244,9 +244,15 @@ void AttachSession::OnDone()
 
 std::string AttachSession::TakeRequest()
 {
-    std::string wrong = Parse(m_received, m_request);
+    auto& request = *google::protobuf::Arena::CreateMessage<proto::AttachRequest>(&m_memory);
+    std::string wrong = Parse(m_received, request);
     m_received.Clear();
-    return wrong.empty() ? Take(m_request) : wrong;
+    if (wrong.empty())
+    {
+        wrong = Take(request);
+    }
+    m_memory.Reset();
+    return wrong;
 }
 
 std::string AttachSession::Take(const proto::AttachRequest& request)

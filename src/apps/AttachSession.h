@@ -12,6 +12,7 @@
 
 #include <boost/shared_ptr.hpp>
 #include <boost/smart_ptr/enable_shared_from_this.hpp>
+#include <google/protobuf/arena.h>
 #include <grpcpp/support/byte_buffer.h>
 #include <grpcpp/support/server_callback.h>
 
@@ -93,7 +94,8 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     const boost::shared_ptr<Complaints> m_complaints;
     /** Used by the reading side only. */
     grpc::ByteBuffer m_received;
-    qel::apps::v1::AttachRequest m_request;
+    /** What a request is made of: one block for a batch of verdicts. */
+    google::protobuf::Arena m_memory;
     std::vector<ApplicationVerdict> m_verdicts;
     /** Set before the session attaches, constant from then on. */
     std::string m_instance;
