@@ -99,10 +99,14 @@ Takers LocalAppDispatcher::TakersOf(
 {
     if (const auto named = appId.empty() ? nullptr : m_applications.Find(appId))
     {
-        return {{named}, true, false};
+        Takers takers;
+        takers.applications.push_back(named);
+        takers.named = true;
+        return takers;
     }
     const Receivers receivers = m_subscriptions.Resolve(queue, routingKey);
-    Takers takers{{}, false, receivers.servedElsewhere};
+    Takers takers;
+    takers.servedElsewhere = receivers.servedElsewhere;
     for (const std::string& name : receivers.applications)
     {
         if (auto application = m_applications.Find(name))
@@ -144,8 +148,7 @@ void LocalAppDispatcher::DispatchParked(const boost::shared_ptr<Delivery>& messa
 LocalAppDispatcher::Outcome LocalAppDispatcher::HandOver(const boost::shared_ptr<Delivery>& message)
 {
     const Takers takers = TakersOf(message->GetQueue(), message->GetRoutingKey(), message->GetProperties()->appId);
-    std::vector<boost::shared_ptr<Receipt>> receipts;
-    receipts.reserve(takers.applications.size());
+    boost::container::small_vector<boost::shared_ptr<Receipt>, 2> receipts;
     for (const auto& application : takers.applications)
     {
         receipts.push_back(message->Expect(application->Name()));

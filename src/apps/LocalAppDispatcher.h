@@ -5,13 +5,13 @@
 #include "common/AppDispatcher.h"
 #include "common/Delivery.h"
 
+#include <boost/container/small_vector.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <atomic>
 #include <list>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace VtxQel
 {
@@ -19,7 +19,7 @@ namespace VtxQel
 /** The applications that take a message. */
 struct Takers
 {
-    std::vector<boost::shared_ptr<Application>> applications;
+    boost::container::small_vector<boost::shared_ptr<Application>, 2> applications;
     /** The message's app-id names the only one. */
     bool named = false;
     /** As in Receivers. */
