@@ -1,6 +1,7 @@
 """What many agents cost one broker, and how it bears their storms: the agent's own broker code, so many times in one process.
-Each figure is a single run. `bench/fleet/run` measures larger fleets, classic queues and the same without the draw of moments;
-[scale.md](scale.md) says what follows.
+Each figure is a single run, and a node by itself breathes by tens of MiB, so that only the largest fleet tells an agent's memory.
+`bench/fleet/run` measures larger fleets, classic queues and the same without the draw of moments; [scale.md](scale.md) says what
+follows.
 """
 
 import json
