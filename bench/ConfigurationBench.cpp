@@ -16,6 +16,7 @@
 #include "agent/AgentMsgHandler.h"
 #include "apps/LocalAppRegistry.h"
 #include "common/MessageTypes.h"
+#include "fakes/TopologyClient.h"
 #include "logging/Logger.h"
 
 #include <benchmark/benchmark.h>
@@ -54,28 +55,6 @@ class ObedientBroker : public TopologyPort
         ++asked;
         return {Answer::ok, 0, ""};
     }
-};
-
-/** The broker client as the handler sees it: its requests go straight to the topology. */
-class StraightClient : public RmqClient
-{
-  public:
-    explicit StraightClient(Topology& topology) : m_topology(topology) {}
-
-    bool CancelQueue(const std::string& queue) override { return m_topology.Cancel(queue); }
-    bool DeclareQueue(const std::string& queue) override { return m_topology.Declare(queue); }
-    bool SendPingReply(const std::string&, const std::string&, const std::string&) override { return true; }
-    bool BindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override
-    {
-        return m_topology.Bind({queue, exchange, topic});
-    }
-    bool UnbindTopic(const std::string& queue, const std::string& exchange, const std::string& topic) override
-    {
-        return m_topology.Unbind({queue, exchange, topic});
-    }
-
-  private:
-    Topology& m_topology;
 };
 
 class ConfigurationMessage : public RmqMessage
@@ -183,7 +162,7 @@ class Scene
     ConfigurationLog m_log{m_folder.File("configurations.json")};
     const boost::shared_ptr<RoutingRegistry> m_registry = boost::make_shared<RoutingRegistry>();
     const boost::shared_ptr<LocalAppRegistry> m_appRegistry = boost::make_shared<LocalAppRegistry>();
-    const boost::shared_ptr<StraightClient> m_client = boost::make_shared<StraightClient>(m_topology);
+    const boost::shared_ptr<RmqClient> m_client = boost::make_shared<Fakes::TopologyClient>(m_topology);
     const boost::shared_ptr<AgentMsgHandler> m_handler = boost::make_shared<AgentMsgHandler>(
         HandlerCollaborators{m_registry, m_appRegistry, {}, m_client, m_info, {}},
         ConfigurationKeepers{m_topology, m_subscriptions, m_log}, [](const std::string&) {});
