@@ -14,7 +14,7 @@ BATCH = 100
 
 
 def of_queue_type(bench, queue_type, results):
-    drain = Drain(bench, queue_type, bench.pick(100_000, 30_000))
+    drain = Drain(bench, queue_type, bench.pick(100_000, 20_000))
     turns = bench.interleave({"agent": drain.through_the_agent, "each": lambda: drain.bare(1),
                               "batching": lambda: drain.bare(BATCH)})
     names = {"agent": "agent", "each": "bare consumer, acknowledging each", "batching": "bare consumer, batching"}

@@ -26,7 +26,7 @@ SHARES = (0.01, 0.1, 0.25, 0.5, 0.75, 0.9, 0.95, 0.98, 0.99, 0.995, 0.999)
 
 def measure(bench, agent, *socket, when_ready=lambda: None):
     """One run: the latencies in microseconds, by the agent's socket when there is one."""
-    count = bench.pick(15_000, 3_000) + WARM_UP
+    count = bench.pick(15_000, 2_000) + WARM_UP
     probe = spawn([bench.program("bench/qel_latency_probe"), bench.node().url(), agent.client_queue, count, RATE,
                    *socket], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     try:

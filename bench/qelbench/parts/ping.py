@@ -79,7 +79,7 @@ class Situations:
 def run(bench):
     situations = Situations(bench)
     turns = bench.interleave({"idle": situations.idle, "full load": situations.full_load,
-                              f"{RATE:,} messages/s": situations.steady_load}, bench.pick(5, 2))
+                              f"{RATE:,} messages/s": situations.steady_load}, bench.pick(5, 1))
     results = Results()
     targets = {"idle": at_most(5), "full load": at_most(100)}
     for situation, runs in turns.items():
