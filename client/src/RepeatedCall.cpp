@@ -2,6 +2,7 @@
 
 #include "BackOff.h"
 
+#include <string>
 #include <thread>
 
 namespace qel
@@ -27,6 +28,7 @@ grpc::Status CallRepeatedly(const Attempt& attempt, std::chrono::milliseconds de
 {
     const auto until = std::chrono::system_clock::now() + deadline;
     BackOff pauses{std::chrono::milliseconds(50), std::chrono::milliseconds(1000)};
+    std::string before;
     for (;;)
     {
         grpc::ClientContext context;
@@ -36,6 +38,12 @@ grpc::Status CallRepeatedly(const Attempt& attempt, std::chrono::milliseconds de
         {
             return status;
         }
+        if (status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED && !before.empty())
+        {
+            // That the time was up says nothing of why it was not enough.
+            return {status.error_code(), status.error_message() + "; the attempt before: " + before};
+        }
+        before = status.error_message();
         const BackOff::Milliseconds pause = pauses.Next();
         if (std::chrono::system_clock::now() + pause >= until)
         {

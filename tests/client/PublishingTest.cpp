@@ -2,6 +2,7 @@
 #include "qel/Client.h"
 #include "tools/FakeAgent.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -16,6 +17,7 @@ namespace
 {
 
 namespace v1 = apps::v1;
+using ::testing::HasSubstr;
 using VtxQel::FakeAgent;
 
 /** An agent that gives one answer after the other to what is published, the last one for good. */
@@ -131,7 +133,7 @@ TEST_F(Publishing, GivesUpAtTheDeadline)
 {
     m_answers = {{grpc::StatusCode::UNAVAILABLE, "busy"}};
     EXPECT_EQ(PublishError::Kind::unconfirmed, KindOfFailure(std::chrono::milliseconds(200)));
-    EXPECT_EQ("busy", m_text);
+    EXPECT_THAT(m_text, HasSubstr("busy")) << "though the last attempt may have had no time left for an answer";
     m_agent.reset();
     EXPECT_EQ(PublishError::Kind::unconfirmed, KindOfFailure(std::chrono::milliseconds(200)));
 }

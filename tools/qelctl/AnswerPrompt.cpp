@@ -75,7 +75,7 @@ qel::Verdict AnswerPrompt::Ask()
     }
     const KeyMode mode(m_input);
     m_out << "a=done r=retry d=dead q=quit? " << std::flush;
-    const qel::Verdict verdict = Decide();
+    qel::Verdict verdict = Decide();
     m_out << NameOf(verdict) << std::endl;
     return verdict;
 }

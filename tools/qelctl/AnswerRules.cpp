@@ -39,6 +39,7 @@ Value Known(const std::map<std::string, Value>& values, const char* what, const 
         return found->second;
     }
     std::vector<std::string> names;
+    names.reserve(values.size());
     for (const auto& [known, value] : values)
     {
         names.push_back(known);
@@ -89,9 +90,8 @@ AnswerRules::Rule AnswerRules::Parse(const std::string& text)
     {
         throw UsageError("write FIELD=PATTERN:ANSWER, for example type=order*:retry or key=#.bad:dead");
     }
-    return {
-        Condition(text.substr(0, equals), text.substr(equals + 1, colon - equals - 1)),
-        Known(answers, "answer", text.substr(colon + 1))};
+    const Answer_e answer = Known(answers, "answer", text.substr(colon + 1));
+    return {Condition(text.substr(0, equals), text.substr(equals + 1, colon - equals - 1)), answer};
 }
 
 std::optional<Answer_e> AnswerRules::Find(const qel::Message& message) const
