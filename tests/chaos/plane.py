@@ -10,9 +10,10 @@ from support import schema
 from support.plane import CONFIGURATION
 from testbed.processes import wait_until
 
+from .confirming import ConfirmingThread
+
 SYNC_REQUEST = "com.brelix.vtx.messaging.appinit.AppInitRequestMsg"
 TICK = 0.02
-RECONNECT_PAUSE = 0.5
 # A channel that published to a queue while its leader was lost may never hear of it again; another one does.
 CONFIRM_PATIENCE = 15.0
 
@@ -26,33 +27,22 @@ class Wanted:
         self.message_id = message_id
 
 
-class Plane(threading.Thread):
-    """A thread with a connection of its own. A configuration is published until the broker has confirmed it.
+class Plane(ConfirmingThread):
+    """A ConfirmingThread. A configuration is published until the broker has confirmed it.
 
     What was confirmed last is what has to be in force at rest, whatever is killed meanwhile.
     """
 
     def __init__(self, urls, agent, queue, queue_type):
-        super().__init__(name="plane", daemon=True)
-        self._parameters = [pika.URLParameters(url) for url in urls]
+        super().__init__("plane", urls)
         self._queue_arguments = {"x-queue-type": queue_type}
         self._agent = agent
         self._queue = queue
         self._lock = threading.Lock()
         self._wanted = {}
         self._unpublished = set()
-        self._stopping = threading.Event()
-        self._connection = None
-        self._channel = None
-        # By delivery tag the application, what was published for it, and when.
-        self._unconfirmed = {}
-        self._last_tag = 0
         self.sync_requests = 0
         self.published = 0
-
-    def stop(self):
-        self._stopping.set()
-        self.join(30)
 
     def configure(self, application, topics=(), queues=()):
         """Wants this configuration from now on; does not wait. Topics are names or pairs of name and priority."""
@@ -71,45 +61,10 @@ class Plane(threading.Thread):
             return {(self._agent.priority_queue if priority else self._agent.client_queue, topic)
                     for wanted in self._wanted.values() for topic, priority in map(_pair, wanted.topics)}
 
-    def run(self):
-        attempt = 0
-        while not self._stopping.is_set():
-            self._connection = pika.SelectConnection(
-                self._parameters[attempt % len(self._parameters)], self._on_open, self._on_open_error, self._on_closed)
-            self._connection.ioloop.start()
-            self._connection.ioloop.close()
-            attempt += 1
-            self._stopping.wait(RECONNECT_PAUSE)
+    def _begin(self):
+        self._channel.queue_declare(self._queue, durable=True, arguments=self._queue_arguments, callback=self._consume)
 
-    def _on_open(self, connection):
-        connection.channel(on_open_callback=self._on_channel)
-
-    def _on_open_error(self, connection, _error):
-        connection.ioloop.stop()
-
-    def _on_closed(self, connection, _reason):
-        self._channel = None
-        connection.ioloop.stop()
-
-    def _on_channel(self, channel):
-        self._channel = channel
-        self._unconfirmed = {}
-        self._last_tag = 0
-        channel.add_on_close_callback(self._on_channel_closed)
-        channel.add_on_return_callback(self._on_return)
-        channel.confirm_delivery(self._on_confirm)
-        channel.queue_declare(self._queue, durable=True, arguments=self._queue_arguments, callback=self._begin)
-
-    def _on_channel_closed(self, channel, _reason):
-        if channel.connection.is_open:
-            channel.connection.close()
-
-    def _on_return(self, _channel, _method, _properties, _body):
-        """Confirmed in a moment and nowhere all the same: to be published again."""
-        self._unconfirmed.clear()
-        self._connection.close()
-
-    def _begin(self, _declared):
+    def _consume(self, _declared):
         self._channel.basic_consume(self._queue, self._on_request)
         self._tick()
 
@@ -126,7 +81,7 @@ class Plane(threading.Thread):
             return
         oldest = min((since for _, _, since in self._unconfirmed.values()), default=time.monotonic())
         if self._stopping.is_set() or time.monotonic() - oldest > CONFIRM_PATIENCE:
-            self._connection.close()
+            self._give_up()
             return
         self._publish_wanted()
         self._connection.ioloop.call_later(TICK, self._tick)
@@ -137,19 +92,24 @@ class Plane(threading.Thread):
             due = [(name, self._wanted[name]) for name in self._unpublished if self._wanted[name] not in under_way]
         for name, wanted in due:
             self.published += 1
-            self._last_tag += 1
-            self._unconfirmed[self._last_tag] = (name, wanted, time.monotonic())
-            self._channel.basic_publish(
+            self._publish(
+                (name, wanted, time.monotonic()),
                 "", self._agent.client_queue, schema.configuration(wanted.topics, wanted.queues),
-                pika.BasicProperties(delivery_mode=2, type=CONFIGURATION, app_id=name, message_id=wanted.message_id),
-                mandatory=True)
+                pika.BasicProperties(delivery_mode=2, type=CONFIGURATION, app_id=name, message_id=wanted.message_id))
 
-    def _on_confirm(self, frame):
-        tag = frame.method.delivery_tag
-        confirmed = [one for one in self._unconfirmed if one == tag or (frame.method.multiple and one < tag)]
-        for name, wanted, _ in map(self._unconfirmed.pop, confirmed):
+    def _on_return(self, _channel, _method, _properties, _body):
+        """Confirmed in a moment and nowhere all the same: to be published again."""
+        self._unconfirmed.clear()
+        self._give_up()
+
+    def _confirmed(self, published, acknowledged):
+        if not acknowledged:
+            # A channel that has met a queue without a leader goes on refusing: published again on another one.
+            self._give_up()
+            return
+        for name, wanted, _ in published:
             with self._lock:
-                if isinstance(frame.method, pika.spec.Basic.Ack) and self._wanted[name] is wanted:
+                if self._wanted[name] is wanted:
                     self._unpublished.discard(name)
 
 
