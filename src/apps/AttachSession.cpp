@@ -314,7 +314,7 @@ std::string AttachSession::TakeHello(const proto::Hello& hello)
     }
     QEL_LOG(
         vtx::LevelNotice, "application %s: instance %s attached with a window of %u",
-        m_context.application->Name().c_str(), m_instance.empty() ? "without a name" : m_instance.c_str(),
+        m_context.application->Name().c_str(), InstanceText().c_str(),
         m_context.application->EffectiveWindow(hello.window()));
     {
         const std::lock_guard lock(m_mutex);
@@ -448,7 +448,7 @@ void AttachSession::LogEnd()
     const grpc::Status status = m_ending.value_or(grpc::Status::CANCELLED);
     const bool wasAttached = m_id.has_value();
     lock.unlock();
-    const std::string instance = m_instance.empty() ? "without a name" : m_instance;
+    const std::string instance = InstanceText();
     const bool isFault = status.error_code() == grpc::StatusCode::INVALID_ARGUMENT ||
                          status.error_code() == grpc::StatusCode::DEADLINE_EXCEEDED ||
                          status.error_code() == grpc::StatusCode::RESOURCE_EXHAUSTED;

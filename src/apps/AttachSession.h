@@ -89,6 +89,7 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     void EndWith(const grpc::Status& status);
     void Detach();
     void LogEnd();
+    std::string InstanceText() const { return m_instance.empty() ? "without a name" : m_instance; }
 
     const ServiceContext m_context;
     const boost::shared_ptr<Complaints> m_complaints;
