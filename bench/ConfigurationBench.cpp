@@ -42,7 +42,11 @@ const std::string APPLICATION = "application";
 class ObedientBroker : public TopologyPort
 {
   public:
-    RequestResult Bind(const Binding&) override { return Obey(); }
+    std::vector<RequestResult> Bind(const std::vector<Binding>& bindings) override
+    {
+        asked += bindings.size();
+        return std::vector<RequestResult>(bindings.size(), {Answer::ok, 0, ""});
+    }
     RequestResult Unbind(const Binding&) override { return Obey(); }
     RequestResult Consume(const std::string&) override { return Obey(); }
     RequestResult StopConsuming(const std::string&) override { return Obey(); }

@@ -20,7 +20,7 @@ using brelix::vtx::messaging::appinit::AppInitConfigMsg;
 namespace
 {
 
-/** The routes of a configuration; of a topic that is listed twice the last one counts. */
+/** The routes of a configuration, in its order; of a topic that is listed twice the last queue counts. */
 std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitConfigMsg& config, const RmqInfo& info)
 {
     std::map<std::string, std::string> queueOfTopic;
@@ -30,9 +30,12 @@ std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitC
     }
     std::vector<RouteRecord> routes;
     routes.reserve(queueOfTopic.size() + static_cast<std::size_t>(config.queue_name_size()));
-    for (const auto& [topic, queue] : queueOfTopic)
+    for (const auto& topic : config.topic_info())
     {
-        routes.push_back({application, RouteKind::topic, topic, queue, RouteState::intended});
+        if (const auto known = queueOfTopic.extract(topic.topic()))
+        {
+            routes.push_back({application, RouteKind::topic, known.key(), known.mapped(), RouteState::intended});
+        }
     }
     for (const std::string& queue : config.queue_name())
     {

@@ -278,9 +278,9 @@ void BrokerClient::OnGaveUp(const std::string& why)
     QEL_LOG(vtx::LevelWarning, "no connection to the broker: %s", why.c_str());
 }
 
-RequestResult BrokerClient::Bind(const Binding& binding)
+std::vector<RequestResult> BrokerClient::Bind(const std::vector<Binding>& bindings)
 {
-    return WhileReading([&] { return m_link.Bind(binding, REQUEST_BUDGET); });
+    return WhileReading([&] { return m_link.Bind(bindings, REQUEST_BUDGET); });
 }
 
 RequestResult BrokerClient::Unbind(const Binding& binding)
@@ -366,7 +366,7 @@ void BrokerClient::ConsumeClientQueueAgain()
 }
 
 template <class Request>
-RequestResult BrokerClient::WhileReading(Request request)
+std::invoke_result_t<Request> BrokerClient::WhileReading(Request request)
 {
     // The answer comes by the connection that we may have stopped reading.
     {
@@ -377,7 +377,7 @@ RequestResult BrokerClient::WhileReading(Request request)
             m_link.PauseReading(false);
         }
     }
-    RequestResult result = request();
+    auto result = request();
     const std::lock_guard lock(m_readingMutex);
     --m_requests;
     return result;

@@ -26,6 +26,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 namespace VtxQel
@@ -124,7 +125,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     void OnBlocked(bool blocked) override;
     void OnGaveUp(const std::string& why) override;
 
-    RequestResult Bind(const Binding& binding) override;
+    std::vector<RequestResult> Bind(const std::vector<Binding>& bindings) override;
     RequestResult Unbind(const Binding& binding) override;
     RequestResult Consume(const std::string& queue) override;
     RequestResult StopConsuming(const std::string& queue) override;
@@ -136,7 +137,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     bool IsSaturated() const;
     void ConsumeClientQueueAgain();
     template <class Request>
-    RequestResult WhileReading(Request request);
+    std::invoke_result_t<Request> WhileReading(Request request);
 
     const BrokerSettings m_settings;
     const ApplicationNames m_names;

@@ -72,8 +72,18 @@ class BrokerLink::Impl
 
     void Start();
     void Stop(Milliseconds budget);
-    RequestResult Call(
-        const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, QueueCounts* counts = nullptr);
+    using Request = std::shared_ptr<TopologyRequest>;
+    struct Reply
+    {
+        RequestResult result;
+        QueueCounts counts;
+    };
+    /** Hands all of them over at once and waits for every answer. */
+    std::vector<Reply> Call(const std::vector<Request>& requests, Milliseconds deadline);
+    RequestResult Call(const Request& request, Milliseconds deadline)
+    {
+        return Call(std::vector{request}, deadline).front().result;
+    }
     void Settle(const DeliveryTag& tag, SettleAs as);
     /** The delivery that is answered, if it is an answer. */
     using Origin = std::optional<DeliveryTag>;
@@ -193,26 +203,36 @@ bool BrokerLink::Impl::Post(std::function<void()> task)
     return m_running;
 }
 
-RequestResult BrokerLink::Impl::Call(
-    const std::shared_ptr<TopologyRequest>& request, Milliseconds deadline, QueueCounts* counts)
+std::vector<BrokerLink::Impl::Reply> BrokerLink::Impl::Call(const std::vector<Request>& requests, Milliseconds deadline)
 {
-    std::promise<std::pair<RequestResult, QueueCounts>> promise;
-    auto answer = promise.get_future();
-    request->deadline = Clock::now() + deadline;
-    request->done = [&promise](const RequestResult& result, const QueueCounts& found) {
-        promise.set_value({result, found});
+    std::vector<std::promise<Reply>> promises(requests.size());
+    for (std::size_t index = 0; index < requests.size(); ++index)
+    {
+        requests[index]->deadline = Clock::now() + deadline;
+        requests[index]->done = [&promise = promises[index]](const RequestResult& result, const QueueCounts& counts) {
+            promise.set_value({result, counts});
+        };
+    }
+    const auto submit = [this, requests]
+    {
+        for (const Request& request : requests)
+        {
+            m_consume->Submit(request);
+        }
     };
-    if (!Post([this, request] { m_consume->Submit(request); }))
+    if (!Post(submit))
     {
-        return {Answer::unanswered, 0, "the connection to the broker is closed"};
+        const RequestResult closed{Answer::unanswered, 0, "the connection to the broker is closed"};
+        return std::vector<Reply>(requests.size(), {closed, {}});
     }
-    const auto [result, found] = answer.get();
-    Progress::Note();
-    if (counts != nullptr && result.answer == Answer::ok)
+    std::vector<Reply> replies;
+    replies.reserve(promises.size());
+    for (std::promise<Reply>& promise : promises)
     {
-        *counts = found;
+        replies.push_back(promise.get_future().get());
+        Progress::Note();
     }
-    return result;
+    return replies;
 }
 
 void BrokerLink::Impl::Settle(const DeliveryTag& tag, SettleAs as)
@@ -426,9 +446,21 @@ void BrokerLink::Stop(std::chrono::milliseconds budget)
     m_impl->Stop(budget);
 }
 
-RequestResult BrokerLink::Bind(const Binding& binding, std::chrono::milliseconds deadline)
+std::vector<RequestResult> BrokerLink::Bind(const std::vector<Binding>& bindings, std::chrono::milliseconds deadline)
 {
-    return m_impl->Call(Request(Kind::bind, binding), deadline);
+    std::vector<Impl::Request> requests;
+    requests.reserve(bindings.size());
+    for (const Binding& binding : bindings)
+    {
+        requests.push_back(Request(Kind::bind, binding));
+    }
+    std::vector<RequestResult> results;
+    results.reserve(bindings.size());
+    for (Impl::Reply& reply : m_impl->Call(requests, deadline))
+    {
+        results.push_back(std::move(reply.result));
+    }
+    return results;
 }
 
 RequestResult BrokerLink::Unbind(const Binding& binding, std::chrono::milliseconds deadline)
@@ -463,7 +495,12 @@ RequestResult BrokerLink::ReleaseQueue(const std::string& queue, std::chrono::mi
 RequestResult BrokerLink::CountMessages(
     const std::string& queue, std::chrono::milliseconds deadline, QueueCounts& counts)
 {
-    return m_impl->Call(Request(Kind::countMessages, queue), deadline, &counts);
+    const Impl::Reply reply = m_impl->Call(std::vector{Request(Kind::countMessages, queue)}, deadline).front();
+    if (reply.result.answer == Answer::ok)
+    {
+        counts = reply.counts;
+    }
+    return reply.result;
 }
 
 void BrokerLink::Settle(const DeliveryTag& tag, SettleAs as)

@@ -275,8 +275,11 @@ class BrokerLink : public Publisher
      */
     void Stop(std::chrono::milliseconds budget);
 
-    /** Topology requests. `deadline` counts from the call and spans reconnects: idempotent requests are repeated. */
-    RequestResult Bind(const Binding& binding, std::chrono::milliseconds deadline);
+    /**
+     * Topology requests. `deadline` counts from the call and spans reconnects: idempotent requests are repeated.
+     * Bindings are asked for in their order, none waits for the answer to another; @return the answers in that order.
+     */
+    std::vector<RequestResult> Bind(const std::vector<Binding>& bindings, std::chrono::milliseconds deadline);
     RequestResult Unbind(const Binding& binding, std::chrono::milliseconds deadline);
     RequestResult DeclareExchange(const ExchangeSpec& exchange, std::chrono::milliseconds deadline);
     /** Declares the queue and, when its prefetch is not 0, consumes from it; ok when both are. */

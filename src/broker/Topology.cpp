@@ -87,9 +87,11 @@ void Topology::Begin(const std::string& application, const std::vector<RouteReco
         if (route.kind == RouteKind::topic)
         {
             const Binding binding{route.queue, m_info.exchange, route.name};
-            if (m_frame->wanted.bindings.insert(binding).second && !has.bindings.contains(binding))
+            const auto [place, isNew] = m_frame->wanted.bindings.insert(binding);
+            if (isNew && !has.bindings.contains(binding))
             {
                 intents.push_back({Record(binding, RouteState::intended)});
+                m_frame->next.push_back(&*place);
             }
         }
         else if (m_frame->wanted.queues.insert(route.name).second && !has.queues.contains(route.name))
@@ -107,10 +109,7 @@ void Topology::Begin(const std::string& application, const std::vector<RouteReco
         intents.push_back({Record(queue, RouteState::leaving)});
     }
     RepairJournal();
-    if (!m_frozen)
-    {
-        m_journal.Write(intents);
-    }
+    Note(intents);
 }
 
 void Topology::Withdraw()
@@ -168,6 +167,7 @@ bool Topology::End()
 
 bool Topology::Bind(const Binding& binding)
 {
+    std::vector<Binding> asked;
     {
         const std::lock_guard lock(m_mutex);
         CheckNotFrozen();
@@ -178,45 +178,33 @@ bool Topology::Bind(const Binding& binding)
                 binding.topic.c_str());
             return false;
         }
-        Use& use = m_bindings[binding];
-        const bool mine = m_frame && Contains(use.users, m_frame->application);
-        if (use.state == RouteState::inForce)
+        if (m_frame && m_frame->refused.contains(binding))
         {
-            if (!mine)
+            return false;
+        }
+        if (IsInForce(binding))
+        {
+            if (!m_frame || !Contains(m_bindings[binding].users, m_frame->application))
             {
                 AddUser(binding);
                 Note(Record(binding, RouteState::inForce));
             }
             return true;
         }
-        use.state = RouteState::intended;
-        AddUser(binding);
+        asked = Claim(binding);
     }
-    const RequestResult result = m_port.Bind(binding);
+    const std::vector<RequestResult> answers = m_port.Bind(asked);
 
     const std::lock_guard lock(m_mutex);
-    switch (result.answer)
+    Take(asked, answers);
+    const RequestResult& own = answers.front();
+    if (own.answer == Answer::unanswered)
     {
-    case Answer::ok:
-        m_bindings[binding].state = RouteState::inForce;
-        Note(Record(binding, RouteState::inForce));
-        return true;
-    case Answer::refused:
-        QEL_LOG(
-            vtx::LevelWarning, "the broker refuses to bind topic %s to queue %s: %s", binding.topic.c_str(),
-            binding.queue.c_str(), result.text.c_str());
-        if (DropUser(binding))
-        {
-            m_bindings.erase(binding);
-        }
-        Note(Record(binding, RouteState::leaving), true);
-        return false;
-    case Answer::unanswered:
-        break;
+        throw RmqConnectionException(SFormat(
+            "No answer to the bind of topic %s to queue %s: %s", binding.topic.c_str(), binding.queue.c_str(),
+            own.text.c_str()));
     }
-    throw RmqConnectionException(SFormat(
-        "No answer to the bind of topic %s to queue %s: %s", binding.topic.c_str(), binding.queue.c_str(),
-        result.text.c_str()));
+    return own.answer == Answer::ok;
 }
 
 bool Topology::Unbind(const Binding& binding)
@@ -489,9 +477,14 @@ RouteRecord Topology::Record(const std::string& queue, RouteState state) const
 
 void Topology::Note(const RouteRecord& record, bool erase)
 {
+    Note({JournalChange{record, erase}});
+}
+
+void Topology::Note(const std::vector<JournalChange>& changes)
+{
     if (!m_frozen)
     {
-        m_journal.Write({JournalChange{record, erase}});
+        m_journal.Write(changes);
     }
 }
 
@@ -530,6 +523,12 @@ bool Topology::IsWanted(const std::string& queue) const
     return m_frame && !m_frame->withdrawn && m_frame->wanted.queues.contains(queue);
 }
 
+bool Topology::IsInForce(const Binding& binding) const
+{
+    const auto known = m_bindings.find(binding);
+    return known != m_bindings.end() && known->second.state == RouteState::inForce;
+}
+
 void Topology::AddUser(const Binding& binding)
 {
     const std::string user = m_frame ? m_frame->application : std::string();
@@ -555,6 +554,69 @@ void Topology::CheckNotFrozen() const
     if (m_frozen)
     {
         throw RmqConnectionException("The agent is stopping");
+    }
+}
+
+/** The binding with the next ones of the configuration that the broker has to be asked for, all of them intended. */
+std::vector<Binding> Topology::Claim(const Binding& binding)
+{
+    std::vector<Binding> claimed{binding};
+    while (m_frame && !m_frame->withdrawn && !m_frame->next.empty() && claimed.size() < MOST_AT_ONCE)
+    {
+        const Binding& next = *m_frame->next.front();
+        m_frame->next.pop_front();
+        if (next != binding && !IsInForce(next) && !IsReserved(next.topic))
+        {
+            claimed.push_back(next);
+        }
+    }
+    for (const Binding& each : claimed)
+    {
+        m_bindings[each].state = RouteState::intended;
+        AddUser(each);
+    }
+    return claimed;
+}
+
+/** One without an answer may be on the broker or not: it stays intended. */
+void Topology::Take(const std::vector<Binding>& asked, const std::vector<RequestResult>& answers)
+{
+    std::vector<JournalChange> changes;
+    for (std::size_t index = 0; index < asked.size(); ++index)
+    {
+        const Binding& binding = asked[index];
+        if (answers[index].answer == Answer::ok)
+        {
+            m_bindings[binding].state = RouteState::inForce;
+            changes.push_back({Record(binding, RouteState::inForce)});
+            continue;
+        }
+        if (m_frame)
+        {
+            // The configuration will hardly come further than this one.
+            m_frame->next.clear();
+        }
+        if (answers[index].answer == Answer::refused)
+        {
+            Refuse(binding, answers[index].text);
+            changes.push_back({Record(binding, RouteState::leaving), true});
+        }
+    }
+    Note(changes);
+}
+
+void Topology::Refuse(const Binding& binding, const std::string& why)
+{
+    QEL_LOG(
+        vtx::LevelWarning, "the broker refuses to bind topic %s to queue %s: %s", binding.topic.c_str(),
+        binding.queue.c_str(), why.c_str());
+    if (DropUser(binding))
+    {
+        m_bindings.erase(binding);
+    }
+    if (m_frame)
+    {
+        m_frame->refused.insert(binding);
     }
 }
 

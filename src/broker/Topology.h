@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstddef>
+#include <deque>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -23,7 +24,8 @@ class TopologyPort
 {
   public:
     virtual ~TopologyPort() = default;
-    virtual RequestResult Bind(const Binding& binding) = 0;
+    /** Asks for all of them before the first is answered. @return the answers, in the same order */
+    virtual std::vector<RequestResult> Bind(const std::vector<Binding>& bindings) = 0;
     virtual RequestResult Unbind(const Binding& binding) = 0;
     virtual RequestResult Consume(const std::string& queue) = 0;
     virtual RequestResult StopConsuming(const std::string& queue) = 0;
@@ -65,11 +67,20 @@ struct RouteCounts
  * no message for it is lost and an unchanged configuration costs no request. A binding that several applications use
  * goes when its last user goes. What could not be removed stays as an orphan until RemoveOrphans succeeds.
  *
+ * The handler binds one topic after the other. The first one that the broker has to be asked for takes the next ones of
+ * the configuration along, which are then in force when the handler comes to them.
+ *
  * Reading operations may be called from any thread. No lock that they take is held across a request.
  */
 class Topology
 {
   public:
+    /**
+     * So many bindings are asked for at once: enough for the way to the broker and back to count for nothing, few
+     * enough for a broker that needs 400 ms for each to answer all of them within the deadline of one.
+     */
+    static constexpr std::size_t MOST_AT_ONCE = 64;
+
     Topology(TopologyPort& port, Journal& journal, const RmqInfo& info);
 
     /**
@@ -133,6 +144,9 @@ class Topology
     {
         std::string application;
         Routes wanted;
+        /** Those of wanted.bindings that are new and not asked for yet, in the configuration's order. */
+        std::deque<const Binding*> next;
+        std::set<Binding> refused;
         bool withdrawn = false;
         std::unique_lock<std::mutex> turn;
     };
@@ -140,12 +154,17 @@ class Topology
     RouteRecord Record(const Binding& binding, RouteState state) const;
     RouteRecord Record(const std::string& queue, RouteState state) const;
     void Note(const RouteRecord& record, bool erase = false);
+    void Note(const std::vector<JournalChange>& changes);
     void RepairJournal();
     bool IsWanted(const Binding& binding) const;
     bool IsWanted(const std::string& queue) const;
+    bool IsInForce(const Binding& binding) const;
     void AddUser(const Binding& binding);
     bool DropUser(const Binding& binding);
     void CheckNotFrozen() const;
+    std::vector<Binding> Claim(const Binding& binding);
+    void Take(const std::vector<Binding>& asked, const std::vector<RequestResult>& answers);
+    void Refuse(const Binding& binding, const std::string& why);
     RequestResult Remove(const Binding& binding);
     Routes Unwanted() const;
 

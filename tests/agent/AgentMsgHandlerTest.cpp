@@ -241,6 +241,13 @@ TEST_F(AgentMsgHandlerTest, ATopicListedTwiceIsBoundWhereItStandsLast)
     EXPECT_EQ(port.bound, std::set<std::string>());
 }
 
+TEST_F(AgentMsgHandlerTest, TopicsAreAskedForTogetherInTheConfigurationsOrder)
+{
+    EXPECT_TRUE(Configure("web", Config({{"c", 0}, {"a", 0}, {"b", 1}})));
+    EXPECT_EQ(port.asked, (Asked{"bind normal c", "bind normal a", "bind urgent b"}));
+    EXPECT_EQ(port.mostAtOnce, 3U);
+}
+
 TEST_F(AgentMsgHandlerTest, AnApplicationCannotTakeOverAQueue)
 {
     ASSERT_TRUE(Configure("mail", Config({}, {"theirs"})));

@@ -47,7 +47,7 @@ TEST_F(LinkCluster, WhatIsAskedOfAQueueWhoseHomeIsDownWaitsForIt)
     TestLink link({m_desired.exchanges, {}, {}, {}});
     const Binding binding{m_queue.name, m_exchange, "topic"};
     const std::vector<std::function<RequestResult(std::chrono::milliseconds)>> requests = {
-        [&](auto deadline) { return link->Bind(binding, deadline); },
+        [&](auto deadline) { return link->Bind({binding}, deadline).front(); },
         [&](auto deadline) {
             return link->Unbind({m_queue.name, m_exchange, "never bound"}, deadline);
         },

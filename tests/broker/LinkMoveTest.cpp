@@ -170,7 +170,7 @@ TEST_F(LinkMove, WhatIsChangedMeanwhileIsThereAfterwards)
                 const Binding binding{m_queue, m_exchange, "t" + std::to_string(i)};
                 bindings.push_back(binding);
                 Listener().SetDesired(desired);
-                EXPECT_EQ(Link().Bind(binding, DEADLINE).answer, Answer::ok);
+                EXPECT_EQ(Link().Bind({binding}, DEADLINE).front().answer, Answer::ok);
                 if (bindings.size() > 5)
                 {
                     const Binding gone = bindings.front();

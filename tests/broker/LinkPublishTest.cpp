@@ -299,7 +299,7 @@ TEST_F(LinkPublish, ABlockedBrokerIsWaitedForAndConsumingGoesOn)
     const auto [result, why] = m_link->Publish(std::move(hurried));
     EXPECT_EQ(result, PublishResult::notSent);
     EXPECT_THAT(why, HasSubstr("the broker takes no messages"));
-    EXPECT_EQ((*m_link)->Bind({m_queue, "amq.topic", "t"}, DEADLINE).answer, Answer::ok);
+    EXPECT_EQ((*m_link)->Bind({{m_queue, "amq.topic", "t"}}, DEADLINE).front().answer, Answer::ok);
     Rabbitmqctl("set_vm_memory_high_watermark 0.4");
     ASSERT_TRUE(m_outcomes.WaitForAll());
     EXPECT_EQ(m_outcomes.Count(PublishResult::confirmed), 1);

@@ -3,8 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <future>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace VtxQel
 {
@@ -98,7 +102,7 @@ TEST_F(LinkReconnect, RequestsMadeWhileDisconnectedAreCarriedOutLater)
     auto bound = std::async(
         std::launch::async,
         [&] {
-            return (*m_link)->Bind({m_queue, m_exchange, "late"}, DEADLINE);
+            return (*m_link)->Bind({{m_queue, m_exchange, "late"}}, DEADLINE).front();
         });
     auto declared =
         std::async(std::launch::async, [&] { return (*m_link)->DeclareQueue(Queue(m_queue + ".late", 5), DEADLINE); });
@@ -107,6 +111,42 @@ TEST_F(LinkReconnect, RequestsMadeWhileDisconnectedAreCarriedOutLater)
     EXPECT_EQ(bound.get().answer, Answer::ok);
     EXPECT_EQ(declared.get().answer, Answer::ok);
     EXPECT_THAT(Bindings(), HasSubstr(Line("late")));
+}
+
+TEST_F(LinkReconnect, BindsThatLoseTheirConnectionAreAllAnsweredAndCanBeUndone)
+{
+    constexpr std::size_t COUNT = 50;
+    std::vector<Binding> many;
+    for (std::size_t number = 0; number < COUNT; ++number)
+    {
+        many.push_back({m_queue, m_exchange, "many." + std::to_string(number)});
+    }
+    std::atomic<bool> lost{false};
+    auto bound = std::async(
+        std::launch::async,
+        [&]
+        {
+            std::size_t failed = 0;
+            while (!lost)
+            {
+                const std::vector<RequestResult> answers = (*m_link)->Bind(many, DEADLINE);
+                failed += static_cast<std::size_t>(std::count_if(
+                    answers.begin(), answers.end(),
+                    [](const RequestResult& result) { return result.answer != Answer::ok; }));
+            }
+            return failed;
+        });
+    CloseConnections();
+    EXPECT_TRUE(Listener().WaitForDisconnect(1));
+    lost = true;
+    EXPECT_EQ(bound.get(), 0U);
+    EXPECT_THAT(Bindings(), testing::AllOf(HasSubstr(Line(many.front().topic)), HasSubstr(Line(many.back().topic))));
+    for (const Binding& binding : many)
+    {
+        EXPECT_EQ((*m_link)->Unbind(binding, DEADLINE).answer, Answer::ok);
+    }
+    ASSERT_TRUE(Listener().WaitForRestored(2));
+    EXPECT_THAT(Bindings(), Not(HasSubstr("many.")));
 }
 
 TEST_F(LinkReconnect, WhatIsUnboundWhileDisconnectedIsNotRestored)

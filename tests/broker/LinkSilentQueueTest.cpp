@@ -106,7 +106,7 @@ TEST_F(LinkSilentQueue, CostsTheOthersOneReconnectAndIsConsumedWhenItAnswersAgai
     ASSERT_TRUE(Eventually([&] { return !IsOnTrial(); })) << "a trial has an end";
     ASSERT_TRUE(IsDelivered(m_queue, "own"));
     ASSERT_TRUE(IsDelivered(m_neighbour, "application"));
-    EXPECT_EQ((*m_link)->Bind({m_queue, m_exchange, "more"}, DEADLINE).answer, Answer::ok);
+    EXPECT_EQ((*m_link)->Bind({{m_queue, m_exchange, "more"}}, DEADLINE).front().answer, Answer::ok);
 
     Resume();
     ASSERT_TRUE(Listener().WaitForRestored(3));

@@ -66,7 +66,7 @@ TEST(LinkStop, WaitingRequestsAndPublishesAreAnswered)
     RecordingListener listener;
     BrokerLink link(settings, listener);
     link.Start();
-    auto bound = std::async(std::launch::async, [&] { return link.Bind({"q", "e", "t"}, PATIENCE); });
+    auto bound = std::async(std::launch::async, [&] { return link.Bind({{"q", "e", "t"}}, PATIENCE).front(); });
     std::promise<PublishResult> published;
     link.Publish({}, [&](PublishResult result, const std::string&) { published.set_value(result); });
     EXPECT_EQ(bound.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
@@ -80,7 +80,7 @@ TEST(LinkStop, AfterTheStopEverythingIsAnsweredAtOnce)
     TestLink link;
     link->Stop(std::chrono::seconds(5));
     link->Stop(std::chrono::seconds(5));
-    EXPECT_EQ(link->Bind({"q", "e", "t"}, PATIENCE).answer, Answer::unanswered);
+    EXPECT_EQ(link->Bind({{"q", "e", "t"}}, PATIENCE).front().answer, Answer::unanswered);
     EXPECT_EQ(link.Publish({}).first, PublishResult::timedOut);
     link->Settle({1, 1}, SettleAs::ack);
     link->MoveTo(0);
@@ -93,7 +93,7 @@ TEST(LinkStop, ALinkThatWasNeverStartedStops)
     RecordingListener listener;
     BrokerLink link(NodeSettings(), listener);
     link.Stop(std::chrono::seconds(5));
-    EXPECT_EQ(link.Bind({"q", "e", "t"}, PATIENCE).answer, Answer::unanswered);
+    EXPECT_EQ(link.Bind({{"q", "e", "t"}}, PATIENCE).front().answer, Answer::unanswered);
 }
 
 TEST(LinkStopDeathTest, ExitFromAnyThreadEndsTheProcess)

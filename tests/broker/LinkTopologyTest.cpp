@@ -48,7 +48,10 @@ class LinkTopology : public testing::Test
         m_link = std::make_unique<TestLink>(DesiredTopology{}, settings);
     }
 
-    RequestResult Bind(const std::string& topic) { return Link()->Bind({m_queue, m_exchange, topic}, DEADLINE); }
+    RequestResult Bind(const std::string& topic)
+    {
+        return Link()->Bind({{m_queue, m_exchange, topic}}, DEADLINE).front();
+    }
     RequestResult Unbind(const std::string& topic) { return Link()->Unbind({m_queue, m_exchange, topic}, DEADLINE); }
     std::string Bindings() { return Rabbitmqctl("list_bindings source_name destination_name routing_key"); }
     std::string Line(const std::string& topic) { return m_exchange + "\t" + m_queue + "\t" + topic + "\n"; }
@@ -127,10 +130,10 @@ TEST_F(LinkTopology, UnbindFromAnotherConnectionsExclusiveQueueIsRefused)
 
 TEST_F(LinkTopology, BindToWhatDoesNotExistIsRefused)
 {
-    const RequestResult noExchange = Link()->Bind({m_queue, "no-exchange", "t"}, DEADLINE);
+    const RequestResult noExchange = Link()->Bind({{m_queue, "no-exchange", "t"}}, DEADLINE).front();
     EXPECT_EQ(noExchange.answer, Answer::refused);
     EXPECT_EQ(noExchange.code, 404);
-    const RequestResult noQueue = Link()->Bind({"no-queue", m_exchange, "t"}, DEADLINE);
+    const RequestResult noQueue = Link()->Bind({{"no-queue", m_exchange, "t"}}, DEADLINE).front();
     EXPECT_EQ(noQueue.answer, Answer::refused);
     EXPECT_EQ(noQueue.code, 404);
 }
@@ -146,19 +149,17 @@ TEST_F(LinkTopology, BindToAnOwnQueueThatSomebodyDeletedMakesItAgain)
 TEST_F(LinkTopology, ARefusedRequestDoesNotDisturbThoseBehindIt)
 {
     Link();
-    std::vector<std::future<RequestResult>> results;
+    std::vector<Binding> wanted(60);
     for (int i = 0; i < 60; ++i)
     {
-        const std::string exchange = i % 5 == 2 ? "no-exchange" : m_exchange;
-        results.push_back(std::async(
-            std::launch::async,
-            [this, exchange, i] {
-                return Link()->Bind({m_queue, exchange, "t" + std::to_string(i)}, DEADLINE);
-            }));
+        wanted[static_cast<std::size_t>(i)] = {
+            m_queue, i % 5 == 2 ? "no-exchange" : m_exchange, "t" + std::to_string(i)};
     }
+    const std::vector<RequestResult> results = Link()->Bind(wanted, DEADLINE);
+    ASSERT_EQ(results.size(), 60U);
     for (int i = 0; i < 60; ++i)
     {
-        EXPECT_EQ(results[static_cast<std::size_t>(i)].get().answer, i % 5 == 2 ? Answer::refused : Answer::ok) << i;
+        EXPECT_EQ(results[static_cast<std::size_t>(i)].answer, i % 5 == 2 ? Answer::refused : Answer::ok) << i;
     }
     const std::string bindings = Bindings();
     for (int i = 0; i < 60; ++i)

@@ -7,6 +7,7 @@
 
 #include <filesystem>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,31 @@ class TopologyTest : public testing::Test
             recorded[application].push_back(route);
         }
         EXPECT_TRUE(topology->End());
+    }
+
+    bool BindTopic(const std::string& name, const std::string& queue = "normal")
+    {
+        return topology->Bind({queue, "exchange", name});
+    }
+    static std::string Name(std::size_t number) { return "topic." + std::to_string(number); }
+    static std::vector<RouteRecord> Many(std::size_t count)
+    {
+        std::vector<RouteRecord> routes;
+        for (std::size_t number = 0; number < count; ++number)
+        {
+            routes.push_back(Topic(Name(number)));
+        }
+        return routes;
+    }
+    /** As FakeTopologyPort::bound has them. */
+    static std::set<std::string> Names(const std::vector<RouteRecord>& routes)
+    {
+        std::set<std::string> names;
+        for (const RouteRecord& route : routes)
+        {
+            names.insert(route.queue + " " + route.name);
+        }
+        return names;
     }
 
     static std::filesystem::path MakeFolder()
@@ -295,6 +321,156 @@ TEST_F(TopologyTest, AReplacementConvergesWhateverItsMomentOfDeath)
         Configure("web", after);
         EXPECT_EQ(port.bound, (std::set<std::string>{"normal kept", "normal new1", "normal new2"})) << requests;
         EXPECT_EQ(topology->Bindings().size(), 3U) << requests;
+    }
+}
+
+TEST_F(TopologyTest, TheFirstTopicTakesTheNextOnesAlongInTheirOrder)
+{
+    topology->Begin("web", {Topic("b"), Topic("a", "urgent"), Topic("c")});
+    EXPECT_TRUE(BindTopic("b"));
+    const Asked all{"bind normal b", "bind urgent a", "bind normal c"};
+    EXPECT_EQ(port.asked, all);
+    EXPECT_EQ(port.mostAtOnce, 3U);
+    EXPECT_TRUE(BindTopic("a", "urgent"));
+    EXPECT_TRUE(BindTopic("c"));
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, all);
+    EXPECT_EQ(Restart().size(), 3U);
+}
+
+TEST_F(TopologyTest, AHandlerWithAnOrderOfItsOwnAsksForEachOnce)
+{
+    topology->Begin("web", Many(Topology::MOST_AT_ONCE + 2));
+    EXPECT_TRUE(BindTopic(Name(Topology::MOST_AT_ONCE + 1)));
+    for (std::size_t number = Topology::MOST_AT_ONCE + 1; number-- > 0;)
+    {
+        EXPECT_TRUE(BindTopic(Name(number)));
+    }
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked.size(), Topology::MOST_AT_ONCE + 2);
+    EXPECT_EQ(port.bound.size(), Topology::MOST_AT_ONCE + 2);
+}
+
+TEST_F(TopologyTest, SoManyAreAskedForAtOnceAndNoMore)
+{
+    Configure("web", Many(2 * Topology::MOST_AT_ONCE + 1));
+    EXPECT_EQ(port.mostAtOnce, Topology::MOST_AT_ONCE);
+    EXPECT_EQ(port.asked.size(), 2 * Topology::MOST_AT_ONCE + 1);
+    EXPECT_EQ(port.bound.size(), 2 * Topology::MOST_AT_ONCE + 1);
+}
+
+TEST_F(TopologyTest, WhatIsSharedOrReservedIsNotAskedForAhead)
+{
+    Configure("mail", {Topic("shared")});
+    port.asked.clear();
+    topology->Begin("web", {Topic("a"), Topic("shared"), Topic("normal.dead"), Topic("b")});
+    EXPECT_TRUE(BindTopic("a"));
+    EXPECT_TRUE(BindTopic("shared"));
+    EXPECT_FALSE(BindTopic("normal.dead"));
+    topology->Withdraw();
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, (Asked{"bind normal a", "bind normal b", "unbind normal a", "unbind normal b"}));
+    EXPECT_EQ(port.bound, std::set<std::string>{"normal shared"});
+    EXPECT_EQ(
+        journal->Load(),
+        (std::vector<RouteRecord>{{"mail", RouteKind::topic, "shared", "normal", RouteState::inForce}}));
+}
+
+TEST_F(TopologyTest, ARefusalAheadIsHeardWhenTheHandlerComesToIt)
+{
+    port.refused.insert("bind normal b");
+    topology->Begin("web", {Topic("a"), Topic("b"), Topic("c")});
+    EXPECT_TRUE(BindTopic("a"));
+    EXPECT_FALSE(BindTopic("b"));
+    topology->Withdraw();
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(
+        port.asked, (Asked{"bind normal a", "bind normal b", "bind normal c", "unbind normal a", "unbind normal c"}));
+    EXPECT_EQ(journal->Load(), std::vector<RouteRecord>());
+    port.refused.clear();
+    Configure("web", {Topic("b")});
+    EXPECT_EQ(port.bound, std::set<std::string>{"normal b"});
+}
+
+TEST_F(TopologyTest, ATopicWithoutAnAnswerAheadIsAskedForAgainAlone)
+{
+    port.unanswered.insert("bind normal " + Name(1));
+    const std::vector<RouteRecord> wanted = Many(Topology::MOST_AT_ONCE + 2);
+    topology->Begin("web", wanted);
+    EXPECT_TRUE(BindTopic(Name(0)));
+    EXPECT_EQ(port.asked.size(), Topology::MOST_AT_ONCE);
+    EXPECT_THROW(BindTopic(Name(1)), RmqConnectionException);
+    port.unanswered.clear();
+    for (std::size_t number = 1; number < wanted.size(); ++number)
+    {
+        EXPECT_TRUE(BindTopic(Name(number)));
+    }
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked.size(), wanted.size() + 2);
+    EXPECT_EQ(port.bound.size(), wanted.size());
+}
+
+TEST_F(TopologyTest, WhatWasAskedForAheadAndMayBeThereGoesAtTheEnd)
+{
+    port.unanswered = {"bind normal a", "bind normal b"};
+    port.onAsked = [this](const std::string& what)
+    {
+        if (what == "bind normal b")
+        {
+            port.bound.insert("normal b");
+        }
+    };
+    topology->Begin("web", {Topic("a"), Topic("b"), Topic("c")});
+    EXPECT_THROW(BindTopic("a"), RmqConnectionException);
+    EXPECT_EQ(topology->Bindings().size(), 3U) << "a new connection restores what may be there";
+    topology->Withdraw();
+    EXPECT_THROW(BindTopic("a"), RmqConnectionException);
+    EXPECT_EQ(port.asked.back(), "bind normal a") << "nothing is asked for ahead any more";
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.bound, std::set<std::string>());
+    EXPECT_EQ(journal->Load(), std::vector<RouteRecord>());
+}
+
+TEST_F(TopologyTest, AStopWhileTopicsAreAskedForLeavesThemToTheNextProcess)
+{
+    port.onAsked = [this](const std::string&) { topology->Freeze(); };
+    topology->Begin("web", {Topic("a"), Topic("b")});
+    EXPECT_TRUE(BindTopic("a"));
+    EXPECT_THROW(BindTopic("b"), RmqConnectionException);
+    topology->Withdraw();
+    EXPECT_TRUE(topology->End());
+    EXPECT_EQ(port.asked, (Asked{"bind normal a", "bind normal b"}));
+    port.onAsked = nullptr;
+    recorded["web"] = Restart();
+    Configure("web", {});
+    EXPECT_EQ(port.bound, std::set<std::string>());
+}
+
+/** The process dies while several binds are under way, some of which the broker has carried out. */
+TEST_F(TopologyTest, ADeathBeforeTheAnswersLeavesNothing)
+{
+    const std::vector<RouteRecord> before{Topic("kept"), Topic("old")};
+    const std::vector<RouteRecord> after{Topic("kept"), Topic("new1"), Topic("new2"), Topic("new3")};
+    for (const std::vector<RouteRecord>& next : {after, before, std::vector<RouteRecord>()})
+    {
+        for (std::size_t requests = 0; requests <= 3; ++requests)
+        {
+            Configure("web", before);
+            port.onAsked = [left = requests](const std::string&) mutable
+            {
+                if (left-- == 0)
+                {
+                    throw std::runtime_error("dead");
+                }
+            };
+            EXPECT_THROW(Configure("web", after), std::runtime_error) << requests;
+            port.onAsked = nullptr;
+            recorded["web"] = Restart();
+            EXPECT_TRUE(topology->RemoveOrphans());
+            Configure("web", next);
+            EXPECT_EQ(port.bound, Names(next)) << requests;
+            EXPECT_EQ(Restart().size(), next.size()) << requests;
+        }
     }
 }
 

@@ -24,8 +24,8 @@ def topics_of(generation):
 def instants(thorough):
     """When to strike: (how, step).
 
-    Before the first request and after each of them, the answer known to the broker alone; when thorough also with the
-    answer known to the agent, which is before the next request is forwarded.
+    Before the first request and after each of them, the answer known to the broker alone; when thorough also before the
+    next request is forwarded. The agent knows the answer then if it was to an unbind; binds are asked for together.
     """
     unknown = [("before", 1)] + [("withheld", step) for step in range(1, STEPS + 1)]
     known = [("before", step) for step in range(2, STEPS + 1)] + [("answered", STEPS)]

@@ -2,6 +2,8 @@
 
 #include "broker/Topology.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <functional>
 #include <set>
 #include <string>
@@ -14,14 +16,19 @@ namespace VtxQel::Fakes
 class FakeTopologyPort : public TopologyPort
 {
   public:
-    RequestResult Bind(const Binding& binding) override
+    std::vector<RequestResult> Bind(const std::vector<Binding>& bindings) override
     {
-        RequestResult result = Ask("bind " + binding.queue + " " + binding.topic);
-        if (result.answer == Answer::ok)
+        std::vector<RequestResult> results;
+        for (const Binding& binding : bindings)
         {
-            bound.insert(binding.queue + " " + binding.topic);
+            results.push_back(Ask("bind " + binding.queue + " " + binding.topic));
+            if (results.back().answer == Answer::ok)
+            {
+                bound.insert(binding.queue + " " + binding.topic);
+            }
         }
-        return result;
+        mostAtOnce = std::max(mostAtOnce, bindings.size());
+        return results;
     }
     RequestResult Unbind(const Binding& binding) override
     {
@@ -39,6 +46,7 @@ class FakeTopologyPort : public TopologyPort
     std::set<std::string> refused;
     std::set<std::string> unanswered;
     std::set<std::string> bound;
+    std::size_t mostAtOnce = 0;
 
     /** Called with each request before it is answered. */
     std::function<void(const std::string& what)> onAsked;
