@@ -605,8 +605,7 @@ void ConsumeLink::DeclareQueue(const Request& request)
         request,
         [this, request](const RpcReply& reply)
         {
-            const bool wanted = request->restoring ? !m_restoration.IsGivenUp(*request) : request->done != nullptr;
-            if (!reply.ok || request->queue.prefetch == 0 || !m_consuming || !wanted)
+            if (!reply.ok || request->queue.prefetch == 0 || !m_consuming || !IsWanted(*request))
             {
                 OnReply(request, reply);
             }
@@ -786,7 +785,8 @@ void ConsumeLink::StopQueue(const Request& request)
 void ConsumeLink::OnReply(const Request& request, const RpcReply& reply)
 {
     Outcome outcome = Classify(request->kind, reply);
-    if (outcome == Outcome::missing && m_rpc && !std::exchange(request->redeclared, true))
+    // What nobody waits for any more may have been undone behind it.
+    if (outcome == Outcome::missing && m_rpc && IsWanted(*request) && !std::exchange(request->redeclared, true))
     {
         DeclareBaseAgain();
         Execute(request);
@@ -818,6 +818,12 @@ void ConsumeLink::OnReply(const Request& request, const RpcReply& reply)
     {
         Retry(request, reply);
     }
+}
+
+/** Whether somebody waits for it, or the restoration has not given it up. */
+bool ConsumeLink::IsWanted(const TopologyRequest& request) const
+{
+    return request.restoring ? !m_restoration.IsGivenUp(request) : request.done != nullptr;
 }
 
 /** Whether it is too early to believe that another consumer has the queue for good. */

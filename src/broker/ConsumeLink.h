@@ -138,6 +138,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void WatchEcho(const std::shared_ptr<bool>& heard);
     void OnConsumerLost(const std::string& queue, bool deleted, const std::string& why);
     void ConsumeAgain(const std::string& queue, bool rebind);
+    bool IsWanted(const TopologyRequest& request) const;
     bool IsStillInUse(TopologyRequest& request) const;
     void CheckRestored();
     void CloseDrainedLater();

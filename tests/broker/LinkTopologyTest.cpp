@@ -10,6 +10,7 @@
 namespace VtxQel
 {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -144,6 +145,19 @@ TEST_F(LinkTopology, BindToAnOwnQueueThatSomebodyDeletedMakesItAgain)
     Rabbitmqctl("delete_queue " + m_queue);
     EXPECT_EQ(Bind("t").answer, Answer::ok);
     EXPECT_THAT(Bindings(), HasSubstr(Line("t")));
+}
+
+TEST_F(LinkTopology, ABindThatNobodyWaitsForAnyMoreIsNotRepeated)
+{
+    Link();
+    Rabbitmqctl("delete_queue " + m_queue);
+    // Given up before the broker can have said that the queue is missing.
+    EXPECT_EQ(
+        Link()->Bind({{m_queue, m_exchange, "given.up"}}, std::chrono::milliseconds(0)).front().answer,
+        Answer::unanswered);
+    EXPECT_EQ(Unbind("given.up").answer, Answer::ok);
+    EXPECT_EQ(Bind("wanted").answer, Answer::ok);
+    EXPECT_THAT(Bindings(), AllOf(HasSubstr(Line("wanted")), Not(HasSubstr(Line("given.up")))));
 }
 
 TEST_F(LinkTopology, ARefusedRequestDoesNotDisturbThoseBehindIt)
