@@ -22,7 +22,7 @@ Application::Effects::~Effects()
 {
     for (const auto& session : flush)
     {
-        session->Flush();
+        Turn::AtEnd(session);
     }
     for (const auto& [session, why, text] : end)
     {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "common/Delivery.h"
+#include "common/Turn.h"
 
 #include <boost/shared_ptr.hpp>
 
@@ -37,10 +38,10 @@ enum class SessionEnd
 /**
  * An attached instance of an application, as the application sees it. Any thread may call; nothing blocks.
  */
-class ApplicationSession
+class ApplicationSession : public Turn::Task
 {
   public:
-    virtual ~ApplicationSession() = default;
+    void OnTurnEnd() final { Flush(); }
 
     /** Enqueues a delivery. Called with the application's lock held: must not call the application. */
     virtual void Enqueue(SessionDelivery delivery) = 0;

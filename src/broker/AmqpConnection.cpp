@@ -1,6 +1,7 @@
 #include "broker/AmqpConnection.h"
 
 #include "common/QelException.h"
+#include "common/Turn.h"
 
 #include <boost/asio/post.hpp>
 
@@ -209,6 +210,15 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
     }
     m_lastReceived = std::chrono::steady_clock::now();
     m_in.Filled(count);
+    TakeFrames();
+    // Only now: nothing may move the bytes that are being looked at.
+    m_reading = false;
+    Read();
+}
+
+void AmqpConnection::TakeFrames()
+{
+    const Turn turn;
     try
     {
         // Behind the broker's farewell nothing counts, least of all instead of it.
@@ -230,9 +240,6 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
     {
         m_handler->OnTurnEnd();
     }
-    // Only now: nothing may move the bytes that are being looked at.
-    m_reading = false;
-    Read();
 }
 
 std::string AmqpConnection::EndOfStream(const error_code& error) const

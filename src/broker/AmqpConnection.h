@@ -121,6 +121,7 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     void Write();
     void Read();
     void OnRead(const boost::system::error_code& error, std::size_t count);
+    void TakeFrames();
     void OnFrame(const RawFrame& frame);
     void OnMethodFrame(const RawFrame& frame);
     void OnContentFrame(const RawFrame& frame);

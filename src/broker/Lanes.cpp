@@ -1,8 +1,11 @@
 #include "broker/Lanes.h"
 
 #include "common/MessageTypes.h"
+#include "common/Turn.h"
 #include "logging/Log.h"
 #include "logging/LogScope.h"
+
+#include <boost/make_shared.hpp>
 
 #include <algorithm>
 #include <chrono>
@@ -20,6 +23,8 @@ namespace
 
 constexpr std::uint32_t MOST_FAILURES = 5;
 constexpr std::chrono::seconds LONGEST_DELAY{60};
+/** Enough for what a turn saves; the first message of it waits for the others. */
+constexpr std::size_t TURN_LENGTH = 32;
 
 constexpr std::array<const char*, 4> THREAD_NAMES{"qel-control", "qel-config", "qel-priority", "qel-normal"};
 
@@ -55,6 +60,10 @@ std::string RefusalOf(const BrokerMessage& message)
 Lanes::Lanes(boost::shared_ptr<RoutingRegistry> registry, boost::shared_ptr<RmqInfo> info, Scheduler& timers)
     : m_registry(std::move(registry)), m_info(std::move(info)), m_timers(timers)
 {
+    for (auto& lane : m_lanes)
+    {
+        lane = boost::make_shared<Lane>();
+    }
 }
 
 Lanes::~Lanes()
@@ -66,9 +75,11 @@ void Lanes::Start()
 {
     for (std::size_t index = 0; index < m_lanes.size(); ++index)
     {
-        Lane& lane = m_lanes[index];
-        const bool keepOrder = index == static_cast<std::size_t>(LaneKind::configuration);
-        lane.thread = std::thread([this, &lane, keepOrder] { Run(lane, keepOrder); });
+        Lane& lane = *m_lanes[index];
+        const auto kind = static_cast<LaneKind>(index);
+        lane.keepOrder = kind == LaneKind::configuration;
+        lane.turnLength = kind == LaneKind::priority || kind == LaneKind::normal ? TURN_LENGTH : 1;
+        lane.thread = std::thread([this, &lane] { Run(lane); });
         pthread_setname_np(lane.thread.native_handle(), THREAD_NAMES[index]);
     }
 }
@@ -77,34 +88,34 @@ void Lanes::Push(boost::shared_ptr<BrokerMessage> message)
 {
     const LaneKind kind = LaneOf(*message);
     message->EnterLane(kind);
-    Enqueue(m_lanes[static_cast<std::size_t>(kind)], std::move(message));
+    Enqueue(*m_lanes[static_cast<std::size_t>(kind)], std::move(message));
 }
 
 void Lanes::Stop()
 {
-    for (Lane& lane : m_lanes)
+    for (const auto& lane : m_lanes)
     {
-        const std::lock_guard lock(lane.mutex);
-        lane.stopping = true;
-        lane.changed.notify_all();
+        const std::lock_guard lock(lane->mutex);
+        lane->stopping = true;
+        lane->changed.notify_all();
     }
-    for (Lane& lane : m_lanes)
+    for (const auto& lane : m_lanes)
     {
-        if (lane.thread.joinable())
+        if (lane->thread.joinable())
         {
-            lane.thread.join();
+            lane->thread.join();
         }
     }
 }
 
 const Progress& Lanes::ProgressOf(LaneKind kind) const
 {
-    return m_lanes[static_cast<std::size_t>(kind)].progress;
+    return m_lanes[static_cast<std::size_t>(kind)]->progress;
 }
 
 std::size_t Lanes::Waiting(LaneKind kind) const
 {
-    const Lane& lane = m_lanes[static_cast<std::size_t>(kind)];
+    const Lane& lane = *m_lanes[static_cast<std::size_t>(kind)];
     const std::lock_guard lock(lane.mutex);
     return lane.messages.size();
 }
@@ -125,7 +136,7 @@ LaneKind Lanes::LaneOf(const BrokerMessage& message) const
     return kind;
 }
 
-void Lanes::Run(Lane& lane, bool keepOrder)
+void Lanes::Run(Lane& lane)
 {
     lane.progress.Attach();
     std::deque<boost::shared_ptr<BrokerMessage>> batch;
@@ -145,17 +156,26 @@ void Lanes::Run(Lane& lane, bool keepOrder)
         while (!batch.empty() && !lane.stopping)
         {
             lock.unlock();
-            inHand = batch.front().get();
-            Handle(lane, batch.front(), keepOrder);
-            inHand = nullptr;
-            batch.pop_front();
-            lane.progress.Step();
+            TakeTurn(lane, batch);
             lock.lock();
         }
     }
 }
 
-void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder)
+void Lanes::TakeTurn(Lane& lane, std::deque<boost::shared_ptr<BrokerMessage>>& batch)
+{
+    const Turn turn;
+    for (std::size_t count = 0; count < lane.turnLength && !batch.empty(); ++count)
+    {
+        inHand = batch.front().get();
+        Handle(lane, batch.front());
+        inHand = nullptr;
+        batch.pop_front();
+        lane.progress.Step();
+    }
+}
+
+void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message)
 {
     const LogScope scope([&message] { return message->FieldsForLog(); });
     std::string error;
@@ -174,7 +194,7 @@ void Lanes::Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, 
         QEL_LOG(
             vtx::LevelWarning, "handling failed, next try in %lld s: %s. %s", static_cast<long long>(delay.count()),
             error.c_str(), message->ToString().c_str());
-        if (!keepOrder)
+        if (!lane.keepOrder)
         {
             m_timers.After(delay, [this, &lane, message] { Enqueue(lane, message); });
             return;
@@ -238,11 +258,28 @@ ServingRoute Lanes::RouteOf(const std::string& routingKey, const std::string& qu
 
 void Lanes::Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message)
 {
-    const std::lock_guard lock(lane.mutex);
-    lane.messages.push_back(std::move(message));
-    if (lane.idle)
+    bool many = false;
     {
-        lane.changed.notify_one();
+        const std::lock_guard lock(lane.mutex);
+        lane.messages.push_back(std::move(message));
+        many = lane.messages.size() >= TURN_LENGTH;
+    }
+    if (many)
+    {
+        lane.OnTurnEnd();
+    }
+    else
+    {
+        Turn::AtEnd(lane.shared_from_this());
+    }
+}
+
+void Lanes::Lane::OnTurnEnd()
+{
+    const std::lock_guard lock(mutex);
+    if (idle && !messages.empty())
+    {
+        changed.notify_one();
     }
 }
 

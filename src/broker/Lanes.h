@@ -6,8 +6,10 @@
 #include "common/Progress.h"
 #include "common/RmqInfo.h"
 #include "common/Scheduler.h"
+#include "common/Turn.h"
 #include "routing/RoutingRegistry.h"
 
+#include <boost/enable_shared_from_this.hpp>
 #include <boost/shared_ptr.hpp>
 
 #include <array>
@@ -63,21 +65,29 @@ class Lanes
     const Progress& ProgressOf(LaneKind kind) const;
 
   private:
-    struct Lane
+    struct Lane : Turn::Task, boost::enable_shared_from_this<Lane>
     {
+        /** Wakes the thread when it has something to do. */
+        void OnTurnEnd() override;
+
         mutable std::mutex mutex;
         std::condition_variable changed;
         /** Guarded by mutex, like the two below. */
         std::deque<boost::shared_ptr<BrokerMessage>> messages;
         bool idle = false;
         bool stopping = false;
+        /** Whether a message that fails keeps those behind it waiting. Set before the thread starts, like the next. */
+        bool keepOrder = false;
+        /** How many messages share a Turn; one where a handler may wait for the broker. */
+        std::size_t turnLength = 1;
         Progress progress;
         std::thread thread;
     };
 
     LaneKind LaneOf(const BrokerMessage& message) const;
-    void Run(Lane& lane, bool keepOrder);
-    void Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message, bool keepOrder);
+    void Run(Lane& lane);
+    void TakeTurn(Lane& lane, std::deque<boost::shared_ptr<BrokerMessage>>& batch);
+    void Handle(Lane& lane, const boost::shared_ptr<BrokerMessage>& message);
     /** @return whether the message is done with; else `error` says what its handling ended with. */
     bool Try(const boost::shared_ptr<BrokerMessage>& message, std::string& error);
     void Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message);
@@ -85,7 +95,7 @@ class Lanes
     const boost::shared_ptr<RoutingRegistry> m_registry;
     const boost::shared_ptr<RmqInfo> m_info;
     Scheduler& m_timers;
-    std::array<Lane, LANE_COUNT> m_lanes;
+    std::array<boost::shared_ptr<Lane>, LANE_COUNT> m_lanes;
 };
 
 } // namespace VtxQel

@@ -126,6 +126,19 @@ TEST_F(ApplicationTest, AVerdictAnswersTheReceiptOnce)
     EXPECT_EQ(m_budget.Held().bytes, 0U);
 }
 
+TEST_F(ApplicationTest, WhatComesInOneTurnIsSentTogether)
+{
+    AttachLive();
+    const std::size_t before = m_session->Flushes();
+    {
+        const Turn turn;
+        OfferLive({"a", "b", "c"});
+        EXPECT_EQ(m_session->Flushes(), before);
+    }
+    EXPECT_EQ(m_session->Flushes(), before + 1);
+    EXPECT_THAT(m_session->TakeBodies(), ElementsAre("a", "b", "c"));
+}
+
 TEST_F(ApplicationTest, VerdictsBeforeAnUnknownDeliveryCountAndNoneBehindIt)
 {
     const auto id = AttachLive();
