@@ -245,7 +245,11 @@ void ConsumeLink::OnBlocked(bool, const std::string&)
 
 void ConsumeLink::OnTurnEnd()
 {
-    FlushSettlements();
+    // Settlements wait for the next batch of them: one for each read would be one for each message.
+    if (m_consumers)
+    {
+        CloseDrainedLater();
+    }
 }
 
 void ConsumeLink::OnClosed(const std::string& why)
