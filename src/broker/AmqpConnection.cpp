@@ -6,6 +6,7 @@
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 #include <string.h>
@@ -213,7 +214,7 @@ void AmqpConnection::OnRead(const error_code& error, std::size_t count)
     TakeFrames();
     // Only now: nothing may move the bytes that are being looked at.
     m_reading = false;
-    Read();
+    ReadOn(count);
 }
 
 void AmqpConnection::TakeFrames()
@@ -240,6 +241,17 @@ void AmqpConnection::TakeFrames()
     {
         m_handler->OnTurnEnd();
     }
+}
+
+void AmqpConnection::ReadOn(std::size_t count)
+{
+    const auto rest = m_pace.After(m_lastReceived, std::exchange(m_messages, 0), count);
+    if (rest.count() > 0)
+    {
+        // The whole thread: what others ask of it meanwhile is done in one go, too, and they need not wake it.
+        std::this_thread::sleep_until(m_lastReceived + rest);
+    }
+    Read();
 }
 
 std::string AmqpConnection::EndOfStream(const error_code& error) const
@@ -340,6 +352,7 @@ void AmqpConnection::OnContentFrame(const RawFrame& frame)
     {
         auto content = m_contents.extract(found);
         m_assembled -= content.mapped().body.size();
+        ++m_messages;
         if (m_handler != nullptr)
         {
             m_handler->OnContent(frame.channel, std::move(content.mapped()));

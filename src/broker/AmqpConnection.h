@@ -5,6 +5,7 @@
 #include "broker/BrokerUrl.h"
 #include "broker/EndCause.h"
 #include "broker/FrameBuffer.h"
+#include "broker/ReadPace.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -122,6 +123,7 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     void Read();
     void OnRead(const boost::system::error_code& error, std::size_t count);
     void TakeFrames();
+    void ReadOn(std::size_t count);
     void OnFrame(const RawFrame& frame);
     void OnMethodFrame(const RawFrame& frame);
     void OnContentFrame(const RawFrame& frame);
@@ -152,6 +154,9 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     bool m_sentSinceTick = false;
 
     FrameBuffer m_in;
+    ReadPace m_pace;
+    /** Contents put together since the last read. */
+    std::size_t m_messages = 0;
     AmqpPool m_pool;
     std::unordered_map<std::uint16_t, AmqpContent> m_contents;
     /** The bytes of the bodies in m_contents. */
