@@ -91,6 +91,10 @@ void Topology::Begin(const std::string& application, const std::vector<RouteReco
             if (isNew && !has.bindings.contains(binding))
             {
                 intents.push_back({Record(binding, RouteState::intended)});
+            }
+            // Also what the last process had intended and not come to.
+            if (isNew && !IsInForce(binding))
+            {
                 m_frame->next.push_back(&*place);
             }
         }
@@ -133,9 +137,16 @@ bool Topology::End()
         leftovers = m_frozen ? Routes() : Unwanted();
     }
     bool clean = true;
+    bool answers = true;
     for (const Binding& binding : leftovers.bindings)
     {
-        clean = Unbind(binding) && clean;
+        if (Leave(binding))
+        {
+            // A broker that does not answer for one is not waited for at each of the others: they are orphans.
+            const Answer answer = answers ? RemoveOrWarn(binding) : Answer::unanswered;
+            answers = answer != Answer::unanswered;
+            clean = clean && answer == Answer::ok;
+        }
     }
     for (const std::string& queue : leftovers.queues)
     {
@@ -209,28 +220,25 @@ bool Topology::Bind(const Binding& binding)
 
 bool Topology::Unbind(const Binding& binding)
 {
+    return !Leave(binding) || RemoveOrWarn(binding) == Answer::ok;
+}
+
+/** The application does not use the binding any more. @return whether it has to be removed, since nobody does */
+bool Topology::Leave(const Binding& binding)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_frozen || IsWanted(binding))
     {
-        const std::lock_guard lock(m_mutex);
-        if (m_frozen || IsWanted(binding))
-        {
-            return true;
-        }
-        if (!DropUser(binding))
-        {
-            Note(Record(binding, RouteState::leaving), true);
-            return true;
-        }
-        m_bindings[binding].state = RouteState::leaving;
-        Note(Record(binding, RouteState::leaving));
+        return false;
     }
-    const RequestResult result = Remove(binding);
-    if (result.answer != Answer::ok)
+    if (!DropUser(binding))
     {
-        QEL_LOG(
-            vtx::LevelWarning, "topic %s could not be unbound from queue %s: %s", binding.topic.c_str(),
-            binding.queue.c_str(), result.text.c_str());
+        Note(Record(binding, RouteState::leaving), true);
+        return false;
     }
-    return result.answer == Answer::ok;
+    m_bindings[binding].state = RouteState::leaving;
+    Note(Record(binding, RouteState::leaving));
+    return true;
 }
 
 bool Topology::Declare(const std::string& queue)
@@ -631,6 +639,18 @@ RequestResult Topology::Remove(const Binding& binding)
         m_journal.EraseLeaving(binding.queue, binding.topic);
     }
     return result;
+}
+
+Answer Topology::RemoveOrWarn(const Binding& binding)
+{
+    const RequestResult result = Remove(binding);
+    if (result.answer != Answer::ok)
+    {
+        QEL_LOG(
+            vtx::LevelWarning, "topic %s could not be unbound from queue %s: %s", binding.topic.c_str(),
+            binding.queue.c_str(), result.text.c_str());
+    }
+    return result.answer;
 }
 
 Topology::Routes Topology::Unwanted() const

@@ -144,7 +144,7 @@ class Topology
     {
         std::string application;
         Routes wanted;
-        /** Those of wanted.bindings that are new and not asked for yet, in the configuration's order. */
+        /** Those of wanted.bindings that are not in force and not asked for yet, in the configuration's order. */
         std::deque<const Binding*> next;
         std::set<Binding> refused;
         bool withdrawn = false;
@@ -165,7 +165,9 @@ class Topology
     std::vector<Binding> Claim(const Binding& binding);
     void Take(const std::vector<Binding>& asked, const std::vector<RequestResult>& answers);
     void Refuse(const Binding& binding, const std::string& why);
+    bool Leave(const Binding& binding);
     RequestResult Remove(const Binding& binding);
+    Answer RemoveOrWarn(const Binding& binding);
     Routes Unwanted() const;
 
     TopologyPort& m_port;

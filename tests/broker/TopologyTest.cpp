@@ -431,6 +431,39 @@ TEST_F(TopologyTest, WhatWasAskedForAheadAndMayBeThereGoesAtTheEnd)
     EXPECT_EQ(journal->Load(), std::vector<RouteRecord>());
 }
 
+TEST_F(TopologyTest, ABrokerThatDoesNotAnswerIsNotWaitedForAtEachTopicOfTheCleanUp)
+{
+    const std::vector<RouteRecord> wanted = Many(3);
+    for (const RouteRecord& route : wanted)
+    {
+        port.unanswered.insert("bind normal " + route.name);
+        port.unanswered.insert("unbind normal " + route.name);
+        port.bound.insert("normal " + route.name);
+    }
+    topology->Begin("web", wanted);
+    EXPECT_THROW(BindTopic(Name(0)), RmqConnectionException);
+    topology->Withdraw();
+    port.asked.clear();
+    EXPECT_FALSE(topology->End());
+    EXPECT_EQ(port.asked, Asked{"unbind normal " + Name(0)});
+    EXPECT_EQ(topology->Bindings().size(), 0U);
+
+    port.unanswered.clear();
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.bound, std::set<std::string>());
+    EXPECT_EQ(journal->Load(), std::vector<RouteRecord>());
+}
+
+TEST_F(TopologyTest, WhatTheLastProcessDidNotComeToIsAskedForAtOnceToo)
+{
+    const std::vector<RouteRecord> wanted = Many(5);
+    topology->Begin("web", wanted);
+    Restart();
+    Configure("web", wanted);
+    EXPECT_EQ(port.mostAtOnce, wanted.size());
+    EXPECT_EQ(port.bound, Names(wanted));
+}
+
 TEST_F(TopologyTest, AStopWhileTopicsAreAskedForLeavesThemToTheNextProcess)
 {
     port.onAsked = [this](const std::string&) { topology->Freeze(); };
