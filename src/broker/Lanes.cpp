@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -164,7 +165,12 @@ void Lanes::Run(Lane& lane)
 
 void Lanes::TakeTurn(Lane& lane, std::deque<boost::shared_ptr<BrokerMessage>>& batch)
 {
-    const Turn turn;
+    // A handler that may wait for the broker must not keep back what it has sent on its way.
+    std::optional<Turn> turn;
+    if (lane.turnLength > 1)
+    {
+        turn.emplace();
+    }
     for (std::size_t count = 0; count < lane.turnLength && !batch.empty(); ++count)
     {
         inHand = batch.front().get();
@@ -258,20 +264,21 @@ ServingRoute Lanes::RouteOf(const std::string& routingKey, const std::string& qu
 
 void Lanes::Enqueue(Lane& lane, boost::shared_ptr<BrokerMessage> message)
 {
-    bool many = false;
     {
         const std::lock_guard lock(lane.mutex);
         lane.messages.push_back(std::move(message));
-        many = lane.messages.size() >= TURN_LENGTH;
+        if (!lane.idle)
+        {
+            // It looks again before it rests.
+            return;
+        }
+        if (lane.messages.size() >= TURN_LENGTH)
+        {
+            lane.changed.notify_one();
+            return;
+        }
     }
-    if (many)
-    {
-        lane.OnTurnEnd();
-    }
-    else
-    {
-        Turn::AtEnd(lane.shared_from_this());
-    }
+    Turn::AtEnd(lane.shared_from_this());
 }
 
 void Lanes::Lane::OnTurnEnd()

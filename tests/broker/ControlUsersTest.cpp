@@ -2,6 +2,7 @@
 
 #include "broker/BrokerMessage.h"
 #include "broker/Settlement.h"
+#include "broker/SilentListener.h"
 #include "common/MessageTypes.h"
 #include "fakes/LogCapture.h"
 
@@ -21,20 +22,6 @@ namespace
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-/** A link that is never started has nothing to tell. */
-class SilentListener : public LinkListener
-{
-  public:
-    DesiredTopology OnConnected() override { return {}; }
-    void OnRestored() override {}
-    void OnRestoreFailed(const std::string&, const RequestResult&) override {}
-    void OnDisconnected(const std::string&) override {}
-    void OnConsumerCancelled(const std::string&) override {}
-    void OnDelivery(IncomingMessage&&) override {}
-    void OnRefusedDelivery(IncomingMessage&&, const std::string&) override {}
-    void OnGaveUp(const std::string&) override {}
-};
 
 class ControlUsersTest : public testing::TestWithParam<std::string_view>
 {
