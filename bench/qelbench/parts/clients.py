@@ -1,7 +1,7 @@
 """How fast each client library takes messages, on one processor, with a handler that does nothing, and how long a
-message waits for its verdict at 1,000 a second: the delivery's way to the handler and the verdict's way back. The
-agent's side is played by a program that only delivers and counts, on the other processors, so that the client is what
-is measured.
+message waits for its verdict at 1,000 a second: the delivery's way to the handler and the verdict's way back, but for
+the first half second, in which Node.js compiles. The agent's side is played by a program that only delivers and counts,
+on the other processors, so that the client is what is measured.
 """
 
 import json
