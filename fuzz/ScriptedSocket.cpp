@@ -216,6 +216,11 @@ void BrokerSocket::Write(const std::string& bytes, OnTransfer done)
         });
 }
 
+std::size_t BrokerSocket::Waiting()
+{
+    return 0;
+}
+
 void BrokerSocket::Close()
 {
     m_closed = true;

@@ -38,7 +38,7 @@ class Handshakes::Chain : private AmqpConnectionHandler
     void OnMethod(std::uint16_t, const amqp_method_t&) override {}
     void OnContent(std::uint16_t, AmqpContent&&) override {}
     void OnBlocked(bool, const std::string&) override {}
-    void OnTurnEnd() override {}
+    void OnReadEnd() override {}
     void OnWritten() override {}
     void OnClosed(const std::string&) override
     {

@@ -239,17 +239,20 @@ void AmqpConnection::TakeFrames()
     }
     if (m_state == State::open && m_handler != nullptr)
     {
-        m_handler->OnTurnEnd();
+        m_handler->OnReadEnd();
     }
 }
 
 void AmqpConnection::ReadOn(std::size_t count)
 {
     const auto rest = m_pace.After(m_lastReceived, std::exchange(m_messages, 0), count);
-    if (rest.count() > 0)
+    m_waiting -= std::min(m_waiting, count);
+    // What has come during one rest is read before the next: by TLS that takes a read for each record.
+    if (rest.count() > 0 && m_waiting == 0 && !m_paused)
     {
         // The whole thread: what others ask of it meanwhile is done in one go, too, and they need not wake it.
         std::this_thread::sleep_until(m_lastReceived + rest);
+        m_waiting = m_socket->Waiting();
     }
     Read();
 }

@@ -34,7 +34,7 @@ class AmqpConnectionHandler
     /** connection.blocked and connection.unblocked. */
     virtual void OnBlocked(bool blocked, const std::string& reason) = 0;
     /** All frames that were read together are handled. */
-    virtual void OnTurnEnd() = 0;
+    virtual void OnReadEnd() = 0;
     /** Everything sent so far is with the kernel. */
     virtual void OnWritten() = 0;
     /** The end, told once and last: why it failed or ended. */
@@ -157,6 +157,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     ReadPace m_pace;
     /** Contents put together since the last read. */
     std::size_t m_messages = 0;
+    /** What had come by the end of the last rest and is still to be read. */
+    std::size_t m_waiting = 0;
     AmqpPool m_pool;
     std::unordered_map<std::uint16_t, AmqpContent> m_contents;
     /** The bytes of the bodies in m_contents. */

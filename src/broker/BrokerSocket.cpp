@@ -205,6 +205,13 @@ void BrokerSocket::Write(const std::string& bytes, OnTransfer done)
     }
 }
 
+std::size_t BrokerSocket::Waiting()
+{
+    error_code ignored;
+    const std::size_t inside = m_tls ? BIO_ctrl_pending(SSL_get_rbio(m_tls->native_handle())) : 0;
+    return inside + m_socket.available(ignored);
+}
+
 void BrokerSocket::Close()
 {
     m_closed = true;

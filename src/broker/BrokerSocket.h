@@ -44,6 +44,8 @@ class BrokerSocket : public std::enable_shared_from_this<BrokerSocket>
     void Read(char* space, std::size_t size, OnTransfer done);
     void Write(const std::string& bytes, OnTransfer done);
     void Close();
+    /** How many bytes have come and are not read yet; of TLS the encrypted ones, of which a read takes one record. */
+    std::size_t Waiting();
 
     /** What an error of reading or writing means. */
     std::string Explain(const boost::system::error_code& error) const;

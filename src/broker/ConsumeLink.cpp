@@ -243,7 +243,7 @@ void ConsumeLink::OnBlocked(bool, const std::string&)
     // Nothing is published here, so nothing waits.
 }
 
-void ConsumeLink::OnTurnEnd()
+void ConsumeLink::OnReadEnd()
 {
     // Settlements wait for the next batch of them: one for each read would be one for each message.
     if (m_consumers)

@@ -97,7 +97,7 @@ class ConsumeLink : private AmqpConnectionHandler
     void OnMethod(std::uint16_t channel, const amqp_method_t& method) override;
     void OnContent(std::uint16_t channel, AmqpContent&& content) override;
     void OnBlocked(bool blocked, const std::string& reason) override;
-    void OnTurnEnd() override;
+    void OnReadEnd() override;
     void OnWritten() override {}
     void OnClosed(const std::string& why) override;
 

@@ -72,7 +72,7 @@ class LeavingConnection : private AmqpConnectionHandler, public std::enable_shar
     void OnMethod(std::uint16_t channel, const amqp_method_t& method) override;
     void OnContent(std::uint16_t channel, AmqpContent&& content) override;
     void OnBlocked(bool, const std::string&) override {}
-    void OnTurnEnd() override { Flush(); }
+    void OnReadEnd() override { Flush(); }
     void OnWritten() override {}
     void OnClosed(const std::string& why) override;
 

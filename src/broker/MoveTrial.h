@@ -71,7 +71,7 @@ class MoveTrial : private AmqpConnectionHandler, public std::enable_shared_from_
         void OnMethod(std::uint16_t, const amqp_method_t&) override {}
         void OnContent(std::uint16_t, AmqpContent&&) override {}
         void OnBlocked(bool, const std::string&) override {}
-        void OnTurnEnd() override {}
+        void OnReadEnd() override {}
         void OnWritten() override {}
         void OnClosed(const std::string& why) override;
 
@@ -83,7 +83,7 @@ class MoveTrial : private AmqpConnectionHandler, public std::enable_shared_from_
     void OnMethod(std::uint16_t channel, const amqp_method_t& method) override;
     void OnContent(std::uint16_t, AmqpContent&&) override {}
     void OnBlocked(bool, const std::string&) override {}
-    void OnTurnEnd() override {}
+    void OnReadEnd() override {}
     void OnWritten() override {}
     void OnClosed(const std::string& why) override;
 

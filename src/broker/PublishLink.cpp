@@ -408,7 +408,7 @@ void PublishLink::NoteBlocked(bool blocked)
     }
 }
 
-void PublishLink::OnTurnEnd()
+void PublishLink::OnReadEnd()
 {
     Pump();
     CheckIdle();

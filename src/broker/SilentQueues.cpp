@@ -133,7 +133,7 @@ void SilentQueues::OnMethod(std::uint16_t channel, const amqp_method_t& method)
     }
 }
 
-void SilentQueues::OnTurnEnd()
+void SilentQueues::OnReadEnd()
 {
     if (!m_channels.empty() && m_answered.size() == m_channels.size())
     {

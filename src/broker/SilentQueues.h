@@ -55,7 +55,7 @@ class SilentQueues : private AmqpConnectionHandler
     void OnMethod(std::uint16_t channel, const amqp_method_t& method) override;
     void OnContent(std::uint16_t, AmqpContent&&) override {}
     void OnBlocked(bool, const std::string&) override {}
-    void OnTurnEnd() override;
+    void OnReadEnd() override;
     void OnWritten() override {}
     void OnClosed(const std::string& why) override;
 
