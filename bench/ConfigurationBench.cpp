@@ -169,7 +169,8 @@ class Scene
     const boost::shared_ptr<RmqClient> m_client = boost::make_shared<Fakes::TopologyClient>(m_topology);
     const boost::shared_ptr<AgentMsgHandler> m_handler = boost::make_shared<AgentMsgHandler>(
         HandlerCollaborators{m_registry, m_appRegistry, {}, m_client, m_info, {}},
-        ConfigurationKeepers{m_topology, m_subscriptions, m_log}, [](const std::string&) {});
+        ConfigurationKeepers{m_topology, m_subscriptions, m_log},
+        ConfigurationEvents{[](const std::string&) {}, [] {}});
 };
 
 /** Carries out `first` and `second` in turns; only `second` is timed when the first one is there to clear up. */

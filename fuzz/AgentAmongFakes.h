@@ -169,7 +169,8 @@ class AgentAmongFakes
     const boost::shared_ptr<Fakes::TopologyClient> m_client = boost::make_shared<Fakes::TopologyClient>(m_topology);
     const boost::shared_ptr<AgentMsgHandler> m_handler = boost::make_shared<AgentMsgHandler>(
         HandlerCollaborators{m_routes, m_registry, m_dispatcher, m_client, m_info, m_endpoint},
-        ConfigurationKeepers{m_topology, m_subscriptions, m_log}, [](const std::string&) {});
+        ConfigurationKeepers{m_topology, m_subscriptions, m_log},
+        ConfigurationEvents{[](const std::string&) {}, [] {}});
 };
 
 } // namespace VtxQel::Fuzz

@@ -47,7 +47,7 @@ class Recorder : public AmqpConnectionHandler
     {
         Note((blocked ? "blocked " : "unblocked ") + reason, true);
     }
-    void OnReadEnd() override { Require(m_open && !m_closed, "turns end while the connection is open"); }
+    void OnReadEnd() override { Require(m_open && !m_closed, "reads end while the connection is open"); }
     void OnWritten() override { Require(m_open && !m_closed, "bytes are written while the connection is open"); }
     void OnClosed(const std::string& why) override
     {

@@ -94,7 +94,9 @@ Agent::Agent(AgentConfig config, std::vector<ApplicationSettings> applications)
       m_handler(boost::make_shared<AgentMsgHandler>(
           HandlerCollaborators{m_routingRegistry, m_appRegistry, m_dispatcher, m_client, m_info, m_endpointController},
           ConfigurationKeepers{m_client->Routes(), m_subscriptions, m_configurations},
-          [this](const std::string& application) { m_requests.AskLater(application); })),
+          ConfigurationEvents{
+              [this](const std::string& application) { m_requests.AskLater(application); },
+              [this] { m_chores.Post([this] { RemoveOrphans(FIRST_ORPHAN_DELAY); }); }})),
       m_report(
           m_config.id, m_config.broker,
           ReportSources{
@@ -272,10 +274,16 @@ void Agent::TellBrokerState()
 
 void Agent::RemoveOrphans(std::chrono::seconds retryAfter)
 {
-    if (!m_client->Routes().RemoveOrphans())
+    if (!m_client->Routes().RemoveOrphans() && !m_orphansDue)
     {
+        m_orphansDue = true;
         m_chores.After(
-            retryAfter, [this, retryAfter] { RemoveOrphans(std::min(2 * retryAfter, LONGEST_ORPHAN_DELAY)); });
+            retryAfter,
+            [this, retryAfter]
+            {
+                m_orphansDue = false;
+                RemoveOrphans(std::min(2 * retryAfter, LONGEST_ORPHAN_DELAY));
+            });
     }
 }
 

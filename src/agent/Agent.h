@@ -87,6 +87,8 @@ class Agent
     Scheduler m_timers;
     /** For what waits for the broker: orphans, applications that are gone. */
     Scheduler m_chores;
+    /** Whether the removal of orphans is going to be repeated: once, however often it is asked for. By the chores. */
+    bool m_orphansDue = false;
     MemoryTrimmer m_memory;
     Journal m_journal;
     ConfigurationLog m_configurations;

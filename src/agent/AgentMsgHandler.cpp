@@ -47,13 +47,12 @@ std::vector<RouteRecord> RoutesOf(const std::string& application, const AppInitC
 } // namespace
 
 AgentMsgHandler::AgentMsgHandler(
-    const HandlerCollaborators& collaborators, const ConfigurationKeepers& keepers,
-    std::function<void(const std::string& application)> onFailed)
+    const HandlerCollaborators& collaborators, const ConfigurationKeepers& keepers, ConfigurationEvents events)
     : QelMsgHandler(
           collaborators.routingRegistry, collaborators.appRegistry, collaborators.appDispatcher,
           collaborators.rmqClient, collaborators.rmqInfo, collaborators.endpointController),
       m_collaborators(collaborators), m_topology(keepers.topology), m_subscriptions(keepers.subscriptions),
-      m_log(keepers.log), m_onFailed(std::move(onFailed))
+      m_log(keepers.log), m_events(std::move(events))
 {
 }
 
@@ -223,11 +222,15 @@ void AgentMsgHandler::Close(const Frame& frame, bool succeeded, const std::strin
     {
         m_topology.Withdraw();
     }
-    m_topology.End();
+    const bool clean = m_topology.End();
     if (m_topology.IsFrozen())
     {
         // The process is stopping: the broker keeps the configuration for the next one, which finds things as they are.
         return;
+    }
+    if (!clean)
+    {
+        m_events.orphaned();
     }
     AlignRegistry(frame.keys);
     if (succeeded)
@@ -236,7 +239,7 @@ void AgentMsgHandler::Close(const Frame& frame, bool succeeded, const std::strin
         return;
     }
     m_subscriptions.Abort(frame.application, error);
-    m_onFailed(frame.application);
+    m_events.failed(frame.application);
 }
 
 void AgentMsgHandler::AlignRegistry(const std::set<std::string>& keys)

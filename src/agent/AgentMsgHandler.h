@@ -38,6 +38,15 @@ struct ConfigurationKeepers
     ConfigurationLog& log;
 };
 
+/** Who is told how configurations end. Neither may block. */
+struct ConfigurationEvents
+{
+    /** This application's could not be carried out. */
+    std::function<void(const std::string& application)> failed;
+    /** Something that nobody uses any more is still on the broker. */
+    std::function<void()> orphaned;
+};
+
 /**
  * The agent's message handler: the handler's operations, framed by what only the agent knows.
  *
@@ -49,10 +58,8 @@ struct ConfigurationKeepers
 class AgentMsgHandler : public QelMsgHandler
 {
   public:
-    /** @param onFailed told the application whose configuration could not be carried out; must not block. */
     AgentMsgHandler(
-        const HandlerCollaborators& collaborators, const ConfigurationKeepers& keepers,
-        std::function<void(const std::string& application)> onFailed);
+        const HandlerCollaborators& collaborators, const ConfigurationKeepers& keepers, ConfigurationEvents events);
 
     bool HandleSyncResponse(boost::shared_ptr<RmqMessage> msg) override;
     int ParseAppInitConfig(
@@ -98,7 +105,7 @@ class AgentMsgHandler : public QelMsgHandler
     Topology& m_topology;
     Subscriptions& m_subscriptions;
     ConfigurationLog& m_log;
-    const std::function<void(const std::string& application)> m_onFailed;
+    const ConfigurationEvents m_events;
     /** Held while a configuration is carried out; guards m_frame. */
     std::mutex m_turn;
     std::optional<Frame> m_frame;

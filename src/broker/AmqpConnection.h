@@ -157,7 +157,8 @@ class AmqpConnection : public std::enable_shared_from_this<AmqpConnection>
     ReadPace m_pace;
     /** Contents put together since the last read. */
     std::size_t m_messages = 0;
-    /** What had come by the end of the last rest and is still to be read. */
+    /** What had come by the end of the last rest and is still to be read, roughly: by TLS less comes out than came in.
+     */
     std::size_t m_waiting = 0;
     AmqpPool m_pool;
     std::unordered_map<std::uint16_t, AmqpContent> m_contents;

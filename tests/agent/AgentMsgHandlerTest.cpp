@@ -54,7 +54,7 @@ class AgentMsgHandlerTest : public testing::Test
         handler = boost::make_shared<AgentMsgHandler>(
             HandlerCollaborators{registry, appRegistry, dispatcher, client, info, endpoint},
             ConfigurationKeepers{*topology, *subscriptions, *log},
-            [this](const std::string& name) { failed.push_back(name); });
+            ConfigurationEvents{[this](const std::string& name) { failed.push_back(name); }, [this] { ++orphaned; }});
         for (const std::string& queue : {info->clientQueue, info->priorityQueue})
         {
             registry->Add(
@@ -118,6 +118,7 @@ class AgentMsgHandlerTest : public testing::Test
     boost::shared_ptr<Fakes::TopologyClient> client;
     boost::shared_ptr<AgentMsgHandler> handler;
     std::vector<std::string> failed;
+    int orphaned = 0;
 };
 
 TEST_F(AgentMsgHandlerTest, AConfigurationIsInForceEverywhere)
@@ -205,6 +206,17 @@ TEST_F(AgentMsgHandlerTest, ABindWithoutAnswerPassesThroughAndLeavesNothing)
     EXPECT_THROW(Configure("web", Config({{"a", 0}, {"b", 0}})), RmqConnectionException);
     EXPECT_EQ(port.bound, std::set<std::string>());
     EXPECT_EQ(topology->Bindings(), std::vector<Binding>());
+}
+
+TEST_F(AgentMsgHandlerTest, WhatTheCleanUpCouldNotRemoveIsTold)
+{
+    port.unanswered = {"bind normal b", "unbind normal b"};
+    EXPECT_THROW(Configure("web", Config({{"b", 0}})), RmqConnectionException);
+    EXPECT_EQ(orphaned, 1);
+    EXPECT_EQ(failed, Asked{"web"});
+    port.unanswered.clear();
+    EXPECT_TRUE(topology->RemoveOrphans());
+    EXPECT_EQ(port.bound, std::set<std::string>());
 }
 
 TEST_F(AgentMsgHandlerTest, ASharedTopicSurvivesTheOtherApplication)

@@ -7,11 +7,14 @@
 #include <boost/make_shared.hpp>
 #include <gtest/gtest.h>
 
-#include <chrono>
+#include <atomic>
+#include <cstddef>
 #include <future>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace VtxQel
 {
