@@ -28,8 +28,10 @@ def _version(text):
 
 
 def commit():
-    """The commit that was measured; "dirty" when the tree had changes."""
-    return _output(["git", "-C", ROOT, "describe", "--always", "--dirty", "--exclude", "*"])
+    """The commit that was measured; "dirty" when the tree had changes other than the pages that we write."""
+    git = ["git", "-C", ROOT]
+    changed = _output([*git, "status", "--porcelain", "--untracked-files=no", "--", ":/", ":(exclude)docs/benchmarks*"])
+    return _output([*git, "describe", "--always", "--exclude", "*"]) + ("-dirty" if changed else "")
 
 
 def load():
