@@ -2,6 +2,7 @@
 
 #include "broker/BrokerMessage.h"
 #include "broker/Settlement.h"
+#include "broker/SilentListener.h"
 
 #include <boost/make_shared.hpp>
 
@@ -12,7 +13,7 @@ namespace VtxQel::Fuzz
 {
 
 /** What messages need around them, made once: a settlement whose link never connects. */
-class SilentBroker : private LinkListener
+class SilentBroker
 {
   public:
     static SilentBroker& Instance()
@@ -31,15 +32,6 @@ class SilentBroker : private LinkListener
   private:
     SilentBroker() = default;
 
-    DesiredTopology OnConnected() override { return {}; }
-    void OnRestored() override {}
-    void OnRestoreFailed(const std::string&, const RequestResult&) override {}
-    void OnDisconnected(const std::string&) override {}
-    void OnConsumerCancelled(const std::string&) override {}
-    void OnDelivery(IncomingMessage&&) override {}
-    void OnRefusedDelivery(IncomingMessage&&, const std::string&) override {}
-    void OnGaveUp(const std::string&) override {}
-
     static LinkSettings Settings()
     {
         LinkSettings settings;
@@ -57,7 +49,8 @@ class SilentBroker : private LinkListener
 
     const RmqInfo m_info = Info();
     const ApplicationNames m_names = [](const std::string&, const std::string& key, const std::string&) { return key; };
-    BrokerLink m_link{Settings(), *this};
+    SilentListener m_listener;
+    BrokerLink m_link{Settings(), m_listener};
     Scheduler m_worker{"fuzz"};
     Settlement m_settlement{m_link, m_info, m_worker, [](const std::string&) { return true; }};
 };
