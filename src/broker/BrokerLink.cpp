@@ -43,7 +43,7 @@ constexpr std::chrono::microseconds SETTLEMENT_DELAY{500};
 /** A quorum queue forgets acknowledgements that it has not worked off when their channel ends. */
 constexpr Milliseconds SETTLED{100};
 
-std::shared_ptr<TopologyRequest> Request(Kind kind, const std::string& queue)
+std::shared_ptr<TopologyRequest> MakeRequest(Kind kind, const std::string& queue)
 {
     auto request = std::make_shared<TopologyRequest>();
     request->kind = kind;
@@ -51,7 +51,7 @@ std::shared_ptr<TopologyRequest> Request(Kind kind, const std::string& queue)
     return request;
 }
 
-std::shared_ptr<TopologyRequest> Request(Kind kind, const Binding& binding)
+std::shared_ptr<TopologyRequest> MakeRequest(Kind kind, const Binding& binding)
 {
     auto request = std::make_shared<TopologyRequest>();
     request->kind = kind;
@@ -452,7 +452,7 @@ std::vector<RequestResult> BrokerLink::Bind(const std::vector<Binding>& bindings
     requests.reserve(bindings.size());
     for (const Binding& binding : bindings)
     {
-        requests.push_back(Request(Kind::bind, binding));
+        requests.push_back(MakeRequest(Kind::bind, binding));
     }
     std::vector<RequestResult> results;
     results.reserve(bindings.size());
@@ -465,37 +465,37 @@ std::vector<RequestResult> BrokerLink::Bind(const std::vector<Binding>& bindings
 
 RequestResult BrokerLink::Unbind(const Binding& binding, std::chrono::milliseconds deadline)
 {
-    return m_impl->Call(Request(Kind::unbind, binding), deadline);
+    return m_impl->Call(MakeRequest(Kind::unbind, binding), deadline);
 }
 
 RequestResult BrokerLink::DeclareExchange(const ExchangeSpec& exchange, std::chrono::milliseconds deadline)
 {
-    const auto request = Request(Kind::declareExchange, std::string());
+    const auto request = MakeRequest(Kind::declareExchange, std::string());
     request->exchange = exchange;
     return m_impl->Call(request, deadline);
 }
 
 RequestResult BrokerLink::DeclareQueue(const QueueSpec& queue, std::chrono::milliseconds deadline)
 {
-    const auto request = Request(Kind::declareQueue, queue.name);
+    const auto request = MakeRequest(Kind::declareQueue, queue.name);
     request->queue = queue;
     return m_impl->Call(request, deadline);
 }
 
 RequestResult BrokerLink::CancelQueue(const std::string& queue, std::chrono::milliseconds deadline)
 {
-    return m_impl->Call(Request(Kind::cancelQueue, queue), deadline);
+    return m_impl->Call(MakeRequest(Kind::cancelQueue, queue), deadline);
 }
 
 RequestResult BrokerLink::ReleaseQueue(const std::string& queue, std::chrono::milliseconds deadline)
 {
-    return m_impl->Call(Request(Kind::releaseQueue, queue), deadline);
+    return m_impl->Call(MakeRequest(Kind::releaseQueue, queue), deadline);
 }
 
 RequestResult BrokerLink::CountMessages(
     const std::string& queue, std::chrono::milliseconds deadline, QueueCounts& counts)
 {
-    const Impl::Reply reply = m_impl->Call(std::vector{Request(Kind::countMessages, queue)}, deadline).front();
+    const Impl::Reply reply = m_impl->Call(std::vector{MakeRequest(Kind::countMessages, queue)}, deadline).front();
     if (reply.result.answer == Answer::ok)
     {
         counts = reply.counts;

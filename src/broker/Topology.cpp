@@ -92,8 +92,7 @@ void Topology::Begin(const std::string& application, const std::vector<RouteReco
             {
                 intents.push_back({Record(binding, RouteState::intended)});
             }
-            // Also what the last process had intended and not come to.
-            if (isNew && !IsInForce(binding))
+            if (isNew)
             {
                 m_frame->next.push_back(&*place);
             }

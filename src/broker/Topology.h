@@ -144,7 +144,7 @@ class Topology
     {
         std::string application;
         Routes wanted;
-        /** Those of wanted.bindings that are not in force and not asked for yet, in the configuration's order. */
+        /** Those of wanted.bindings that have not been looked at for asking yet, in the configuration's order. */
         std::deque<const Binding*> next;
         std::set<Binding> refused;
         bool withdrawn = false;
