@@ -77,12 +77,15 @@ def test_configure_publish_attach(world):
     assert applied["queues"] == [queue]
 
     worked(qelctl(*broker, "publish", "--exchange", agent.exchange, "--routing-key", "a.two", "--type", "my.type",
-                  "--header", "colour=red", "--mandatory", "hello"))
+                  "--header", "colour=red", "--mandatory", "--correlation-id", "c1", "--reply-to", "answers",
+                  "--content-type", "text/plain", "--expiration", "60000", "hello"))
     delivery = application.wait_for(lambda line: line.get("body") == "hello", "the message")
     assert delivery["routingKey"] == "a.two"
     assert delivery["type"] == "my.type"
     assert delivery["headers"] == {"colour": "red"}
     assert delivery["priority"] is True
+    assert (delivery["correlationId"], delivery["replyTo"]) == ("c1", "answers")
+    assert (delivery["contentType"], delivery["expiration"]) == ("text/plain", "60000")
     worked(qelctl(*broker, "publish", "--routing-key", queue, "by queue"))
     application.wait_for(lambda line: line.get("body") == "by queue", "the message of the queue")
 

@@ -41,6 +41,13 @@ CLI::App* PublishCommand::Register(CLI::App& root)
     verb->add_option("--type", m_properties.type, "The message's type")->type_name("TYPE");
     verb->add_option("--app-id", m_properties.appId, "The application it is for")->type_name("APP");
     verb->add_option("--message-id", m_properties.messageId, "The message's id")->type_name("ID");
+    verb->add_option("--correlation-id", m_properties.correlationId, "What an answer shall be told by")
+        ->type_name("ID");
+    verb->add_option("--reply-to", m_properties.replyTo, "The queue for an answer")->type_name("QUEUE");
+    verb->add_option("--content-type", m_properties.contentType, "What the body is, such as application/json")
+        ->type_name("TYPE");
+    verb->add_option("--expiration", m_expiration, "Milliseconds after which a queue drops it or dead-letters it")
+        ->type_name("MS");
     verb->add_option("--header", m_headers, "A header, text; may be repeated")
         ->type_name("NAME=VALUE")
         ->allow_extra_args(false);
@@ -74,6 +81,10 @@ OutgoingMessage PublishCommand::MakeMessage() const
     if (m_priority)
     {
         message.properties.priority = static_cast<std::uint8_t>(*m_priority);
+    }
+    if (m_expiration)
+    {
+        message.properties.expiration = std::to_string(*m_expiration);
     }
     message.properties.deliveryMode = static_cast<std::uint8_t>(m_persistent ? 2 : 1);
     message.mandatory = m_mandatory;

@@ -29,6 +29,7 @@ class PublishCommand : public Command
     RmqProperties m_properties;
     std::vector<std::string> m_headers;
     std::optional<unsigned> m_priority;
+    std::optional<std::uint32_t> m_expiration;
     bool m_persistent = false;
     bool m_mandatory = false;
     std::uint64_t m_count = 1;
