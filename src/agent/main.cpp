@@ -8,6 +8,7 @@
 #include "logging/Log.h"
 
 #include <CLI/CLI.hpp>
+#include <absl/synchronization/mutex.h>
 
 #include <csignal>
 #include <cstdio>
@@ -149,6 +150,9 @@ void Reload(Agent& agent, const std::string& file)
 int Run(const std::string& file)
 {
     TuneAllocator();
+    // Debian builds Abseil with the checks of a debug build: without this, each lock that gRPC takes would also take
+    // one global lock, to record the order of locks.
+    absl::SetMutexDeadlockDetectionMode(absl::OnDeadlockCycle::kIgnore);
     const sigset_t signals = AwaitedSignals();
     ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
