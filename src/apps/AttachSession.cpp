@@ -21,6 +21,8 @@ constexpr std::uint32_t longestRetryDelay = 900000;
 constexpr std::size_t mostInBatch = 64;
 constexpr std::size_t mostBytesInBatch = 1048576;
 constexpr std::size_t mostBytesKept = 65536;
+/** From here on it is dearer to copy a body than to send it from where it is, as a piece of its own. */
+constexpr std::size_t largeBody = 16384;
 
 grpc::StatusCode CodeOf(SessionEnd why)
 {
@@ -175,11 +177,14 @@ void AttachSession::Flush()
         m_writing = true;
     }
     // Without the lock: enqueuing, for which the application's lock is held, does not wait for it.
-    if (!m_batch.empty())
+    if (m_batch.empty())
     {
-        FillDeliveries();
+        Serialize(m_response, m_toSend);
     }
-    Serialize(m_response, m_toSend);
+    else
+    {
+        SerializeBatch();
+    }
     StartWrite(&m_toSend);
 }
 
@@ -209,6 +214,8 @@ void AttachSession::OnWriteDone(bool /*ok*/)
     // A write that failed is followed by a read that fails and by OnCancel, which end the session.
     std::unique_lock lock(m_mutex);
     m_writing = false;
+    // An idle stream would keep the bodies that it has sent last.
+    m_toSend.Clear();
     if (m_batchBytes > mostBytesKept)
     {
         // Otherwise the response is reused, and its memory with it.
@@ -389,8 +396,14 @@ bool AttachSession::TakeNext()
         return true;
     }
     m_batchBytes = 0;
-    while (!m_outbox.empty() && m_batch.size() < mostInBatch && m_batchBytes < mostBytesInBatch)
+    bool isLarge = false;
+    while (!m_outbox.empty() && m_batch.size() < mostInBatch && m_batchBytes < mostBytesInBatch && !isLarge)
     {
+        isLarge = m_outbox.front().message->GetBodyLength() >= largeBody;
+        if (isLarge && !m_batch.empty())
+        {
+            break;
+        }
         m_batchBytes += m_outbox.front().message->GetFootprint();
         m_batch.push_back(std::move(m_outbox.front()));
         m_outbox.pop_front();
@@ -398,8 +411,23 @@ bool AttachSession::TakeNext()
     return !m_batch.empty();
 }
 
-/** Makes the response of the batch. */
-void AttachSession::FillDeliveries()
+/** Makes what is to be sent of the batch: one large body, or several others. */
+void AttachSession::SerializeBatch()
+{
+    const auto body = m_batch.front().message->GetBody();
+    const bool isLarge = body->length >= largeBody;
+    FillDeliveries(!isLarge);
+    if (isLarge)
+    {
+        Serialize(m_response.deliveries().deliveries(0), body, m_toSend);
+    }
+    else
+    {
+        Serialize(m_response, m_toSend);
+    }
+}
+
+void AttachSession::FillDeliveries(bool withBodies)
 {
     auto& deliveries = *m_response.mutable_deliveries()->mutable_deliveries();
     int count = 0;
@@ -412,6 +440,11 @@ void AttachSession::FillDeliveries()
         }
         proto::Delivery& delivery = count < deliveries.size() ? deliveries[count] : *deliveries.Add();
         ToProto(next, m_context.subscriptions.IsPriorityQueue(next.message->GetQueue()), delivery);
+        const auto body = next.message->GetBody();
+        if (withBodies && body->length != 0)
+        {
+            delivery.set_body(body->bytes, body->length);
+        }
         delivery.set_idempotency_key(
             IdempotencyKey(m_context.application->Name(), next.message->GetProperties()->messageId));
         ++count;

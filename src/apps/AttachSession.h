@@ -85,7 +85,8 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     void CheckHello();
     void Note(bool& due);
     bool TakeNext();
-    void FillDeliveries();
+    void SerializeBatch();
+    void FillDeliveries(bool withBodies);
     void EndWith(const grpc::Status& status);
     void Detach();
     void LogEnd();

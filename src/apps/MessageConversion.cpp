@@ -319,19 +319,11 @@ void ToProto(const RmqProperties& properties, proto::Properties& out)
 void ToProto(const SessionDelivery& delivery, bool isPriority, proto::Delivery& out)
 {
     const Delivery& message = *delivery.message;
-    const auto body = message.GetBody();
     out.set_delivery_id(delivery.id);
     out.set_exchange(Text(message.GetExchange()));
     out.set_routing_key(message.GetRoutingKey());
     out.set_queue(message.GetQueue());
-    if (body->length != 0)
-    {
-        out.set_body(body->bytes, body->length);
-    }
-    else
-    {
-        out.clear_body();
-    }
+    out.clear_body();
     ToProto(*message.GetProperties(), *out.mutable_properties());
     out.set_redelivered(delivery.redelivered);
     out.set_tries(delivery.tries);

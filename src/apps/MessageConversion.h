@@ -18,7 +18,7 @@ namespace VtxQel
  */
 void ToProto(const RmqProperties& properties, qel::apps::v1::Properties& proto);
 
-/** Fills a delivery for an application but for its idempotency key, in place of what is there. */
+/** Fills a delivery for an application but for its body and its idempotency key, in place of what is there. */
 void ToProto(const SessionDelivery& delivery, bool isPriority, qel::apps::v1::Delivery& proto);
 
 /** Fills the state of a configuration; of very long lists the beginning, and says so. */

@@ -1,5 +1,9 @@
 #pragma once
 
+#include "common/RmqMessage.h"
+#include "qel/apps/v1/applications.pb.h"
+
+#include <boost/shared_ptr.hpp>
 #include <google/protobuf/message_lite.h>
 #include <grpcpp/support/byte_buffer.h>
 
@@ -19,5 +23,13 @@ std::string Parse(grpc::ByteBuffer& bytes, google::protobuf::MessageLite& messag
 
 /** The message as it goes to a peer. */
 void Serialize(const google::protobuf::MessageLite& message, grpc::ByteBuffer& bytes);
+
+/**
+ * A response with this one delivery as it goes to a peer. The body is not copied but sent from where it is; its record
+ * is held until then.
+ * @param delivery has none, and nothing may be changed in it meanwhile.
+ */
+void Serialize(
+    const qel::apps::v1::Delivery& delivery, const boost::shared_ptr<RmqBody>& body, grpc::ByteBuffer& bytes);
 
 } // namespace VtxQel

@@ -106,7 +106,7 @@ class BrokerReceipt : public Receipt
 } // namespace
 
 BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement, const ApplicationNames& names)
-    : m_incoming(std::move(incoming)), m_settlement(settlement), m_names(names)
+    : m_incoming(std::move(incoming)), m_body(boost::make_shared<Body>()), m_settlement(settlement), m_names(names)
 {
     m_parkedFor = m_settlement.ParkedApplication(m_incoming.queue);
     if (!m_parkedFor.empty())
@@ -117,8 +117,9 @@ BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement,
     {
         m_tries = CountedTries();
     }
-    m_body = RmqBody{m_incoming.body.size(), reinterpret_cast<const std::uint8_t*>(m_incoming.body.data())};
-    m_footprint = m_incoming.body.size() + FootprintOf(*m_incoming.properties);
+    m_body->bytes = std::move(m_incoming.body);
+    m_body->record = {m_body->bytes.size(), reinterpret_cast<const std::uint8_t*>(m_body->bytes.data())};
+    m_footprint = GetBodyLength() + FootprintOf(*m_incoming.properties);
     m_settlement.Hold(HeldBytes());
 }
 
@@ -137,8 +138,7 @@ std::size_t BrokerMessage::HeldBytes() const
 
 boost::shared_ptr<RmqBody> BrokerMessage::GetBody() const
 {
-    // Shares the message's own count: the bytes live as long as the record is held.
-    return {shared_from_this(), &m_body};
+    return {m_body, &m_body->record};
 }
 
 const std::string& BrokerMessage::GetAppName() const
@@ -161,7 +161,7 @@ std::string BrokerMessage::ToString() const
            ", routing key: " + Printable(m_incoming.routingKey) + ", type: " + Printable(properties.type) +
            ", app-id: " + Printable(properties.appId) + ", message-id: " + Printable(properties.messageId) +
            ", delivery tag: " + std::to_string(m_incoming.tag.tag) + (m_incoming.redelivered ? ", redelivered" : "") +
-           ", body: " + std::to_string(m_incoming.body.size()) + " bytes}";
+           ", body: " + std::to_string(GetBodyLength()) + " bytes}";
 }
 
 boost::shared_ptr<Receipt> BrokerMessage::Expect(const std::string& application)

@@ -40,7 +40,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     BrokerMessage& operator=(const BrokerMessage&) = delete;
 
     boost::shared_ptr<RmqBody> GetBody() const override;
-    std::size_t GetBodyLength() const override { return m_incoming.body.size(); }
+    std::size_t GetBodyLength() const override { return m_body->record.length; }
     std::size_t GetFootprint() const override { return m_footprint; }
     /** Asks for the name at the first call, so that messages that nobody asks cost nothing. */
     const std::string& GetAppName() const override;
@@ -65,6 +65,7 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     /** How often the lane has tried the handler with it in vain, this time included. Only the lane calls it. */
     std::uint32_t CountFailure();
 
+    /** As it came, but for its body. */
     const IncomingMessage& Incoming() const { return m_incoming; }
     /** What a line of the log has beside its text when it is about this message. */
     LogFields FieldsForLog() const { return {m_incoming.properties->messageId, GetAppName(), m_incoming.tag.tag}; }
@@ -85,14 +86,21 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     std::uint32_t CountedTries() const;
     DeliveryCounters& Counters() const;
 
+    /** Of its own: what still sends the bytes must not keep the message, which is settled with its last owner. */
+    struct Body
+    {
+        std::string bytes;
+        RmqBody record{};
+    };
+
     IncomingMessage m_incoming;
+    boost::shared_ptr<Body> m_body;
     Settlement& m_settlement;
     const ApplicationNames& m_names;
     std::string m_parkedFor;
     std::size_t m_footprint = 0;
     std::uint32_t m_tries = 0;
     std::uint32_t m_failures = 0;
-    mutable RmqBody m_body{};
     mutable std::once_flag m_named;
     mutable std::string m_appName;
     /** The lane and every receiver that has not answered. */

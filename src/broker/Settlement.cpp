@@ -198,7 +198,8 @@ void Settlement::Publish(Copy copy)
         original.headers.clear();
     }
     outgoing.properties = CopiedProperties(original, copy.headers);
-    outgoing.body = copy.message->Incoming().body;
+    const auto body = copy.message->GetBody();
+    outgoing.body.assign(reinterpret_cast<const char*>(body->bytes), body->length);
     outgoing.mandatory = true;
     m_link.Publish(
         std::move(outgoing), [this, copy = std::move(copy)](PublishResult result, const std::string& why)

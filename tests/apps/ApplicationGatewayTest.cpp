@@ -370,6 +370,22 @@ TEST_F(GatewayTest, ManyDeliveriesComeInOrderAndInBatches)
     EXPECT_LT(client.Batches().size(), bodies.size());
 }
 
+TEST_F(GatewayTest, BodiesOfAnySizeComeInOrder)
+{
+    m_settings[0].window = 1000;
+    Reload();
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first");
+    std::vector<std::string> bodies;
+    for (std::size_t number = 0; number < 60; ++number)
+    {
+        const std::size_t size = (number % 4) * 16000;
+        bodies.push_back(std::to_string(number) + std::string(size, static_cast<char>('a' + number % 26)));
+    }
+    Dispatch("first", bodies);
+    EXPECT_EQ(BodiesOf(client.ReadDeliveries(bodies.size())), bodies);
+}
+
 TEST_F(GatewayTest, ABatchOfLargeBodiesStaysSmall)
 {
     TestClient client(PathOf("first"));

@@ -124,13 +124,13 @@ class FakeDelivery : public Delivery
   public:
     FakeDelivery(AnswerLog& log, FakeMessage message)
         : m_log(log), m_message(std::move(message)),
-          m_properties(boost::make_shared<RmqProperties>(m_message.properties)), m_body(boost::make_shared<RmqBody>())
+          m_properties(boost::make_shared<RmqProperties>(m_message.properties)), m_body(boost::make_shared<Body>())
     {
-        m_body->length = m_message.body.size();
-        m_body->bytes = reinterpret_cast<const std::uint8_t*>(m_message.body.data());
+        m_body->bytes = m_message.body;
+        m_body->record = {m_body->bytes.size(), reinterpret_cast<const std::uint8_t*>(m_body->bytes.data())};
     }
-    boost::shared_ptr<RmqBody> GetBody() const override { return m_body; }
-    std::size_t GetBodyLength() const override { return m_body->length; }
+    boost::shared_ptr<RmqBody> GetBody() const override { return {m_body, &m_body->record}; }
+    std::size_t GetBodyLength() const override { return m_message.body.size(); }
     const std::string& GetAppName() const override { return m_message.properties.appId; }
     boost::shared_ptr<RmqProperties> GetProperties() const override { return m_properties; }
     std::string ToString() const override { return m_message.body; }
@@ -160,11 +160,18 @@ class FakeDelivery : public Delivery
     std::atomic<bool> isCurrent{true};
 
   private:
+    /** Outlives the message with whoever holds the record. */
+    struct Body
+    {
+        std::string bytes;
+        RmqBody record{};
+    };
+
     AnswerLog& m_log;
     const FakeMessage m_message;
     const std::string m_exchange = "exchange";
     const boost::shared_ptr<RmqProperties> m_properties;
-    const boost::shared_ptr<RmqBody> m_body;
+    const boost::shared_ptr<Body> m_body;
     mutable std::mutex m_mutex;
     std::vector<std::string> m_expected;
 };
