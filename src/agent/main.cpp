@@ -8,8 +8,8 @@
 #include "logging/Log.h"
 
 #include <CLI/CLI.hpp>
-#include <absl/synchronization/mutex.h>
 
+#include <absl/synchronization/mutex.h>
 #include <csignal>
 #include <cstdio>
 #include <exception>

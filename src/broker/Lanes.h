@@ -50,7 +50,7 @@ class Lanes
     void Start();
     /** Hands a delivery to its lane. Any thread; does not wait. */
     void Push(boost::shared_ptr<BrokerMessage> message);
-    /** Each lane finishes the few messages in its hands and drops the others, which stay with the broker. Idempotent. */
+    /** Each lane finishes the few in its hands and drops the others, which stay with the broker. Idempotent. */
     void Stop();
 
     /** The route of a message from this queue; its key is one of the arguments, or the client queue's name. */
