@@ -1,8 +1,9 @@
 // The least that any consumer has to do, as a yardstick for the agent: the library's blocking calls, one connection,
 // consume and acknowledge, nothing else. The agent is to reach a large part of these messages a second.
 //
-// usage: qel_bare_consumer URL QUEUE MESSAGES [PREFETCH [BATCH]]
+// usage: qel_bare_consumer URL QUEUE MESSAGES [PREFETCH [BATCH [AUTHORITIES]]]
 //   BATCH 1 acknowledges each message on its own; more acknowledge so many at a time.
+//   AUTHORITIES is the file of certificates by which the broker of an amqps: URL is known.
 
 #include "Blocking.h"
 
@@ -50,9 +51,11 @@ double Consume(amqp_connection_state_t connection, std::uint64_t messages, std::
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-void Run(const std::string& url, const std::string& queue, std::uint64_t messages, int prefetch, std::uint64_t batch)
+void Run(
+    const std::string& url, const std::string& queue, std::uint64_t messages, int prefetch, std::uint64_t batch,
+    const std::string& authorities)
 {
-    amqp_connection_state_t connection = blocking::Connect(url);
+    amqp_connection_state_t connection = blocking::Connect(url, authorities);
     const double cpu = CpuSeconds();
     blocking::Consume(connection, queue, static_cast<std::uint16_t>(prefetch));
     const double seconds = Consume(connection, messages, batch);
@@ -70,14 +73,15 @@ int main(int argc, char** argv)
 {
     if (argc < 4)
     {
-        std::fprintf(stderr, "usage: %s URL QUEUE MESSAGES [PREFETCH [BATCH]]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s URL QUEUE MESSAGES [PREFETCH [BATCH [AUTHORITIES]]]\n", argv[0]);
         return 2;
     }
     try
     {
         const int prefetch = argc > 4 ? std::atoi(argv[4]) : 1000;
         const std::uint64_t batch = argc > 5 ? std::strtoull(argv[5], nullptr, 10) : 1;
-        Run(argv[1], argv[2], std::strtoull(argv[3], nullptr, 10), prefetch, batch > 0 ? batch : 1);
+        const std::string authorities = argc > 6 ? argv[6] : "";
+        Run(argv[1], argv[2], std::strtoull(argv[3], nullptr, 10), prefetch, batch > 0 ? batch : 1, authorities);
         return 0;
     }
     catch (const std::exception& e)

@@ -6,8 +6,8 @@
 //   ConfigureOnePercent one topic in a hundred is replaced
 //   ConfigureTheSame    the same configuration again
 //   ConfigureAnewWithoutJournal  as ConfigureAnew, with a journal that cannot be written
-//   JournalEach         as many changes, each in a transaction of its own, as the topology notes results
-//   JournalAtOnce       as many in one transaction, as it notes intents
+//   JournalEach         as many changes, each in a transaction of its own, as the topology notes unbinds
+//   JournalAtOnce       as many in one transaction, as it notes intents and the binds that are done
 //
 // items_per_second counts topics (or changes). `asked` is how many requests a topic cost the broker; `bytes_per_topic`
 // what the allocator has handed out for the configuration in force, journal included.

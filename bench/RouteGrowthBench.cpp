@@ -4,7 +4,7 @@
 //   ResolveExact     which application takes it, by exact topics alone
 //   FindAndResolve   both, as a message that arrives on the client queue meets them
 //   ResolveStar, ResolveHash, ResolveInner
-//                    among so many patterns: `a.*.c`, `a.b.#`, and `*.b.c` with different last words
+//                    among so many patterns: `a.*.c`, `a.b.#`, and `*.b.#.d` with different last words
 //   ResolveShare     among 10,000 topics of which so many of a hundred are patterns, `*` and `#` in turns
 //   ResolveForMany   a key that so many applications have
 //
@@ -51,7 +51,7 @@ void AskFor(benchmark::State& state, const std::vector<std::string>& keys, const
     state.counters["found"] = static_cast<double>(found) / static_cast<double>(state.iterations());
 }
 
-/** So many different numbers below `count`, or all of them, in random order: the same in each run. */
+/** At most MOST_KEYS numbers below `count`, drawn at random, some more than once: the same in each run. */
 std::vector<std::size_t> Sample(std::size_t count)
 {
     std::mt19937_64 random(20261121); // NOLINT(bugprone-random-generator-seed): each run shall ask alike
@@ -191,7 +191,7 @@ void ResolveStar(benchmark::State& state)
 
 void ResolveInner(benchmark::State& state)
 {
-    // Each word of a key meets a word and a '*': eight paths to be followed at once.
+    // The first word meets a '*', the second a word and a '*', the others a '#': many paths to be followed at once.
     ResolveAmong(
         state, Argument(state),
         [](std::size_t number)

@@ -8,10 +8,13 @@ from support.plane import ManagementPlane
 from testbed.processes import wait_until
 
 
-def new_agent(bench, folder, queue_type, applications, **broker):
+def new_agent(bench, folder, queue_type, applications, tls=False, **broker):
     """An agent on the parts' broker, as released but for what is given; not started. Named after its folder."""
-    return AgentProcess(folder / "agent", folder.name, bench.node().url(), {
-        "broker": {"queue_type": queue_type, **broker}, "log": {"level": 4}}, applications)
+    options = {"broker": {"queue_type": queue_type, **broker}, "log": {"level": 4}}
+    if tls:
+        options["broker.tls"] = {"ca_file": bench.authorities()}
+    url = bench.node().tls_url() if tls else bench.node().url()
+    return AgentProcess(folder / "agent", folder.name, url, options, applications)
 
 
 def shown(bench, agent, application):

@@ -7,6 +7,7 @@ import sys
 import tempfile
 import time
 
+from support.certificates import Authority
 from testbed.processes import wait_until
 from testbed.rabbitnode import RabbitNode
 
@@ -40,18 +41,20 @@ class Context:
 
     build        the folder of the release build
     quick        whether the figures are to be had soon rather than well
-    repetitions  how many turns every comparison has
+    repetitions  how many turns a comparison has; given, it holds also where a part has a number of its own
     folder       scratch, gone at the end; nothing in it needs quoting
     """
 
     def __init__(self, build, quick, repetitions=None):
         self.build = pathlib.Path(build).resolve()
         self.quick = quick
+        self._asked = repetitions
         self.repetitions = repetitions or (2 if quick else 7)
         self._ends = contextlib.ExitStack()
         self._node = None
         self._serial = 0
         self.folder = None
+        self._authority = None
         os.environ["QEL_AGENT"] = str(self.program("src/agent/qel-agent"))
         os.environ["QELCTL"] = str(self.program("tools/qelctl/qelctl"))
 
@@ -82,8 +85,15 @@ class Context:
         """The broker that the parts share, each finding it empty; started when it is first asked for."""
         if self._node is None:
             self.progress("starting RabbitMQ")
-            self._node = self._ends.enter_context(RabbitNode(self.scratch("rabbit")))
+            self._authority = Authority(self.scratch("certificates"))
+            self._authority.issue("server")
+            self._node = self._ends.enter_context(RabbitNode(self.scratch("rabbit"), tls=self._authority.folder))
         return self._node
+
+    def authorities(self):
+        """The file of certificates by which the shared broker is known over TLS."""
+        self.node()
+        return self._authority.file
 
     def drop_node(self):
         """Ends the shared broker, after a failure; whoever asks next gets a new one."""
@@ -110,9 +120,12 @@ class Context:
                    "all connections to be gone", 120)
 
     def interleave(self, ways, repetitions=None):
-        """Runs every way in turns: {name: action} gives {name: [what each of its runs returned]}."""
+        """Runs every way in turns: {name: action} gives {name: [what each of its runs returned]}.
+
+        repetitions  how many turns it takes here, unless the caller of everything has said
+        """
         results = {name: [] for name in ways}
-        count = repetitions or self.repetitions
+        count = self._asked or repetitions or self.repetitions
         for turn in range(1, count + 1):
             for name, action in ways.items():
                 results[name].append(action())

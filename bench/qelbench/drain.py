@@ -29,13 +29,13 @@ class Drain:
     agent there are also "most", its memory in MiB at its most, and "parked", the messages that took that way.
     """
 
-    def __init__(self, bench, queue_type, messages, body_bytes=256, prefetch=PREFETCH):
+    def __init__(self, bench, queue_type, messages, body_bytes=256, prefetch=PREFETCH, tls=False):
         self.bench, self.node = bench, bench.node()
-        self.messages, self.body_bytes, self.prefetch = messages, body_bytes, prefetch
+        self.messages, self.body_bytes, self.prefetch, self.tls = messages, body_bytes, prefetch, tls
         self.folder = bench.scratch(queue_type)
         # It is halted for as long as filling takes: the broker shall not mind, and it sends itself nothing then.
         self.agent = new_agent(bench, self.folder, queue_type, {APPLICATION: {"window": 2 * prefetch}},
-                               prefetch=prefetch, heartbeat_seconds=300, loop_probe_seconds=0)
+                               tls=tls, prefetch=prefetch, heartbeat_seconds=300, loop_probe_seconds=0)
         self.queue = self.agent.client_queue
         self.output = self.folder / "out"
         self.body = self.folder / "body"
@@ -70,7 +70,9 @@ class Drain:
 
     def bare(self, batch):
         """A consumer in C that does nothing but acknowledge, so many at a time."""
-        consumer = self._spawn("bench/qel_bare_consumer", self.node.url(), self.queue, self.messages, self.prefetch, batch)
+        broker, authorities = (self.node.tls_url(), [self.bench.authorities()]) if self.tls else (self.node.url(), [])
+        consumer = self._spawn("bench/qel_bare_consumer", broker, self.queue, self.messages, self.prefetch, batch,
+                               *authorities)
         try:
             with self._halted(consumer.pid):
                 if consumer.wait(600) != 0:

@@ -9,8 +9,9 @@ import subprocess
 from .context import ROOT
 
 PACKAGES = {"RabbitMQ": "rabbitmq-server", "Erlang": "erlang-base", "rabbitmq-c": "librabbitmq-dev",
-            "gRPC": "libgrpc++-dev", "Protocol Buffers": "libprotobuf-dev", "Boost": "libboost-dev",
-            "pika": "python3-pika", "amqp091-go": "golang-github-rabbitmq-amqp091-go-dev"}
+            "gRPC": "libgrpc++-dev", "Protocol Buffers": "libprotobuf-dev", "Boost": "libboost-dev", "OpenSSL": "libssl-dev",
+            "Google Benchmark": "libbenchmark-dev", "pika": "python3-pika",
+            "amqp091-go": "golang-github-rabbitmq-amqp091-go-dev"}
 PROGRAMS = {"g++": ["g++", "-dumpfullversion"], "Python": ["/usr/bin/python3", "--version"],
             "Node.js": ["node", "--version"], "Go": ["go", "version"]}
 

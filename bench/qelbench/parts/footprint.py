@@ -1,5 +1,5 @@
 """What a configuration of many topics costs: times are the agent's and the broker's together, and the broker has most
-of them, one bind after the other; memory is the resident set of the whole process.
+of them; memory is the resident set of the whole process.
 """
 
 import time

@@ -1,6 +1,6 @@
 """How soon an agent consumes again when it is restarted, with 50 applications known and configured: from the start of
-the process to its word that it consumes. Most of it is the broker's handshake, so a bare consumer in C is timed in
-the same turn from its start to the end of its first message; what counts is the difference.
+the process to its word that it consumes. A part of it is the broker's handshake, so a bare consumer in C is timed in the
+same turn from its start to the end of its first message; what counts is the difference.
 """
 
 import subprocess
