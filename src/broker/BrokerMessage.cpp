@@ -119,7 +119,7 @@ BrokerMessage::BrokerMessage(IncomingMessage&& incoming, Settlement& settlement,
     }
     m_body->bytes = std::move(m_incoming.body);
     m_body->record = {m_body->bytes.size(), reinterpret_cast<const std::uint8_t*>(m_body->bytes.data())};
-    m_footprint = GetBodyLength() + FootprintOf(*m_incoming.properties);
+    m_footprint = m_body->record.length + FootprintOf(*m_incoming.properties);
     m_settlement.Hold(HeldBytes());
 }
 
