@@ -6,6 +6,7 @@
 #include "Require.h"
 #include "SilentBroker.h"
 #include "apps/MessageConversion.h"
+#include "apps/RawMessage.h"
 #include "broker/AmqpFrames.h"
 #include "broker/BrokerMessage.h"
 #include "broker/FrameBuffer.h"
@@ -19,6 +20,7 @@
 #include <google/protobuf/stubs/logging.h>
 
 #include <cstring>
+#include <string_view>
 
 namespace VtxQel::Fuzz
 {
@@ -121,8 +123,14 @@ void CheckMessage(const boost::shared_ptr<BrokerMessage>& message)
     Require(message->GetBodyLength() == message->GetBody()->length, "the body has its length");
     qel::apps::v1::Delivery delivery;
     ToProto(SessionDelivery{1, message, message->GetTries(), message->IsRedelivered()}, false, delivery);
-    qel::apps::v1::Delivery received;
-    Require(received.ParseFromString(delivery.SerializeAsString()), "an application can read the delivery");
+    const boost::shared_ptr<RmqBody> body = message->GetBody();
+    grpc::ByteBuffer bytes;
+    Serialize(delivery, body, bytes);
+    qel::apps::v1::AttachResponse received;
+    Require(Parse(bytes, received).empty(), "an application can read the delivery");
+    Require(received.deliveries().deliveries_size() == 1, "a delivery is sent once");
+    const std::string_view sent(reinterpret_cast<const char*>(body->bytes), body->length);
+    Require(received.deliveries().deliveries(0).body() == sent, "the body arrives as it came");
 }
 
 /** What qelctl prints of it does not throw. */

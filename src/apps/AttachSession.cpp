@@ -22,7 +22,7 @@ constexpr std::size_t mostInBatch = 64;
 constexpr std::size_t mostBytesInBatch = 1048576;
 constexpr std::size_t mostBytesKept = 65536;
 /** From here on it is dearer to copy a body than to send it from where it is, as a piece of its own. */
-constexpr std::size_t largeBody = 16384;
+constexpr std::size_t largeBody = 65536;
 
 grpc::StatusCode CodeOf(SessionEnd why)
 {
@@ -212,10 +212,11 @@ void AttachSession::OnReadDone(bool ok)
 void AttachSession::OnWriteDone(bool /*ok*/)
 {
     // A write that failed is followed by a read that fails and by OnCancel, which end the session.
+    // An idle stream would keep the bodies that it has sent last. They are freed without the lock.
+    grpc::ByteBuffer sent;
     std::unique_lock lock(m_mutex);
     m_writing = false;
-    // An idle stream would keep the bodies that it has sent last.
-    m_toSend.Clear();
+    m_toSend.Swap(&sent);
     if (m_batchBytes > mostBytesKept)
     {
         // Otherwise the response is reused, and its memory with it.
@@ -420,6 +421,7 @@ void AttachSession::SerializeBatch()
     if (isLarge)
     {
         Serialize(m_response.deliveries().deliveries(0), body, m_toSend);
+        m_batchBytes -= body->length;
     }
     else
     {

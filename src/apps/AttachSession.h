@@ -109,7 +109,7 @@ class AttachSession : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::Byt
     /** Deliveries of larger batches. Used again without a Clear(), which would free much of what they need again. */
     std::vector<std::unique_ptr<qel::apps::v1::Delivery>> m_spare;
     grpc::ByteBuffer m_toSend;
-    /** What the batch has, or the response made of it: bodies and headers. */
+    /** What the batch has, or the response made of it: bodies and headers, but for a body that is sent apart. */
     std::size_t m_batchBytes = 0;
     std::deque<SessionDelivery> m_outbox;
     bool m_helloTaken = false;

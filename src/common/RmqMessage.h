@@ -12,7 +12,7 @@
 namespace VtxQel
 {
 
-/** The body of a received message. The bytes belong to the message and live as long as this record is held. */
+/** The body of a received message. The bytes live as long as this record is held, which does not keep the message. */
 struct RmqBody
 {
     std::size_t length;

@@ -379,8 +379,8 @@ TEST_F(GatewayTest, BodiesOfAnySizeComeInOrder)
     std::vector<std::string> bodies;
     for (std::size_t number = 0; number < 60; ++number)
     {
-        const std::size_t size = (number % 4) * 16000;
-        bodies.push_back(std::to_string(number) + std::string(size, static_cast<char>('a' + number % 26)));
+        const std::size_t size = (number % 5) * 32768;
+        bodies.emplace_back(size, static_cast<char>('a' + number % 26));
     }
     Dispatch("first", bodies);
     EXPECT_EQ(BodiesOf(client.ReadDeliveries(bodies.size())), bodies);
@@ -392,7 +392,23 @@ TEST_F(GatewayTest, ABatchOfLargeBodiesStaysSmall)
     AttachLive(client, "first");
     Dispatch("first", std::vector<std::string>(6, std::string(700000, 'x')));
     EXPECT_EQ(client.ReadDeliveries(6).size(), 6U);
-    EXPECT_THAT(client.Batches(), testing::Each(testing::Le(2)));
+    EXPECT_THAT(client.Batches(), testing::Each(1));
+}
+
+TEST_F(GatewayTest, ABatchOfLargeHeadersStaysSmall)
+{
+    m_settings[0].window = 1000;
+    Reload();
+    TestClient client(PathOf("first"));
+    AttachLive(client, "first");
+    FakeMessage message{.body = "small"};
+    message.properties.headers = {{"large", RmqValue::String(std::string(100000, 'x'))}};
+    for (int number = 0; number < 64; ++number)
+    {
+        DispatchOne("first", message);
+    }
+    EXPECT_EQ(client.ReadDeliveries(64).size(), 64U);
+    EXPECT_THAT(client.Batches(), testing::Each(testing::Le(11)));
 }
 
 TEST_F(GatewayTest, ASecondVerdictEndsTheStreamAndRedeliversTheRest)

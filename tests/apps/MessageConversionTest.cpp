@@ -94,6 +94,7 @@ TEST(MessageConversion, ADeliveryKeepsNothingOfTheOneWhosePlaceItTakes)
     const auto empty = boost::make_shared<FakeDelivery>(log, FakeMessage{"", "client"});
     proto::Delivery used;
     ToProto(SessionDelivery{1, full, 1, true}, true, used);
+    used.set_body("left");
     ToProto(SessionDelivery{2, empty}, false, used);
     proto::Delivery fresh;
     ToProto(SessionDelivery{2, empty}, false, fresh);

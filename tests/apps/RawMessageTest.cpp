@@ -47,12 +47,15 @@ TEST_P(RawDeliveryTest, IsReadAsIfItsBodyHadBeenCopied)
     EXPECT_EQ(bytes.Length(), wanted.ByteSizeLong());
     proto::AttachResponse read;
     EXPECT_EQ(Parse(bytes, read), "");
-    EXPECT_EQ(read.SerializeAsString(), wanted.SerializeAsString());
+    ASSERT_EQ(read.deliveries().deliveries_size(), 1);
+    EXPECT_TRUE(read.deliveries().deliveries(0).body() == owned->bytes);
+    read.mutable_deliveries()->mutable_deliveries(0)->clear_body();
+    EXPECT_EQ(read.deliveries().deliveries(0).SerializeAsString(), DeliveryWithoutBody().SerializeAsString());
 }
 
-// Where the lengths need one more byte each, and what may come from a broker at the most.
+// Where the lengths need one more byte each.
 INSTANTIATE_TEST_SUITE_P(
-    Sizes, RawDeliveryTest, testing::Values(1, 60, 127, 128, 16383, 16384, 65536, 2097151, 2097152, 134217728));
+    Sizes, RawDeliveryTest, testing::Values(1, 60, 127, 128, 16383, 16384, 65536, 2097151, 2097152));
 
 TEST(RawDelivery, HoldsTheBodyUntilItIsSent)
 {

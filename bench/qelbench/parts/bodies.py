@@ -3,7 +3,7 @@ and beside it by a bare consumer of the same queue that acknowledges by the hund
 (`broker.prefetch`). Of large bodies those are more than the applications together may hold, half of `broker.max_held_bytes`,
 and the agent puts what is too much into the application's parking queue, where it comes back from: such messages travel twice.
 Therefore a second agent has so small a prefetch that 16 MiB are sent ahead at the most, and a bare consumer has it, too. The
-memory is the most of the whole process: bodies held, their copies on the way in and out.
+memory is the most of the whole process: bodies held, and their copies on the way.
 """
 
 from qelbench.drain import PREFETCH, Drain
