@@ -49,7 +49,7 @@ class Context:
         self.build = pathlib.Path(build).resolve()
         self.quick = quick
         self._asked = repetitions
-        self.repetitions = repetitions or (2 if quick else 7)
+        self.repetitions = repetitions or (1 if quick else 7)
         self._ends = contextlib.ExitStack()
         self._node = None
         self._serial = 0
