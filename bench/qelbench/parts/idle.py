@@ -23,7 +23,7 @@ def one_turn(bench, agent):
     try:
         time.sleep(SETTLING)
         before, began = cpu_seconds(agent.pid), time.monotonic()
-        time.sleep(bench.pick(60, 10))
+        time.sleep(bench.pick(60, 5))
         used = cpu_seconds(agent.pid) - before
         return 100 * used / (time.monotonic() - began), resident_mib(agent.pid)
     finally:

@@ -80,6 +80,6 @@ def of_queue_type(bench, queue_type, results):
 
 def run(bench):
     results = Results()
-    for queue_type in ("classic", "quorum"):
+    for queue_type in bench.pick(("classic", "quorum"), ("quorum",)):
         of_queue_type(bench, queue_type, results)
     return results
