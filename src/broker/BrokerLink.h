@@ -48,7 +48,8 @@ struct LinkSettings
     std::chrono::milliseconds queuePatience{15000};
     /**
      * How long it may be silent about exchanges and own queues, without which nothing works, before another connection
-     * is tried for a first and a second time.
+     * is tried for a first and a second time. Not before everything was ready once in this process: until then the
+     * queues may have to be made, and queuePatience alone holds.
      */
     std::chrono::milliseconds ownQueuePatience{2500};
     /** How long the connection that was left in a move may live for its deliveries to be settled. */

@@ -22,7 +22,6 @@ constexpr Milliseconds REQUEST_RETRY{250};
 constexpr Milliseconds REQUEST_RETRY_CAP{4000};
 constexpr Milliseconds RESTORE_RETRY{1000};
 constexpr Milliseconds RESTORE_RETRY_CAP{30000};
-constexpr unsigned MOST_RENEWALS = 2;
 /** How long an answer may still take when an echo has shown that the line is free. */
 constexpr Milliseconds OWED{1000};
 /** How often to look during the patience with a broker that is silent. */

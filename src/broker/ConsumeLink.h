@@ -143,6 +143,8 @@ class ConsumeLink : private AmqpConnectionHandler
     void CheckRestored();
     void CloseDrainedLater();
 
+    static constexpr unsigned MOST_RENEWALS = 2;
+
     boost::asio::io_context& m_io;
     ConnectionSource& m_source;
     LinkListener& m_listener;
@@ -200,8 +202,12 @@ class ConsumeLink : private AmqpConnectionHandler
         wholly
     };
     Restored m_restored = Restored::no;
-    /** Connections left early since the base was ready. */
-    unsigned m_renewals = 0;
+    /**
+     * Connections left early since the base was ready. Before it was, in this process, none may be: a broker that has
+     * to make the queues of many agents at once takes long, and consuming one that it has half made kills the
+     * connection.
+     */
+    unsigned m_renewals = MOST_RENEWALS;
     /** Answers to what was being restored, so that silence can be told from slowness. */
     std::uint64_t m_restoreReplies = 0;
     bool m_pumping = false;

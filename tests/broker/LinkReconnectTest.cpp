@@ -232,6 +232,28 @@ TEST_F(LinkReconnect, ABrokerThatIsSilentAboutAnOwnQueueIsSoonAskedAgain)
     EXPECT_TRUE(link.Listener().WaitForDeliveries(1));
 }
 
+TEST_F(LinkReconnect, ABrokerIsGivenTimeToMakeTheOwnQueuesAtFirst)
+{
+    const std::string queue = Unique("own");
+    DesiredTopology desired;
+    desired.ownQueues = {Queue(queue, 10)};
+    desired.ownQueues[0].arguments = {{"x-queue-type", RmqValue::String("quorum")}};
+    {
+        const TestLink made(desired);
+    }
+    Rabbitmqctl("eval \"sys:suspend('%2F_" + queue + "').\"");
+    LinkSettings settings = NodeSettings();
+    settings.ownQueuePatience = std::chrono::milliseconds(100);
+    settings.queuePatience = std::chrono::seconds(2);
+    RecordingListener listener;
+    listener.SetDesired(desired);
+    BrokerLink link(settings, listener);
+    link.Start();
+    EXPECT_THAT(listener.WaitForDisconnect(1).value_or(""), HasSubstr("while queues and bindings are restored"));
+    Rabbitmqctl("eval \"sys:resume('%2F_" + queue + "').\"");
+    EXPECT_TRUE(listener.WaitForRestored(1));
+}
+
 TEST_F(LinkReconnect, ABrokerThatRestartsIsFoundAgain)
 {
     m_link->Send(m_queue, "x");
