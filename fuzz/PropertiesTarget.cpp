@@ -125,7 +125,7 @@ void CheckMessage(const boost::shared_ptr<BrokerMessage>& message)
     ToProto(SessionDelivery{1, message, message->GetTries(), message->IsRedelivered()}, false, delivery);
     const boost::shared_ptr<RmqBody> body = message->GetBody();
     grpc::ByteBuffer bytes;
-    Serialize(delivery, body, bytes);
+    SerializeAlone(delivery, body, bytes);
     qel::apps::v1::AttachResponse received;
     Require(Parse(bytes, received).empty(), "an application can read the delivery");
     Require(received.deliveries().deliveries_size() == 1, "a delivery is sent once");

@@ -24,6 +24,11 @@ constexpr std::size_t mostBytesKept = 65536;
 /** From here on it is dearer to copy a body than to send it from where it is, as a piece of its own. */
 constexpr std::size_t largeBody = 65536;
 
+bool IsLarge(const RmqMessage& message)
+{
+    return message.GetBodyLength() >= largeBody;
+}
+
 grpc::StatusCode CodeOf(SessionEnd why)
 {
     switch (why)
@@ -227,6 +232,8 @@ void AttachSession::OnWriteDone(bool /*ok*/)
     if (!m_ending)
     {
         lock.unlock();
+        // Before the next ones are made, so that there are never two.
+        sent.Clear();
         Flush();
     }
     else if (!m_finished)
@@ -400,7 +407,7 @@ bool AttachSession::TakeNext()
     bool isLarge = false;
     while (!m_outbox.empty() && m_batch.size() < mostInBatch && m_batchBytes < mostBytesInBatch && !isLarge)
     {
-        isLarge = m_outbox.front().message->GetBodyLength() >= largeBody;
+        isLarge = IsLarge(*m_outbox.front().message);
         if (isLarge && !m_batch.empty())
         {
             break;
@@ -415,12 +422,13 @@ bool AttachSession::TakeNext()
 /** Makes what is to be sent of the batch: one large body, or several others. */
 void AttachSession::SerializeBatch()
 {
-    const auto body = m_batch.front().message->GetBody();
-    const bool isLarge = body->length >= largeBody;
+    const RmqMessage& front = *m_batch.front().message;
+    const bool isLarge = IsLarge(front);
     FillDeliveries(!isLarge);
     if (isLarge)
     {
-        Serialize(m_response.deliveries().deliveries(0), body, m_toSend);
+        const auto body = front.GetBody();
+        SerializeAlone(m_response.deliveries().deliveries(0), body, m_toSend);
         m_batchBytes -= body->length;
     }
     else

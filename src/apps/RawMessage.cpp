@@ -56,7 +56,7 @@ void Serialize(const google::protobuf::MessageLite& message, grpc::ByteBuffer& b
     Traits::Serialize(message, &bytes, &own);
 }
 
-void Serialize(const proto::Delivery& delivery, const boost::shared_ptr<RmqBody>& body, grpc::ByteBuffer& bytes)
+void SerializeAlone(const proto::Delivery& delivery, const boost::shared_ptr<RmqBody>& body, grpc::ByteBuffer& bytes)
 {
     using Held = boost::shared_ptr<RmqBody>;
     const std::size_t deliverySize = delivery.ByteSizeLong() + FieldSize(body->length);

@@ -25,11 +25,11 @@ std::string Parse(grpc::ByteBuffer& bytes, google::protobuf::MessageLite& messag
 void Serialize(const google::protobuf::MessageLite& message, grpc::ByteBuffer& bytes);
 
 /**
- * A response with this one delivery as it goes to a peer. The body is not copied but sent from where it is; its record
- * is held until then.
- * @param delivery has none, and nothing may be changed in it meanwhile.
+ * A response of Attach with this one delivery as it goes to a peer. The body is not copied but sent from where it is;
+ * its record is held until then.
+ * @param delivery has no body.
  */
-void Serialize(
+void SerializeAlone(
     const qel::apps::v1::Delivery& delivery, const boost::shared_ptr<RmqBody>& body, grpc::ByteBuffer& bytes);
 
 } // namespace VtxQel

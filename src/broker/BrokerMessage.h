@@ -86,7 +86,10 @@ class BrokerMessage : public Delivery, public boost::enable_shared_from_this<Bro
     std::uint32_t CountedTries() const;
     DeliveryCounters& Counters() const;
 
-    /** Of its own: what still sends the bytes must not keep the message, which is settled with its last owner. */
+    /**
+     * Of its own: who sends the bytes may hold them for long, and must not hold the message, which refers to the
+     * settlement and counts as held until it is gone.
+     */
     struct Body
     {
         std::string bytes;

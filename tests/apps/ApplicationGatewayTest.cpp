@@ -354,8 +354,7 @@ TEST_F(GatewayTest, DeliversAndTakesVerdicts)
 
 TEST_F(GatewayTest, ManyDeliveriesComeInOrderAndInBatches)
 {
-    m_settings[0].window = 1000;
-    Reload();
+    WidenWindow();
     TestClient client(PathOf("first"));
     AttachLive(client, "first");
     std::vector<std::string> bodies;
@@ -372,8 +371,7 @@ TEST_F(GatewayTest, ManyDeliveriesComeInOrderAndInBatches)
 
 TEST_F(GatewayTest, BodiesOfAnySizeComeInOrder)
 {
-    m_settings[0].window = 1000;
-    Reload();
+    WidenWindow();
     TestClient client(PathOf("first"));
     AttachLive(client, "first");
     std::vector<std::string> bodies;
@@ -386,7 +384,7 @@ TEST_F(GatewayTest, BodiesOfAnySizeComeInOrder)
     EXPECT_EQ(BodiesOf(client.ReadDeliveries(bodies.size())), bodies);
 }
 
-TEST_F(GatewayTest, ABatchOfLargeBodiesStaysSmall)
+TEST_F(GatewayTest, ALargeBodyIsSentAlone)
 {
     TestClient client(PathOf("first"));
     AttachLive(client, "first");
@@ -397,8 +395,7 @@ TEST_F(GatewayTest, ABatchOfLargeBodiesStaysSmall)
 
 TEST_F(GatewayTest, ABatchOfLargeHeadersStaysSmall)
 {
-    m_settings[0].window = 1000;
-    Reload();
+    WidenWindow();
     TestClient client(PathOf("first"));
     AttachLive(client, "first");
     FakeMessage message{.body = "small"};

@@ -263,6 +263,12 @@ class GatewayTest : public testing::Test
         m_applications.Reload(m_settings);
         return m_gateway.Reload(m_settings);
     }
+    /** Lets the first application have all that a test sends at once. */
+    void WidenWindow()
+    {
+        m_settings[0].window = 1000;
+        Reload();
+    }
     std::string PathOf(const std::string& application) const { return m_gateway.SocketPath(application); }
     /** Makes an attached application live: its parking queue is empty. */
     void MakeLive(const std::string& application)

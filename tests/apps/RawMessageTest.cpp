@@ -39,7 +39,7 @@ TEST_P(RawDeliveryTest, IsReadAsIfItsBodyHadBeenCopied)
 {
     const auto owned = boost::make_shared<Owned>(GetParam());
     grpc::ByteBuffer bytes;
-    Serialize(DeliveryWithoutBody(), boost::shared_ptr<RmqBody>(owned, &owned->record), bytes);
+    SerializeAlone(DeliveryWithoutBody(), boost::shared_ptr<RmqBody>(owned, &owned->record), bytes);
     proto::AttachResponse wanted;
     proto::Delivery& delivery = *wanted.mutable_deliveries()->add_deliveries();
     delivery = DeliveryWithoutBody();
@@ -62,7 +62,7 @@ TEST(RawDelivery, HoldsTheBodyUntilItIsSent)
     auto owned = boost::make_shared<Owned>(100000);
     const boost::weak_ptr<Owned> left = owned;
     grpc::ByteBuffer bytes;
-    Serialize(DeliveryWithoutBody(), boost::shared_ptr<RmqBody>(owned, &owned->record), bytes);
+    SerializeAlone(DeliveryWithoutBody(), boost::shared_ptr<RmqBody>(owned, &owned->record), bytes);
     owned.reset();
     EXPECT_FALSE(left.expired());
     bytes.Clear();

@@ -2,6 +2,7 @@
 #include "broker/RawClient.h"
 
 #include <boost/make_shared.hpp>
+#include <boost/weak_ptr.hpp>
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -243,6 +244,26 @@ TEST_F(SettlementTest, AnAcceptedMessageWithoutReceiversIsAcknowledged)
     End();
     outsider.Publish(settings.names.clientQueue, "second");
     EXPECT_EQ(NextDelivery(), "second");
+}
+
+/** As when it is still being sent to an application that was quicker to answer. */
+TEST_F(SettlementTest, ABodyOutlivesItsMessageAndDoesNotHoldIt)
+{
+    boost::weak_ptr<Delivery> message;
+    Inbox<boost::shared_ptr<RmqBody>> bodies;
+    Begin(
+        [&](const boost::shared_ptr<Delivery>& delivered)
+        {
+            message = delivered;
+            bodies.Put(delivered->GetBody());
+            return true;
+        });
+    outsider.Publish(settings.names.clientQueue, "a body");
+    const auto body = bodies.Take();
+    ASSERT_TRUE(body);
+    End();
+    EXPECT_TRUE(message.expired());
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>((*body)->bytes), (*body)->length), "a body");
 }
 
 TEST_F(SettlementTest, AMessageIsAcknowledgedWhenItsLastReceiverIsDone)
