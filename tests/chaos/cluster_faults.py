@@ -5,7 +5,7 @@ import os
 import signal
 import time
 
-from testbed.processes import wait_until
+from testbed.processes import ProcessFailed, wait_until
 
 from .scene import RECOVERY_PATIENCE, Violation
 
@@ -124,10 +124,18 @@ class ClusterFaults:
             return ""
         self._scene.repairs += 1
         victim.kill()
-        victim.start()
+        self._start(victim)
         if self._scene.wait_for_cluster(RECOVERY_PATIENCE):
             raise Violation(f"the cluster stays {trouble}\n{victim.log_tail()}")
         return f", restarted because the cluster was {trouble}"
+
+    def _start(self, victim):
+        """A node that loses sight of another while it starts may get stuck: it is started again, and that is counted."""
+        try:
+            victim.start()
+        except ProcessFailed:
+            self._scene.repairs += 1
+            victim.start(RECOVERY_PATIENCE)
 
     def _streams(self):
         return self._scene.applications["beta"].gaps, self._scene.upstream.gaps
@@ -147,7 +155,7 @@ class ClusterFaults:
     def _killed(self, victim):
         victim.kill()
         self._hold("killed")
-        victim.start()
+        self._start(victim)
 
     def _bounced(self, victim):
         victim.ctl("stop_app")
@@ -161,7 +169,7 @@ class ClusterFaults:
             raise Violation(f"{victim.name} could not be drained: {drained.stdout}{drained.stderr}")
         victim.stop()
         self._hold("upgraded")
-        victim.start()
+        self._start(victim)
 
     def _isolated(self, victim):
         victim.host.isolate()
