@@ -9,8 +9,8 @@
 //   JournalEach         as many changes, each in a transaction of its own, as the topology notes unbinds
 //   JournalAtOnce       as many in one transaction, as it notes intents and the binds that are done
 //
-// items_per_second counts topics (or changes). `asked` is how many requests a topic cost the broker; `bytes_per_topic`
-// what the allocator has handed out for the configuration in force, journal included.
+// items_per_second counts topics (or changes); `bytes_per_topic` is what the allocator has handed out for the
+// configuration in force, journal included.
 
 #include "GrowthTables.h"
 #include "agent/AgentMsgHandler.h"
@@ -44,21 +44,11 @@ class ObedientBroker : public TopologyPort
   public:
     std::vector<RequestResult> Bind(const std::vector<Binding>& bindings) override
     {
-        asked += bindings.size();
         return std::vector<RequestResult>(bindings.size(), {Answer::ok, 0, ""});
     }
-    RequestResult Unbind(const Binding&) override { return Obey(); }
-    RequestResult Consume(const std::string&) override { return Obey(); }
-    RequestResult StopConsuming(const std::string&) override { return Obey(); }
-
-    std::size_t asked = 0;
-
-  private:
-    RequestResult Obey()
-    {
-        ++asked;
-        return {Answer::ok, 0, ""};
-    }
+    RequestResult Unbind(const Binding&) override { return {Answer::ok, 0, ""}; }
+    RequestResult Consume(const std::string&) override { return {Answer::ok, 0, ""}; }
+    RequestResult StopConsuming(const std::string&) override { return {Answer::ok, 0, ""}; }
 };
 
 class ConfigurationMessage : public RmqMessage
@@ -153,7 +143,6 @@ class Scene
             throw std::runtime_error("the configuration was refused");
         }
     }
-    std::size_t Asked() const { return m_broker.asked; }
     std::size_t Bindings() const { return m_topology.Bindings().size(); }
 
   private:
@@ -177,7 +166,6 @@ class Scene
 void InTurns(benchmark::State& state, Scene& scene, const Message& first, const Message& second, bool timeFirst)
 {
     const auto topics = static_cast<std::size_t>(state.range(0));
-    std::size_t asked = 0;
     bool atFirst = false;
     for ([[maybe_unused]] auto iteration : state)
     {
@@ -187,9 +175,7 @@ void InTurns(benchmark::State& state, Scene& scene, const Message& first, const 
             scene.Configure(first);
             state.ResumeTiming();
         }
-        const std::size_t before = scene.Asked();
         scene.Configure(timeFirst && std::exchange(atFirst, !atFirst) ? first : second);
-        asked += scene.Asked() - before;
     }
     if (scene.Bindings() != topics)
     {
@@ -197,7 +183,6 @@ void InTurns(benchmark::State& state, Scene& scene, const Message& first, const 
     }
     const auto configured = static_cast<double>(state.iterations()) * static_cast<double>(topics);
     state.SetItemsProcessed(static_cast<std::int64_t>(configured));
-    state.counters["asked"] = static_cast<double>(asked) / configured;
 }
 
 void Anew(benchmark::State& state, const std::string& journal)

@@ -234,9 +234,9 @@ void ResolveForMany(benchmark::State& state)
 BENCHMARK(FindRoute)->Arg(10)->Arg(1000)->Arg(100000)->Arg(1000000);
 BENCHMARK(ResolveExact)->Arg(10)->Arg(1000)->Arg(100000)->Arg(1000000);
 BENCHMARK(FindAndResolve)->Arg(10)->Arg(1000)->Arg(100000)->Arg(1000000);
-BENCHMARK(ResolveStar)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
-BENCHMARK(ResolveHash)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
-BENCHMARK(ResolveInner)->Arg(10)->Arg(100)->Arg(1000)->Arg(10000);
+BENCHMARK(ResolveStar)->Arg(10)->Arg(1000)->Arg(100000);
+BENCHMARK(ResolveHash)->Arg(10)->Arg(1000)->Arg(100000);
+BENCHMARK(ResolveInner)->Arg(10)->Arg(1000)->Arg(100000);
 BENCHMARK(ResolveShare)->Arg(0)->Arg(1)->Arg(10)->Arg(50)->Arg(100);
 BENCHMARK(ResolveForMany)->Arg(1)->Arg(10)->Arg(50)->Arg(500);
 

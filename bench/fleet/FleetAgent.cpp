@@ -61,9 +61,7 @@ FleetAgentFigures FleetAgent::Figures() const
     figures.serving = link.restored;
     figures.moves = link.moves;
     figures.failedMoves = link.failedMoves;
-    figures.urlIndex = link.urlIndex;
     figures.lastError = link.lastMoveError.empty() ? link.lastError : link.lastMoveError;
-    figures.failedProbes = m_client->Probe().Status().failed;
     return figures;
 }
 
@@ -107,10 +105,6 @@ std::string FleetAgent::PingReply()
     PingReport report;
     report.id = m_config.id;
     report.version = QEL_VERSION;
-    {
-        const std::lock_guard lock(m_mutex);
-        ++m_figures.pings;
-    }
     report.uptime = std::chrono::steady_clock::now() - m_born;
     return PingReplyBody(std::move(report));
 }

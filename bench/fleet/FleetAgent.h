@@ -32,11 +32,8 @@ struct FleetAgentFigures
     std::uint64_t disconnections = 0;
     std::optional<Moment> lastRestored;
     std::optional<Moment> lastDisconnected;
-    std::uint64_t pings = 0;
     std::uint64_t moves = 0;
     std::uint64_t failedMoves = 0;
-    std::uint64_t failedProbes = 0;
-    std::size_t urlIndex = 0;
     std::string lastError;
 };
 

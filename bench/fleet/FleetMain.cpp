@@ -36,11 +36,8 @@ Json Describe(const FleetAgentFigures& figures)
         {"disconnections", figures.disconnections},
         {"last_restored", SecondsOf(figures.lastRestored)},
         {"last_disconnected", SecondsOf(figures.lastDisconnected)},
-        {"pings", figures.pings},
         {"moves", figures.moves},
         {"failed_moves", figures.failedMoves},
-        {"failed_probes", figures.failedProbes},
-        {"url_index", figures.urlIndex},
         {"last_error", figures.lastError}};
 }
 

@@ -5,16 +5,11 @@ import os
 import pathlib
 import time
 
-TICKS = os.sysconf("SC_CLK_TCK")
+from qelbench.context import cpu_seconds
+
 MIB = 1048576
 #: What the node counts for its statistics. Its log tells of each connection, too, but leaves lines out in a storm.
 OPENED = "element(2, hd(ets:lookup(connection_churn_metrics, node())))."
-
-
-def cpu_seconds(pid):
-    """The processor time that a process and its threads have used."""
-    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii").rpartition(")")[2].split()
-    return (int(fields[11]) + int(fields[12])) / TICKS
 
 
 def status_field(pid, field):

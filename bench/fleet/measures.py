@@ -8,10 +8,9 @@ import uuid
 import pika
 
 from gauge import BrokerGauge, Stopwatch, status_field
+from support.plane import PING, REASSIGN
 from testbed.processes import ProcessFailed, wait_until
 
-PING = "com.brelix.vtx.messaging.ping.PingRequest"
-REASSIGN = "com.brelix.vtx.messaging.discovery.ReassignHint"
 REPLIES = 1000
 READ_EVERY = 20
 

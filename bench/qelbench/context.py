@@ -41,7 +41,7 @@ class Context:
 
     build        the folder of the release build
     quick        whether the figures are to be had soon rather than well
-    repetitions  how many turns a comparison has; given, it holds also where a part has a number of its own
+    repetitions  how many turns everything has; not given, each part says so itself
     folder       scratch, gone at the end; nothing in it needs quoting
     """
 
@@ -49,7 +49,6 @@ class Context:
         self.build = pathlib.Path(build).resolve()
         self.quick = quick
         self._asked = repetitions
-        self.repetitions = repetitions or (1 if quick else 7)
         self._ends = contextlib.ExitStack()
         self._node = None
         self._serial = 0
@@ -73,6 +72,10 @@ class Context:
     def pick(self, full, quick):
         """The size of something: one for real runs, one for quick ones."""
         return quick if self.quick else full
+
+    def turns(self, full=7, quick=1):
+        """How often something is run, unless the caller of everything has said."""
+        return self._asked or self.pick(full, quick)
 
     def scratch(self, name):
         """A new folder for one part's use."""
@@ -109,7 +112,7 @@ class Context:
         """Takes everything off the shared broker, so that no part finds another one's queues."""
         if self._node is None:
             return
-        self.wait_for_no_connection(self._node)
+        # Whoever is still connected is thrown out.
         for command in (["delete_vhost", "/"], ["add_vhost", "/"], ["set_permissions", "guest", ".*", ".*", ".*"]):
             self._node.ctl(*command)
 
@@ -119,13 +122,13 @@ class Context:
         wait_until(lambda: not node.ctl("list_connections", "--no-table-headers", "pid").strip(),
                    "all connections to be gone", 120)
 
-    def interleave(self, ways, repetitions=None):
+    def interleave(self, ways, full=7, quick=1):
         """Runs every way in turns: {name: action} gives {name: [what each of its runs returned]}.
 
-        repetitions  how many turns it takes here, unless the caller of everything has said
+        full, quick  how many turns it takes in runs of either kind, unless the caller of everything has said
         """
         results = {name: [] for name in ways}
-        count = self._asked or repetitions or self.repetitions
+        count = self.turns(full, quick)
         for turn in range(1, count + 1):
             for name, action in ways.items():
                 results[name].append(action())

@@ -1,5 +1,6 @@
 """Where and with what was measured."""
 
+import json
 import os
 import pathlib
 import platform
@@ -59,6 +60,7 @@ def facts():
     versions = {name: _version(_output(["dpkg-query", "-W", "-f=${Version}", package]))
                 for name, package in PACKAGES.items()}
     versions.update({name: _version(_output(command)) for name, command in PROGRAMS.items()})
+    versions.update(json.loads((ROOT / "bench/peers/node/package.json").read_text(encoding="utf-8"))["dependencies"])
     return {"processor": f"{_processor()}, {os.cpu_count()} cores, {platform.machine()}", "memory": _memory(),
             "system": f"{_system()}, Linux {platform.release()}",
             "versions": ", ".join(f"{name} {version}" for name, version in versions.items())}

@@ -41,7 +41,7 @@ class Document:
 
     def write(self):
         self.folder.mkdir(parents=True, exist_ok=True)
-        self.file.write_text(json.dumps(self.content, indent=1, sort_keys=True) + "\n", encoding="utf-8")
+        self.file.write_text(json.dumps(self.content, indent=1) + "\n", encoding="utf-8")
         contents = self.content["parts"]
         found = [(part, contents[part.NAME]) for part in parts.find() if part.NAME in contents]
         for old in self.folder.glob("*.svg"):

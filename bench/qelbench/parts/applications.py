@@ -22,7 +22,7 @@ NAMES = {"rate": "rate", "cpu": "processor time", "before": "memory before"}
 def run(bench):
     scenes = bench.pick(SCENES, QUICK_SCENES)
     crowds = {scene: Crowd(bench, *scene, bench.pick(50000, 5000)) for scene in scenes}
-    turns = bench.interleave({scene: crowd.through_the_agent for scene, crowd in crowds.items()}, bench.pick(5, 1))
+    turns = bench.interleave({scene: crowd.through_the_agent for scene, crowd in crowds.items()}, full=5)
     results = Results()
     figures = {}
     for (known, attached), runs in turns.items():

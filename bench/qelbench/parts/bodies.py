@@ -70,7 +70,7 @@ def run(bench):
     curves = {kind: {way: [] for way in (BARE, AGENT, FITTED_BARE, FITTED)} for kind in ("rate", "cost", "memory")}
     for size in bench.pick(SIZES, QUICK_SIZES):
         bench.progress(f"{messages_of(bench, size)} bodies of {name_of(size)}")
-        turns = bench.interleave(ways_of(bench, size), bench.pick(3, 1))
+        turns = bench.interleave(ways_of(bench, size), full=3)
         for way, runs in turns.items():
             figures = add_way(results, size, way, runs)
             if way in (BARE, FITTED_BARE):

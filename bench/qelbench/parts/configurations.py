@@ -4,7 +4,7 @@ calls of rabbitmq-c, each after the answer to the one before; both by turns, the
 replacement costs: all topics, one in a hundred (of ten, one), none. The broker's bindings are compared with what was asked for.
 
 Below that the agent's own share, inside of the process, with a broker that answers at once, in processor time; and the
-journal's: the difference to a journal that cannot be written.
+journal's share of that: the difference to a journal that cannot be written.
 """
 
 from qelbench import googlebenchmark
@@ -61,7 +61,8 @@ class Turn:
 def on_a_broker(bench, results):
     """Every size in turns with the bare loop. Returns the points of the curves."""
     # A turn of 100,000 would take the broker a quarter of an hour.
-    sizes = {10: bench.repetitions, **bench.pick({1000: bench.repetitions, 10000: 3}, {10: 2, 200: 2})}
+    sizes = {count: bench.turns(full)
+             for count, full in bench.pick({10: 7, 1000: 7, 10000: 3}, {10: 1, 200: 1}).items()}
     points = {"agent": [], "bare loop": [], "all replaced": [], "1 % replaced": [], "the same again": []}
     with ConfiguredAgent(bench.scratch("configurations"), bench.node(), QUEUE_TYPE) as configured:
         bare = BareBinds(bench.program("bench/qel_bare_binds"), configured, QUEUE_TYPE)
@@ -109,7 +110,7 @@ def inside_the_process(bench, results):
     """The agent's own part, from Google Benchmark. Returns the points of the curves."""
     only = bench.pick("", "/(10|1000)$")
     runs = [googlebenchmark.run(bench.program("bench/qel_configuration_bench"), only, bench.pick(0.2, 0.05))
-            for _ in range(bench.pick(3, 2))]
+            for _ in range(bench.turns(full=3))]
     points = {}
     for name in runs[0]:
         base, _, argument = name.partition("/")
@@ -119,7 +120,10 @@ def inside_the_process(bench, results):
         own = results.add(Figure(f"inside, {count:,} topics, {INSIDE[base]}", "µs of processor a topic",
                                  [run[name]["cpu"] / 1e3 / count for run in runs]))
         points.setdefault(INSIDE[base], []).append((count, own.median))
-        if "bytes_per_topic" in runs[0][name] and base == "ConfigureAnew":
+        if base == "ConfigureAnew":
+            without = [run[f"ConfigureAnewWithoutJournal/{argument}"]["cpu"] for run in runs]
+            results.add(Figure(f"inside, {count:,} topics, the journal's share of new topics", "µs of processor a topic",
+                               [(run[name]["cpu"] - other) / 1e3 / count for run, other in zip(runs, without)]))
             results.add(Figure(f"inside, {count:,} topics, memory", "bytes a topic",
                                [run[name]["bytes_per_topic"] for run in runs]))
     return points

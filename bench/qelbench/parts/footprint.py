@@ -50,6 +50,6 @@ def one_turn(bench, topics):
 
 def run(bench):
     topics = bench.pick(10_000, 1_000)
-    turns = bench.interleave({"agent": lambda: one_turn(bench, topics)}, bench.pick(3, 1))["agent"]
+    turns = bench.interleave({"agent": lambda: one_turn(bench, topics)}, full=3)["agent"]
     return Results([Figure(what, "MiB" if what.startswith("memory") else "s", [turn[what] for turn in turns])
                     for what in turns[0]])

@@ -35,6 +35,6 @@ def run(bench):
     agent.start()
     configure_all(bench, agent, APPLICATIONS)
     agent.stop()
-    turns = bench.interleave({"idle": lambda: one_turn(bench, agent)}, bench.pick(3, 1))["idle"]
+    turns = bench.interleave({"idle": lambda: one_turn(bench, agent)}, full=3)["idle"]
     return Results([Figure("idle processor time", "% of a core", [cpu for cpu, _ in turns], at_most(0.1)),
                     Figure("idle memory", "MiB", [memory for _, memory in turns], at_most(25))])

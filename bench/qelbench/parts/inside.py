@@ -23,7 +23,7 @@ def nanoseconds(bench):
 
 def run(bench):
     # A run of the program is a turn: it runs its benchmarks one after the other.
-    turns = bench.interleave({"all": lambda: nanoseconds(bench)}, bench.pick(15, 5))["all"]
+    turns = bench.interleave({"all": lambda: nanoseconds(bench)}, full=15, quick=5)["all"]
     figures = {name: Figure(name, "ns a call", [turn[name] for turn in turns]) for name in turns[0]}
     for name, target in TARGETS.items():
         figures[name].beside(figures[FLOOR], target)

@@ -112,7 +112,7 @@ class Situations:
                 application.wait_for_state("APPLIED")
             turns = self.bench.interleave({"alone": lambda: self.measure("works"),
                                            "neighbours": lambda: self.measure("works", "stuck", "absent"),
-                                           "configuring": self.configuring}, self.bench.pick(3, 1))
+                                           "configuring": self.configuring}, full=3)
         self.agent.stop()
         return turns
 

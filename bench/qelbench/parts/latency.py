@@ -63,7 +63,7 @@ def of_queue_type(bench, queue_type, results):
     agent.start()  # declares the queue
     agent.stop()
     turns = bench.interleave({"agent": lambda: through_the_agent(bench, agent),
-                              "bare": lambda: to_a_bare_consumer(bench, agent)}, bench.pick(5, 2))
+                              "bare": lambda: to_a_bare_consumer(bench, agent)}, full=5)
     for share, target in TARGETS.items():
         runs = {way: [percentile(run, share) for run in found] for way, found in turns.items()}
         label = f"{queue_type}, {100 * share:g} %"

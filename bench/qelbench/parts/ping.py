@@ -28,7 +28,7 @@ class Situations:
     def __init__(self, bench):
         self.bench = bench
         self.seconds = bench.pick(10, 3)
-        self.drain = Drain(bench, "quorum", bench.pick(300_000, 60_000))
+        self.drain = Drain(bench, "quorum", bench.pick(300_000, 30_000))
         self.agent = self.drain.agent
 
     def for_some_seconds(self, queue):
@@ -79,7 +79,7 @@ class Situations:
 def run(bench):
     situations = Situations(bench)
     turns = bench.interleave({"idle": situations.idle, "full load": situations.full_load,
-                              f"{RATE:,} messages/s": situations.steady_load}, bench.pick(5, 1))
+                              f"{RATE:,} messages/s": situations.steady_load}, full=5)
     results = Results()
     targets = {"idle": at_most(5), "full load": at_most(100)}
     for situation, runs in turns.items():

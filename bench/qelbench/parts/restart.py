@@ -57,7 +57,7 @@ def run(bench):
     configure_all(bench, agent, APPLICATIONS)
     agent.stop()
     turns = bench.interleave({"agent": lambda: restart(bench, agent), "bare": lambda: handshake(bench)},
-                             bench.pick(15, 5))
+                             full=15, quick=5)
     return Results([
         Figure("from the start to consuming", "ms", turns["agent"]),
         Figure("a bare consumer's start, handshake and first message", "ms", turns["bare"]),

@@ -1,5 +1,5 @@
-"""What TLS costs: messages of 256 bytes get from a filled quorum queue through the agent to an attached application's
-*done*, over TLS and without, beside a bare consumer in C that acknowledges a hundred at a time.
+"""What TLS costs: messages of 256 bytes get from a filled quorum queue (a quick run: classic) through the agent to an attached
+application's *done*, over TLS and without, beside a bare consumer in C that acknowledges a hundred at a time.
 """
 
 from qelbench.drain import Drain
@@ -15,15 +15,20 @@ NAMES = {"tls": "agent, TLS", "plain": "agent, no TLS", "bare tls": "bare consum
 
 def run(bench):
     messages = bench.pick(100_000, 20_000)
-    plain, secured = (Drain(bench, "quorum", messages, tls=tls) for tls in (False, True))
-    turns = bench.interleave({"tls": secured.through_the_agent, "plain": plain.through_the_agent,
-                              "bare tls": lambda: secured.bare(BATCH), "bare": lambda: plain.bare(BATCH)})
+    queue_type = bench.pick("quorum", "classic")
+    plain, secured = (Drain(bench, queue_type, messages, tls=tls) for tls in (False, True))
+    ways = {"tls": secured.through_the_agent, "bare tls": lambda: secured.bare(BATCH)}
+    if not bench.quick:
+        # That without TLS is in the part end_to_end as well.
+        ways |= {"plain": plain.through_the_agent, "bare": lambda: plain.bare(BATCH)}
+    turns = bench.interleave(ways)
     results = Results()
     for what, unit, suffix in (("rate", "messages/s", ""), ("cpu", "µs a message", ", processor time")):
         figures = {way: results.add(Figure(NAMES[way] + suffix, unit, [run[what] for run in turns[way]]))
-                   for way in NAMES}
-        figures["tls"].beside(figures["plain"])
+                   for way in NAMES if way in turns}
         figures["tls"].beside(figures["bare tls"])
-        figures["bare tls"].beside(figures["bare"])
-        results.bars.append(Bars(what, "quorum queue, with TLS and without", [figures[way].name for way in NAMES]))
+        if "plain" in ways:
+            figures["tls"].beside(figures["plain"])
+            figures["bare tls"].beside(figures["bare"])
+        results.bars.append(Bars(what, f"{queue_type} queue, with TLS and without", [one.name for one in figures.values()]))
     return results
