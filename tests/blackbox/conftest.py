@@ -99,10 +99,12 @@ def session_folder():
 
 
 @pytest.fixture(scope="session")
-def node(session_folder):
-    """The run's node, for tests that do it no harm."""
+def node(request, session_folder):
+    """The run's node, for tests that do it no harm; what it says is printed when one has failed."""
     with RabbitNode(session_folder / "rabbit") as started:
         yield started
+        if request.session.testsfailed:
+            print(started.log_tail(200))
 
 
 @pytest.fixture
