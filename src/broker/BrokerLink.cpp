@@ -90,6 +90,7 @@ class BrokerLink::Impl
     void Publish(const Origin& origin, OutgoingMessage message, PublishCompletion done);
     /** Runs the task on the I/O thread; when that is not there, not at all: false. */
     bool Post(std::function<void()> task);
+    void PauseReading(bool paused);
     FrontEndMove& Moving() { return *m_move; }
     ConsumeLink& Consuming() { return *m_consume; }
     ConnectionSource& Source() { return *m_source; }
@@ -144,6 +145,7 @@ class BrokerLink::Impl
     int m_openLinks = 2;
     bool m_closing = false;
 
+    std::atomic<bool> m_readingPaused{false};
     std::atomic<std::size_t> m_unconfirmed{0};
     std::atomic<std::size_t> m_unconfirmedBytes{0};
 
@@ -201,6 +203,13 @@ bool BrokerLink::Impl::Post(std::function<void()> task)
         asio::post(m_io, std::move(task));
     }
     return m_running;
+}
+
+/** What the I/O thread posts it does after what others have posted meanwhile, so only the last word may count. */
+void BrokerLink::Impl::PauseReading(bool paused)
+{
+    m_readingPaused = paused;
+    Post([this] { m_consume->PauseReading(m_readingPaused); });
 }
 
 std::vector<BrokerLink::Impl::Reply> BrokerLink::Impl::Call(const std::vector<Request>& requests, Milliseconds deadline)
@@ -520,7 +529,7 @@ void BrokerLink::PublishBack(const IncomingMessage& to, OutgoingMessage message,
 
 void BrokerLink::PauseReading(bool paused)
 {
-    m_impl->Post([this, paused] { m_impl->Consuming().PauseReading(paused); });
+    m_impl->PauseReading(paused);
 }
 
 void BrokerLink::MoveTo(std::size_t urlIndex)

@@ -302,7 +302,10 @@ class BrokerLink : public Publisher
     /** Publishes where the delivery came from, which is the front end before during the end of a move. */
     void PublishBack(const IncomingMessage& to, OutgoingMessage message, PublishCompletion completion);
 
-    /** Stops (or goes on) reading deliveries from the socket: the bound on memory when too many bytes are held. */
+    /**
+     * Stops (or goes on) reading deliveries from the socket: the bound on memory when too many bytes are held. The last
+     * call counts, from whichever thread.
+     */
     void PauseReading(bool paused);
 
     /**

@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <thread>
+#include <utility>
 
 namespace VtxQel
 {
@@ -239,6 +241,44 @@ TEST_F(LinkDelivery, PausedReadingHoldsDeliveriesBack)
     EXPECT_EQ(Listener().DeliveryCount(), 1U);
     (*m_link)->PauseReading(false);
     EXPECT_TRUE(Listener().WaitForDeliveries(2));
+}
+
+/** Holds the link's thread up in its first delivery until a test's thread has been there. */
+class ListenerThatPauses : public RecordingListener
+{
+  public:
+    void OnDelivery(IncomingMessage&& message) override
+    {
+        const bool isFirst = DeliveryCount() == 0;
+        RecordingListener::OnDelivery(std::move(message));
+        if (isFirst)
+        {
+            link->PauseReading(true);
+            std::thread([this] { link->PauseReading(false); }).join();
+        }
+    }
+
+    BrokerLink* link = nullptr;
+};
+
+TEST_F(LinkDelivery, TheLastWordOnReadingCountsWhicheverThreadSaysIt)
+{
+    DesiredTopology desired;
+    desired.ownQueues = {Queue(m_queue, 100)};
+    ListenerThatPauses listener;
+    listener.SetDesired(desired);
+    BrokerLink link(NodeSettings(), listener);
+    listener.link = &link;
+    link.Start();
+    ASSERT_TRUE(listener.WaitForRestored(1));
+    TestLink publisher;
+    // The read that waits while the thread is held up takes the second one at most.
+    for (const char* body : {"first", "second", "third"})
+    {
+        publisher.Send(m_queue, body);
+        EXPECT_TRUE(Eventually([&] { return publisher.Count(m_queue) == 0; })) << "the broker has sent it";
+    }
+    EXPECT_TRUE(listener.WaitForDeliveries(3));
 }
 
 TEST_F(LinkDelivery, StopConsumingLeavesDeliveriesToBeSettled)
