@@ -315,10 +315,15 @@ void BrokerClient::OnHeld(std::size_t bytes)
     }
     const std::lock_guard lock(m_readingMutex);
     m_full = full || (m_full && !relieved);
+    UpdateReading();
+}
+
+/** The caller holds m_readingMutex. */
+void BrokerClient::UpdateReading()
+{
     const bool pause = m_full && m_requests == 0;
-    if (pause != m_paused)
+    if (std::exchange(m_paused, pause) != pause)
     {
-        m_paused = pause;
         m_link.PauseReading(pause);
     }
 }
@@ -372,14 +377,12 @@ std::invoke_result_t<Request> BrokerClient::WhileReading(Request request)
     {
         const std::lock_guard lock(m_readingMutex);
         ++m_requests;
-        if (std::exchange(m_paused, false))
-        {
-            m_link.PauseReading(false);
-        }
+        UpdateReading();
     }
     auto result = request();
     const std::lock_guard lock(m_readingMutex);
     --m_requests;
+    UpdateReading();
     return result;
 }
 

@@ -133,6 +133,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
     RequestResult DeclareParking(const QueueSpec& queue);
     void ReconcileParking(const std::string& application);
     void OnHeld(std::size_t bytes);
+    void UpdateReading();
     LoopProbeActions ProbeActions();
     bool IsSaturated() const;
     void ConsumeClientQueueAgain();

@@ -51,6 +51,11 @@ class Inbox
         m_values.pop_front();
         return value;
     }
+    std::size_t Size()
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_values.size();
+    }
 
   private:
     std::mutex m_mutex;
@@ -90,6 +95,17 @@ class Outsider : private LinkListener
         Inbox<PublishResult> answer;
         m_link.Publish(message, [&answer](PublishResult result, const std::string&) { answer.Put(result); });
         ASSERT_EQ(answer.Take(), PublishResult::confirmed);
+    }
+    /** Waits until the queue has no message that the broker has not sent to its consumer. */
+    void WaitUntilSent(const std::string& queue)
+    {
+        const auto end = std::chrono::steady_clock::now() + PATIENCE;
+        QueueCounts counts;
+        do
+        {
+            ASSERT_LT(std::chrono::steady_clock::now(), end);
+            ASSERT_EQ(m_link.CountMessages(queue, PATIENCE, counts).answer, Answer::ok);
+        } while (counts.ready > 0);
     }
     /** Takes the next message of a queue for good. */
     std::optional<IncomingMessage> Get(const QueueSpec& queue)
@@ -264,6 +280,32 @@ TEST_F(SettlementTest, ABodyOutlivesItsMessageAndDoesNotHoldIt)
     End();
     EXPECT_TRUE(message.expired());
     EXPECT_EQ(std::string(reinterpret_cast<const char*>((*body)->bytes), (*body)->length), "a body");
+}
+
+TEST_F(SettlementTest, NothingIsReadBeyondTheBoundAfterARequestEither)
+{
+    settings.maxHeldBytes = 10;
+    Inbox<boost::shared_ptr<Receipt>> receipts;
+    Begin(
+        [&receipts](const boost::shared_ptr<Delivery>& message)
+        {
+            receipts.Put(message->Expect("web"));
+            return true;
+        });
+    outsider.Publish(settings.names.clientQueue, "more than ten");
+    auto first = receipts.Take();
+    ASSERT_TRUE(first);
+    ASSERT_TRUE(client->BindTopic(settings.names.clientQueue, settings.names.exchange, "a topic"));
+    // The read that was waiting when the pause began takes the second one.
+    outsider.Publish(settings.names.clientQueue, "2nd");
+    const auto second = receipts.Take();
+    ASSERT_TRUE(second);
+    outsider.Publish(settings.names.clientQueue, "3rd");
+    outsider.WaitUntilSent(settings.names.clientQueue);
+    EXPECT_EQ(receipts.Size(), 0U);
+    (*first)->Done();
+    first.reset();
+    EXPECT_TRUE(receipts.Take()) << "there is room again";
 }
 
 TEST_F(SettlementTest, AMessageIsAcknowledgedWhenItsLastReceiverIsDone)
