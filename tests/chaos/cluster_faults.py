@@ -23,6 +23,8 @@ FAULTS = {"killed": 4, "bounced": 3, "upgraded": 2, "isolated": 4, "cut off from
 EXPECTED = {"killed": 2.0, "bounced": 2.0, "upgraded": 2.0, "isolated": 15.0,
             "cut off from the other nodes": 15.0, "hung": 15.0}
 REPAIR_PATIENCE = 60.0
+# A node that starts waits so long for the tables of the others, by its default: ten times 30 s.
+START_PATIENCE = 300.0
 SILENT = ("isolated", "cut off from the other nodes", "hung")
 # How long faults last that are noticed at once, and silent ones; the short ones outlast the heartbeats all the same.
 Lengths = collections.namedtuple("Lengths", "noticed silent")
@@ -78,10 +80,12 @@ class ClusterFaults:
         self._say_figures()
 
     def _leader(self):
-        return wait_until(lambda: self._scene.leader_of(self._scene.agent.client_queue), "the client queue's leader")
+        return wait_until(lambda: self._scene.leader_of(self._scene.agent.client_queue), "the client queue's leader",
+                          RECOVERY_PATIENCE, self._scene.node.log_tail)
 
     def _agents_node(self):
-        return wait_until(self._scene.node_of_agent, "the agent to be connected")
+        return wait_until(self._scene.node_of_agent, "the agent to be connected", RECOVERY_PATIENCE,
+                          self._scene.agent.log_tail)
 
     def _any(self):
         return self._random.choice(self._scene.cluster.nodes)
@@ -117,25 +121,30 @@ class ClusterFaults:
         """Waits until the cluster is whole again, and helps it as an operator has to.
 
         A node that was stopped for longer than the others believe in it goes on without having noticed, and the cluster
-        stays partitioned. One that has paused may get stuck on its way back. Both need a restart.
+        stays partitioned. One that has paused may get stuck on its way back. Both need a restart; never of all nodes,
+        which might bring bindings back that were taken away while the cluster was partitioned.
         """
         trouble = self._scene.wait_for_cluster(REPAIR_PATIENCE)
         if not trouble:
             return ""
-        self._scene.repairs += 1
-        victim.kill()
-        self._start(victim)
-        if self._scene.wait_for_cluster(RECOVERY_PATIENCE):
-            raise Violation(f"the cluster stays {trouble}\n{victim.log_tail()}")
+        self._repair(victim)
+        left = self._scene.wait_for_cluster(RECOVERY_PATIENCE)
+        if left:
+            raise Violation(f"the cluster stays {left}\n{victim.log_tail()}")
         return f", restarted because the cluster was {trouble}"
 
-    def _start(self, victim):
-        """A node that loses sight of another while it starts may get stuck: it is started again, and that is counted."""
+    def _or_repair(self, victim, start):
+        """A node that loses sight of another while it starts may get stuck: that is the broker's affair, not ours."""
         try:
-            victim.start()
-        except ProcessFailed:
-            self._scene.repairs += 1
-            victim.start(RECOVERY_PATIENCE)
+            start()
+        except ProcessFailed as failure:
+            self._say(f"{victim.address} is stuck in its start and is started again: {failure}")
+            self._repair(victim)
+
+    def _repair(self, victim):
+        self._scene.repairs += 1
+        victim.kill()
+        victim.start(START_PATIENCE)
 
     def _streams(self):
         return self._scene.applications["beta"].gaps, self._scene.upstream.gaps
@@ -155,12 +164,12 @@ class ClusterFaults:
     def _killed(self, victim):
         victim.kill()
         self._hold("killed")
-        self._start(victim)
+        self._or_repair(victim, victim.start)
 
     def _bounced(self, victim):
         victim.ctl("stop_app")
         self._hold("bounced")
-        victim.ctl("start_app")
+        self._or_repair(victim, lambda: victim.ctl("start_app"))
 
     def _upgraded(self, victim):
         """As an upgrade goes: the node hands over what it leads, sends its clients away, stops, and starts again."""
@@ -169,7 +178,7 @@ class ClusterFaults:
             raise Violation(f"{victim.name} could not be drained: {drained.stdout}{drained.stderr}")
         victim.stop()
         self._hold("upgraded")
-        self._start(victim)
+        self._or_repair(victim, victim.start)
 
     def _isolated(self, victim):
         victim.host.isolate()

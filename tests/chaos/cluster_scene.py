@@ -79,7 +79,10 @@ class ClusterScene(Scene):
             return "stuck"
         if seen != whole:
             return "partitioned"
-        wait_until(self._has_all_members, "the quorum queues to have all their members", patience, self.node.log_tail)
+        try:
+            wait_until(self._has_all_members, "the quorum queues to have all their members", patience)
+        except ProcessFailed:
+            return "without some members of its quorum queues"
         return ""
 
     def _settled_views(self, whole):
@@ -90,11 +93,16 @@ class ClusterScene(Scene):
 
     def _views(self):
         """For every node the number of nodes that run for it, and those that it is partitioned from."""
-        answers = [node.ctl("eval", "io:format(\"~b ~p\", [length(rabbit_nodes:all_running()), "
-                                    "rabbit_node_monitor:partitions()]).", check=False).stdout.partition("\n")[0]
-                   for node in self.cluster.nodes]
-        return {(int(count) if count.isdigit() else 0, partitions.removesuffix("ok"))
-                for count, _, partitions in (answer.partition(" ") for answer in answers)}
+        return {self._view_of(node) for node in self.cluster.nodes}
+
+    def _view_of(self, node):
+        try:
+            answer = node.ctl("eval", "io:format(\"~b ~p\", [length(rabbit_nodes:all_running()), "
+                                      "rabbit_node_monitor:partitions()]).").partition("\n")[0]
+        except ProcessFailed:
+            return 0, ""
+        count, _, partitions = answer.partition(" ")
+        return int(count) if count.isdigit() else 0, partitions.removesuffix("ok")
 
     def _has_all_members(self):
         try:

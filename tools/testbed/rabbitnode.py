@@ -14,6 +14,7 @@ from .processes import ProcessFailed, end, free_ports, listening, spawn, tail, w
 
 NODE_NAME = "qel@localhost"
 START_ATTEMPTS = 5
+TOOL_PATIENCE = 120.0
 
 
 def programs_folder():
@@ -172,10 +173,18 @@ class RabbitNode:
         return done.stdout
 
     def tool(self, program, *arguments):
-        """Runs one of RabbitMQ's command line tools against this node and returns the completed process."""
-        return subprocess.run(
-            list(map(str, self._placed([self.programs / program, "-n", self.name, *arguments]))),
-            env=self._environment, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=120, check=False)
+        """Runs one of RabbitMQ's command line tools against this node and returns the completed process.
+
+        @raises ProcessFailed when it does not end
+        """
+        try:
+            return subprocess.run(
+                list(map(str, self._placed([self.programs / program, "-n", self.name, *arguments]))),
+                env=self._environment, stdin=subprocess.DEVNULL, capture_output=True, text=True,
+                timeout=TOOL_PATIENCE, check=False)
+        except subprocess.TimeoutExpired:
+            raise ProcessFailed(f"{program} {' '.join(map(str, arguments))} did not end within {TOOL_PATIENCE:.0f} s\n"
+                                f"{self.log_tail()}") from None
 
     def publish(self, exchange, routing_key, *bodies, vhost="/", **properties):
         """Publishes persistent messages inside of the node, for when it takes none from outside (an alarm)."""
