@@ -42,7 +42,7 @@ BrokerClient::BrokerClient(
           [this](std::chrono::seconds delay, Scheduler::Task task) { m_timers.After(delay, std::move(task)); }),
       m_probe(m_settings.loopProbe, m_info->clientQueue, ProbeActions())
 {
-    m_settlement.SetHeldObserver([this](std::size_t bytes) { OnHeld(bytes); });
+    m_settlement.SetHeldObserver([this] { OnHeld(); });
 }
 
 BrokerClient::~BrokerClient()
@@ -304,17 +304,23 @@ RequestResult BrokerClient::DeclareParking(const QueueSpec& queue)
     return WhileReading([&] { return m_link.DeclareQueue(queue, REQUEST_BUDGET); });
 }
 
-void BrokerClient::OnHeld(std::size_t bytes)
+void BrokerClient::OnHeld()
 {
-    const bool full = bytes > m_settings.maxHeldBytes;
-    const bool relieved = bytes <= m_settings.maxHeldBytes / 2;
-    if (m_full ? !relieved : !full)
+    const std::size_t most = m_settings.maxHeldBytes;
+    const std::size_t bytes = m_settlement.HeldBytes();
+    if (m_full ? bytes > most / 2 : bytes <= most)
     {
-        // Nearly always so; a change missed here is seen with the next message.
+        // Nearly always so.
         return;
     }
     const std::lock_guard lock(m_readingMutex);
-    m_full = full || (m_full && !relieved);
+    // Others hold and release meanwhile. One that releases the rest either sees m_full, or is seen by the second look:
+    // with nothing held and reading paused nobody would ever come here again.
+    do
+    {
+        const std::size_t held = m_settlement.HeldBytes();
+        m_full = held > most || (m_full && held > most / 2);
+    } while (m_full && m_settlement.HeldBytes() <= most / 2);
     UpdateReading();
 }
 

@@ -132,7 +132,7 @@ class BrokerClient : public RmqClient, private LinkListener, private TopologyPor
 
     RequestResult DeclareParking(const QueueSpec& queue);
     void ReconcileParking(const std::string& application);
-    void OnHeld(std::size_t bytes);
+    void OnHeld();
     void UpdateReading();
     LoopProbeActions ProbeActions();
     bool IsSaturated() const;

@@ -168,19 +168,19 @@ bool Settlement::HasDeadLetterExchange(const std::string& queue) const
 
 void Settlement::Hold(std::size_t bytes)
 {
-    const std::size_t held = m_held += bytes;
+    m_held += bytes;
     if (m_heldObserver && bytes != 0)
     {
-        m_heldObserver(held);
+        m_heldObserver();
     }
 }
 
 void Settlement::Release(std::size_t bytes)
 {
-    const std::size_t held = m_held -= bytes;
+    m_held -= bytes;
     if (m_heldObserver && bytes != 0)
     {
-        m_heldObserver(held);
+        m_heldObserver();
     }
 }
 

@@ -85,7 +85,7 @@ class Settlement
     std::size_t HeldBytes() const { return m_held; }
 
     /** Bytes of the bodies of all messages in the agent's hands; the observer is told of each change. */
-    void SetHeldObserver(std::function<void(std::size_t bytes)> observer) { m_heldObserver = std::move(observer); }
+    void SetHeldObserver(std::function<void()> observer) { m_heldObserver = std::move(observer); }
     void Hold(std::size_t bytes);
     void Release(std::size_t bytes);
 
@@ -120,7 +120,7 @@ class Settlement
     const std::string m_parkingPrefix;
     Scheduler& m_worker;
     const std::function<bool(const std::string& queue)> m_declare;
-    std::function<void(std::size_t bytes)> m_heldObserver;
+    std::function<void()> m_heldObserver;
     DeliveryCounters m_counters;
     std::atomic<std::size_t> m_held{0};
     std::mutex m_mutex;
