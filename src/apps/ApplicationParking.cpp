@@ -46,7 +46,9 @@ void Application::OfferLive(Item item)
 
 void Application::OfferSwitching(Item item)
 {
-    const bool fits = !ExceedsOwnBound(item.bytes) && !m_context.budget.WouldExceedShare(m_held, item.bytes);
+    // A message over the bound for all may stop the reading by which the marker that it waits for has to come.
+    const bool fits = m_context.budget.Fits(item.bytes) && !ExceedsOwnBound(item.bytes) &&
+                      !m_context.budget.WouldExceedShare(m_held, item.bytes);
     if (fits && m_context.budget.TryHold(m_held, item.bytes))
     {
         m_behindMarker.push_back(std::move(item));

@@ -32,6 +32,8 @@ class HoldBudget
 
     /** Takes a message on; `false`, and nothing is taken, when the bytes would exceed the bound for all. */
     bool TryHold(HeldAmount& held, std::size_t bytes);
+    /** Whether the bound for all leaves room for a message of this size at all; TryHold takes a larger one alone. */
+    bool Fits(std::size_t bytes) const { return bytes <= m_limit.bytes; }
     /** Gives back what TryHold took. */
     void Release(HeldAmount& held, std::size_t bytes);
     /** Whether the application would hold more than its share with one more message of this size. */

@@ -631,6 +631,22 @@ TEST_F(SlowApplicationTest, TooMuchWhileSwitchingGoesBackToDraining)
     EXPECT_EQ(Flow(), ApplicationFlow::live);
 }
 
+/** Held, it might stop the reading by which the marker has to come. */
+TEST_F(SlowApplicationTest, AMessageOverTheBoundForAllDoesNotWaitBehindAMarker)
+{
+    Answer(m_id, 1);
+    Answer(m_id, 2);
+    ASSERT_EQ(m_budget.Held().messages, 0U);
+    OfferLive({"10"});
+    m_application->MarkerReturned(m_parking.LastMarker());
+    ASSERT_EQ(Flow(), ApplicationFlow::switching);
+    m_log.Take();
+    const std::string large(budgetBytes + 1, 'x');
+    OfferLive({large});
+    EXPECT_THAT(m_log.Take(), ElementsAre(large + " park"));
+    EXPECT_EQ(Flow(), ApplicationFlow::draining);
+}
+
 TEST_F(SlowApplicationTest, AShortAbsenceWhileDrainingKeepsEverythingInOrder)
 {
     OfferParked({"3", "4"});
