@@ -76,7 +76,8 @@ void ConsumeLink::GiveUp()
 
 void ConsumeLink::Connect()
 {
-    if (m_stopping || m_gaveUp)
+    // A timer that was cancelled when it had expired comes all the same.
+    if (m_stopping || m_gaveUp || m_connection)
     {
         return;
     }

@@ -56,7 +56,14 @@ void FrontEndMove::Begin(std::size_t urlIndex)
     m_links.consume.BeginMove();
     m_trial = std::make_shared<MoveTrial>(
         m_io, m_source, m_listener, MoveTrial::Plan{urlIndex, m_links.publish.IsInUse(), m_links.consume.Lacking()},
-        [this](const std::string& why) { OnTrial(why); });
+        [this, number = m_number](const std::string& why)
+        {
+            // One that was given up lives until its end is handled, and may be done before that.
+            if (m_trial && number == m_number)
+            {
+                OnTrial(why);
+            }
+        });
     m_trial->Start();
 }
 

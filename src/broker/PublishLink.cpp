@@ -95,7 +95,8 @@ void PublishLink::End(Publication& publication, PublishResult result, const std:
 
 void PublishLink::Connect()
 {
-    if (m_stopping)
+    // A timer that was cancelled when it had expired comes all the same.
+    if (m_stopping || m_connection)
     {
         return;
     }
@@ -539,7 +540,7 @@ void PublishLink::StartTick()
         [this](const error_code& error)
         {
             m_ticking = false;
-            if (!error)
+            if (!error && !m_stopping)
             {
                 OnTick();
             }
